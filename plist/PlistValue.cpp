@@ -39,7 +39,9 @@ Dictionary& Dictionary::operator=(Dictionary&& other) noexcept {
     return *this;
 }
 
-void Dictionary::invalidateIndex() { index_.reset(); }
+void Dictionary::invalidateIndex() {
+    index_.reset();
+}
 
 const std::unordered_map<std::string_view, size_t>* Dictionary::index() const {
     if (entries_.size() < kIndexThreshold) return nullptr;
@@ -127,14 +129,22 @@ std::optional<bool> Dictionary::getBoolean(std::string_view key) const {
 
 const char* kindName(Kind kind) {
     switch (kind) {
-        case Kind::Dictionary: return "dictionary";
-        case Kind::Array: return "array";
-        case Kind::String: return "string";
-        case Kind::Data: return "data";
-        case Kind::Integer: return "integer";
-        case Kind::Real: return "real";
-        case Kind::Boolean: return "boolean";
-        case Kind::Date: return "date";
+        case Kind::Dictionary:
+            return "dictionary";
+        case Kind::Array:
+            return "array";
+        case Kind::String:
+            return "string";
+        case Kind::Data:
+            return "data";
+        case Kind::Integer:
+            return "integer";
+        case Kind::Real:
+            return "real";
+        case Kind::Boolean:
+            return "boolean";
+        case Kind::Date:
+            return "date";
     }
     return "unknown";
 }
@@ -196,14 +206,22 @@ bool operator==(const Value& a, const Value& b) {
     if (ka == Kind::Real && kb == Kind::Integer) return integerEqualsReal(*b.asInteger(), *a.asReal());
     if (ka != kb) return false;
     switch (ka) {
-        case Kind::Dictionary: return dictionariesEqual(*a.asDictionary(), *b.asDictionary());
-        case Kind::Array: return *a.asArray() == *b.asArray();
-        case Kind::String: return *a.asString() == *b.asString();
-        case Kind::Data: return *a.asData() == *b.asData();
-        case Kind::Real: return *a.asReal() == *b.asReal();
-        case Kind::Boolean: return *a.asBoolean() == *b.asBoolean();
-        case Kind::Date: return a.asDate()->secondsSince2001 == b.asDate()->secondsSince2001;
-        case Kind::Integer: break;
+        case Kind::Dictionary:
+            return dictionariesEqual(*a.asDictionary(), *b.asDictionary());
+        case Kind::Array:
+            return *a.asArray() == *b.asArray();
+        case Kind::String:
+            return *a.asString() == *b.asString();
+        case Kind::Data:
+            return *a.asData() == *b.asData();
+        case Kind::Real:
+            return *a.asReal() == *b.asReal();
+        case Kind::Boolean:
+            return *a.asBoolean() == *b.asBoolean();
+        case Kind::Date:
+            return a.asDate()->secondsSince2001 == b.asDate()->secondsSince2001;
+        case Kind::Integer:
+            break;
     }
     return false;
 }
@@ -263,7 +281,9 @@ void describe(const Value& v, std::string& out, int indent) {
             out += pad + ")";
             break;
         }
-        case Kind::String: appendQuoted(out, *v.asString()); break;
+        case Kind::String:
+            appendQuoted(out, *v.asString());
+            break;
         case Kind::Data: {
             out += "{length = " + std::to_string(v.asData()->size()) + ", bytes = 0x";
             const Data& d = *v.asData();
@@ -291,8 +311,13 @@ void describe(const Value& v, std::string& out, int indent) {
             out += buf;
             break;
         }
-        case Kind::Real: snprintf(buf, sizeof buf, "%.17g", *v.asReal()); out += buf; break;
-        case Kind::Boolean: out += *v.asBoolean() ? "1" : "0"; break;
+        case Kind::Real:
+            snprintf(buf, sizeof buf, "%.17g", *v.asReal());
+            out += buf;
+            break;
+        case Kind::Boolean:
+            out += *v.asBoolean() ? "1" : "0";
+            break;
         case Kind::Date: {
             const double unix = v.asDate()->toUnix();
             if (!std::isfinite(unix) || unix > 253402300799.0 || unix < -62135596800.0) {

@@ -59,7 +59,7 @@ struct Date {
 
 // Dictionary with string keys in insertion order.
 class Dictionary {
-public:
+  public:
     using Entry = std::pair<std::string, Value>;
 
     Dictionary();
@@ -99,7 +99,7 @@ public:
     const Integer* getInteger(std::string_view key) const;
     std::optional<bool> getBoolean(std::string_view key) const;
 
-private:
+  private:
     static constexpr size_t kIndexThreshold = 16;
     void invalidateIndex();
     const std::unordered_map<std::string_view, size_t>* index() const;
@@ -113,7 +113,7 @@ enum class Kind : uint8_t { Dictionary, Array, String, Data, Integer, Real, Bool
 const char* kindName(Kind kind);
 
 class Value {
-public:
+  public:
     Value() : v_(std::string()) {}  // an empty string
     Value(Dictionary d) : v_(std::move(d)) {}
     Value(Array a) : v_(std::move(a)) {}
@@ -127,9 +127,9 @@ public:
     Value(Date d) : v_(d) {}
     // Integers: signed types give a signed integer, unsigned types an unsigned one.
     template <class T>
-        requires(std::is_integral_v<T> && !std::is_same_v<T, bool>)
-    Value(T n) : v_(std::is_signed_v<T> ? Integer::fromSigned(static_cast<int64_t>(n))
-                                        : Integer::fromUnsigned(static_cast<uint64_t>(n))) {}
+    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Value(T n)
+        : v_(std::is_signed_v<T> ? Integer::fromSigned(static_cast<int64_t>(n))
+                                 : Integer::fromUnsigned(static_cast<uint64_t>(n))) {}
 
     Kind kind() const { return static_cast<Kind>(v_.index()); }
 
@@ -171,7 +171,7 @@ public:
     // A readable one-line-per-entry description, used by "%@" in log lines.
     std::string description() const;
 
-private:
+  private:
     std::variant<Dictionary, Array, std::string, Data, Integer, double, bool, Date> v_;
 };
 

@@ -14,8 +14,8 @@
 #pragma once
 
 #include <array>
-#include <memory>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -26,14 +26,13 @@ namespace qvl {
 
 // One formatting argument. Holds views: it must not outlive the call.
 class QVLLogArg {
-public:
+  public:
     enum class Kind { Null, Signed, Unsigned, Real, String, Value };
 
     QVLLogArg() : kind_(Kind::Null) {}
     QVLLogArg(std::nullptr_t) : kind_(Kind::Null) {}
     template <class T>
-        requires(std::is_integral_v<T> || std::is_enum_v<T>)
-    QVLLogArg(T n) {
+    requires(std::is_integral_v<T> || std::is_enum_v<T>) QVLLogArg(T n) {
         if constexpr (std::is_enum_v<T>) {
             kind_ = Kind::Signed;
             s_ = static_cast<int64_t>(n);
@@ -62,7 +61,7 @@ public:
     std::string_view stringValue() const { return str_; }
     const plist::Value* value() const { return value_; }
 
-private:
+  private:
     Kind kind_ = Kind::Null;
     int64_t s_ = 0;
     uint64_t u_ = 0;

@@ -17,7 +17,7 @@
 namespace qvl {
 
 class QVLLogModel {
-public:
+  public:
     static QVLLogModel& sharedInstance();
 
     // Formats and logs; the variadic form lives in QVLLog.h.
@@ -41,22 +41,33 @@ public:
     // The date text of a log line for a given time (seconds since 1970).
     static std::string dateText(double unixSeconds);
 
-    // Test hooks. A capture sees every message (without the date), in order,
-    // as logMessage receives it; it is called outside the file lock. Pass an
-    // empty function to remove it. Tests use QVLLogCapture instead.
+    // Sends a message to the system log only (used directly for the expiry
+    // messages, which are written before the file is open).
+    void systemLog(std::string_view message);
+
+    // Test hooks. A capture sees every system-log message (so every logged
+    // message, without the date), in order; it is called outside the file
+    // lock. Pass an empty function to remove it. Tests use QVLLogCapture.
     void setCaptureForTesting(std::function<void(std::string_view)> capture);
+    std::function<void(std::string_view)> captureForTesting();
+    // Replaces the clock (Unix seconds) used for line dates and expiry.
+    void setClockForTesting(std::function<double()> clock);
     // Closes the file stream (tests only; the helper never closes it).
     void closeLogFileForTesting();
 
-private:
+  private:
     QVLLogModel() = default;
     bool enableLogToFilesUnder(const std::string& folder, const std::string& prefix, long expireDays,
                                bool skipFinishDemoRestore);
+    static bool writabilityTest(const std::string& folder);
+    void removeExpiredEntries(const std::string& folder, long expireDays, bool skipFinishDemoRestore);
+    double now() const;
 
     FILE* logFP_ = nullptr;
-    mutable std::mutex lock_;
-    std::mutex captureLock_;
+    mutable std::mutex lock_;  // orders file writes; the model's lock
+    mutable std::mutex captureLock_;
     std::function<void(std::string_view)> capture_;
+    std::function<double()> clock_;
 };
 
 }  // namespace qvl

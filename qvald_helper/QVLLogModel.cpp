@@ -1,0 +1,209 @@
+#include "qvald_helper/QVLLogModel.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+
+#include "plist/PlistValue.h"
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kFinishDemoRestoreLog = "finish-demo-retore.log";
+constexpr const char* kWritabilityProbe = "testWritability.log";
+
+double unixNow() {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+}
+
+bool createFolderWithIntermediates(const std::string& folder) {
+    std::error_code ec;
+    if (fs::is_directory(folder, ec)) return true;
+    fs::create_directories(folder, ec);
+    return !ec && fs::is_directory(folder, ec);
+}
+
+// The entry's creation date in Unix seconds. The birth time is used where the
+// file system records one; where it does not, the modification time stands in
+// for it: a log file is only appended to, so its modification time is never
+// earlier than its birth and the fallback can only keep a file longer, never
+// remove it early. No attributes: no date, and the entry is kept.
+std::optional<double> creationDate(const std::string& path) {
+    struct statx sx {};
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &sx) != 0)
+        return std::nullopt;
+    const auto& t = (sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_mtime;
+    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
+
+std::string expandTilde(const std::string& path) {
+    if (path.empty() || path[0] != '~') return path;
+    const char* home = getenv("HOME");
+    if (!home || (path.size() > 1 && path[1] != '/')) return path;
+    return std::string(home) + path.substr(1);
+}
+
+// The system-log copy; also what tests capture.
+void writeSystemLog(std::string_view message) {
+    syslog(LOG_NOTICE, "%.*s", static_cast<int>(message.size()), message.data());
+}
+
+}  // namespace
+
+QVLLogModel& QVLLogModel::sharedInstance() {
+    static QVLLogModel* model = new QVLLogModel();  // lives until exit; never destroyed mid-log
+    return *model;
+}
+
+std::string QVLLogModel::dateText(double unixSeconds) {
+    time_t t = static_cast<time_t>(std::floor(unixSeconds));
+    tm parts{};
+    gmtime_r(&t, &parts);
+    char buf[64];
+    strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &parts);
+    return buf;
+}
+
+void QVLLogModel::systemLog(std::string_view message) {
+    writeSystemLog(message);
+    std::function<void(std::string_view)> capture;
+    {
+        std::lock_guard<std::mutex> guard(captureLock_);
+        capture = capture_;
+    }
+    if (capture) capture(message);
+}
+
+void QVLLogModel::logMessage(std::string_view message) {
+    std::string line = QVLStringWithFormat("%@ %@\n", dateText(now()), message);
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (logFP_) {
+            fwrite(line.data(), 1, line.size(), logFP_);
+            fflush(logFP_);
+        }
+    }
+    systemLog(message);
+}
+
+bool QVLLogModel::enableLogToFile(const std::string& requestedPath) {
+    const std::string path = expandTilde(requestedPath);
+    const std::string parent = fs::path(path).parent_path().string();
+    if (!parent.empty() && !createFolderWithIntermediates(parent)) return false;
+    // "e": the log stream must not leak into anything the helper starts.
+    FILE* fp = fopen(path.c_str(), "ae");
+    if (!fp) return false;
+    std::lock_guard<std::mutex> guard(lock_);
+    // The earlier stream, if any, is closed: the helper opens one per
+    // process, and a replaced stream would otherwise leak its descriptor.
+    if (logFP_) fclose(logFP_);
+    logFP_ = fp;
+    return true;
+}
+
+bool QVLLogModel::logToFileEnabled() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return logFP_ != nullptr;
+}
+
+std::string QVLLogModel::fileNameForTodayUnder(const std::string& folder, const std::string& prefix) {
+    time_t t = time(nullptr);
+    tm parts{};
+    localtime_r(&t, &parts);
+    return QVLStringWithFormat("%@/%@-%4ld%02ld%02ld.log", folder, prefix,
+                               static_cast<long>(parts.tm_year + 1900), static_cast<long>(parts.tm_mon + 1),
+                               static_cast<long>(parts.tm_mday));
+}
+
+bool QVLLogModel::enableLogToFilesUnder(const std::string& folder, const std::string& prefix,
+                                        long expireDays) {
+    return enableLogToFilesUnder(folder, prefix, expireDays, false);
+}
+
+bool QVLLogModel::enableLogToFilesUnder_skipFinishDemoRestore(const std::string& folder,
+                                                              const std::string& prefix, long expireDays) {
+    return enableLogToFilesUnder(folder, prefix, expireDays, true);
+}
+
+bool QVLLogModel::writabilityTest(const std::string& folder) {
+    const std::string probe = folder + "/" + kWritabilityProbe;
+    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) return false;
+    const bool written = write(fd, "a", 1) == 1;
+    close(fd);
+    unlink(probe.c_str());  // the outcome of the removal is not looked at
+    return written;
+}
+
+void QVLLogModel::removeExpiredEntries(const std::string& folder, long expireDays,
+                                       bool skipFinishDemoRestore) {
+    const double cutoff = now() - static_cast<double>(expireDays) * 86400.0;
+    const std::string cutoffText = plist::Value(plist::Date::fromUnix(cutoff)).description();
+    std::error_code ec;
+    fs::directory_iterator it(folder, ec);
+    if (ec) return;
+    for (; it != fs::directory_iterator(); it.increment(ec)) {
+        if (ec) break;
+        const std::string name = it->path().filename().string();
+        if (skipFinishDemoRestore && name == kFinishDemoRestoreLog) continue;
+        const std::string fullPath = folder + "/" + name;
+        systemLog(QVLStringWithFormat("Checking existing log file (full path) %@ against %@", fullPath,
+                                      cutoffText));
+        const std::optional<double> created = creationDate(fullPath);
+        if (!created || !(*created < cutoff)) continue;
+        systemLog(QVLStringWithFormat("Removing %@ whose creation date is %@.", fullPath,
+                                      plist::Value(plist::Date::fromUnix(*created)).description()));
+        std::error_code removeError;
+        fs::remove_all(fullPath, removeError);  // a failed removal is ignored
+    }
+}
+
+bool QVLLogModel::enableLogToFilesUnder(const std::string& folder, const std::string& prefix, long expireDays,
+                                        bool skipFinishDemoRestore) {
+    if (!createFolderWithIntermediates(folder)) return false;
+    if (!writabilityTest(folder)) return false;
+    removeExpiredEntries(folder, expireDays, skipFinishDemoRestore);
+    return enableLogToFile(fileNameForTodayUnder(folder, prefix));
+}
+
+double QVLLogModel::now() const {
+    std::lock_guard<std::mutex> guard(captureLock_);
+    return clock_ ? clock_() : unixNow();
+}
+
+void QVLLogModel::setCaptureForTesting(std::function<void(std::string_view)> capture) {
+    std::lock_guard<std::mutex> guard(captureLock_);
+    capture_ = std::move(capture);
+}
+
+std::function<void(std::string_view)> QVLLogModel::captureForTesting() {
+    std::lock_guard<std::mutex> guard(captureLock_);
+    return capture_;
+}
+
+void QVLLogModel::setClockForTesting(std::function<double()> clock) {
+    std::lock_guard<std::mutex> guard(captureLock_);
+    clock_ = std::move(clock);
+}
+
+void QVLLogModel::closeLogFileForTesting() {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (logFP_) fclose(logFP_);
+    logFP_ = nullptr;
+}
+
+}  // namespace qvl

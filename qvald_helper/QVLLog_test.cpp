@@ -1,0 +1,57 @@
+#include "qvald_helper/QVLLog.h"
+
+#include <gtest/gtest.h>
+
+#include "qvald_helper/QVLLogCapture.h"
+
+using qvl::QVLStringWithFormat;
+namespace plist = qvl::plist;
+
+TEST(QVLFormat, PrintfConversionsTheSystemUses) {
+    EXPECT_EQ(
+        QVLStringWithFormat("%s: Cannot get attribute from %@", "-[QVLHOperations x]", std::string("/a b")),
+        "-[QVLHOperations x]: Cannot get attribute from /a b");
+    EXPECT_EQ(QVLStringWithFormat("%d %ld %lld %llu", -7, 123456789012L, -5LL, 18446744073709551615ULL),
+              "-7 123456789012 -5 18446744073709551615");
+    EXPECT_EQ(QVLStringWithFormat("%x %lx %08x %02x %%", 255, 0xabcdef012L, 0x1234, 5),
+              "ff abcdef012 00001234 05 %");
+    EXPECT_EQ(QVLStringWithFormat("range [%d..%d)", 3, 5), "range [3..5)");
+}
+
+TEST(QVLFormat, LengthModifiersTruncateLikeTheDevice) {
+    // An error code of -1 printed with "0x%x" shows 32 bits, with %lx 64.
+    EXPECT_EQ(QVLStringWithFormat("(0x%x)", -1), "(0xffffffff)");
+    EXPECT_EQ(QVLStringWithFormat("%lx", -1L), "ffffffffffffffff");
+    EXPECT_EQ(QVLStringWithFormat("%d", int64_t{0x100000001}), "1");
+    EXPECT_EQ(QVLStringWithFormat("%lld", int64_t{0x100000001}), "4294967297");
+}
+
+TEST(QVLFormat, ObjectPlaceholderDescribesValues) {
+    EXPECT_EQ(QVLStringWithFormat("%@", plist::Value("text")), "text");
+    EXPECT_EQ(QVLStringWithFormat("%@", plist::Value(42)), "42");
+    EXPECT_EQ(QVLStringWithFormat("%@", plist::Value(true)), "1");
+    plist::Dictionary d;
+    d.set("Path", plist::Value("/"));
+    d.set("IsBackup", plist::Value(true));
+    EXPECT_EQ(QVLStringWithFormat("Entering %s with parameter: %@", "-[R c:]", d),
+              "Entering -[R c:] with parameter: {\n    Path = /;\n    IsBackup = 1;\n}");
+    EXPECT_EQ(QVLStringWithFormat("%@", plist::Value(plist::Data{0xde, 0xad})),
+              "{length = 2, bytes = 0xdead}");
+}
+
+TEST(QVLFormat, WrongArgumentsNeverCrash) {
+    EXPECT_EQ(QVLStringWithFormat("%@ and %s and %d"), "(null) and (null) and (null)");
+    EXPECT_EQ(QVLStringWithFormat("%d", "not a number"), "not a number");
+    EXPECT_EQ(QVLStringWithFormat("%s", 12), "12");
+    EXPECT_EQ(QVLStringWithFormat("one", 1, 2, 3), "one");
+    EXPECT_EQ(QVLStringWithFormat("%", 1), "%");
+    EXPECT_EQ(QVLStringWithFormat("%q!", 1), "%q!");
+    EXPECT_EQ(QVLStringWithFormat("%s", static_cast<const char*>(nullptr)), "(null)");
+    EXPECT_EQ(QVLStringWithFormat("%99999999999d|", 1).size(), 10000u);  // width is bounded
+}
+
+TEST(QVLLog, ReachesTheCapture) {
+    qvl::QVLLogCapture capture;
+    QVLLog("Percentage increased to %d", 42);
+    EXPECT_TRUE(capture.contains("Percentage increased to 42"));
+}
