@@ -1,0 +1,105 @@
+#include "platform/deviceinfo/DeviceInfo.h"
+
+#include <sys/statvfs.h>
+
+#include <limits>
+
+#include "plist/PropertyList.h"
+
+namespace qvl::platform {
+
+namespace {
+
+// The volume table never has more than this many entries; a longer one is
+// not a table the platform wrote.
+constexpr size_t kMaxVolumes = 8;
+
+plist::Value usageAnswer(int64_t capacity, int64_t available) {
+    plist::Dictionary usage;
+    usage.set("TotalDataCapacity", plist::Value(capacity));
+    usage.set("TotalDataAvailable", plist::Value(available));
+    return plist::Value(std::move(usage));
+}
+
+std::optional<int64_t> signedNumber(const plist::Dictionary& d, std::string_view key) {
+    const plist::Integer* n = d.getInteger(key);
+    if (!n || (n->isUnsigned && n->bits > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())))
+        return std::nullopt;
+    return n->asSigned();
+}
+
+}  // namespace
+
+DeviceInfo& DeviceInfo::sharedInstance() {
+    static DeviceInfo service;
+    return service;
+}
+
+std::optional<plist::Value> DeviceInfo::copyAnswer(std::string_view question) const {
+    const auto file = plist::readFile(paths_.infoFile);
+    const plist::Dictionary* info = file ? file->asDictionary() : nullptr;
+
+    if (question == "DiskUsage") return diskUsage(info);
+    if (!info) return std::nullopt;
+    const plist::Value* answer = info->find(question);
+    if (!answer) return std::nullopt;
+    // The known questions have fixed kinds; anything else in the file is no answer.
+    if (question == "SigningFuse" && !answer->isBoolean()) return std::nullopt;
+    if (question == "ProductName" && !answer->isString()) return std::nullopt;
+    return *answer;
+}
+
+std::optional<bool> DeviceInfo::signingFuse() const {
+    const auto answer = copyAnswer("SigningFuse");
+    if (!answer || !answer->isBoolean()) return std::nullopt;
+    return *answer->asBoolean();
+}
+
+std::optional<std::string> DeviceInfo::productName() const {
+    const auto answer = copyAnswer("ProductName");
+    if (!answer || !answer->isString()) return std::nullopt;
+    return *answer->asString();
+}
+
+std::optional<plist::Value> DeviceInfo::diskUsage(const plist::Dictionary* info) const {
+    if (info) {
+        if (const plist::Dictionary* given = info->getDictionary("DiskUsage")) {
+            const auto capacity = signedNumber(*given, "TotalDataCapacity");
+            const auto available = signedNumber(*given, "TotalDataAvailable");
+            if (capacity && available) return usageAnswer(*capacity, *available);
+            return std::nullopt;
+        }
+    }
+    if (auto fromVolumes = diskUsageFromVolumes()) return fromVolumes;
+    return diskUsageFromFileSystem();
+}
+
+std::optional<plist::Value> DeviceInfo::diskUsageFromVolumes() const {
+    const auto table = plist::readFile(paths_.volumesFile);
+    const plist::Array* volumes = table ? table->asArray() : nullptr;
+    if (!volumes || volumes->size() > kMaxVolumes) return std::nullopt;
+    for (const plist::Value& entry : *volumes) {
+        const plist::Dictionary* volume = entry.asDictionary();
+        if (!volume) continue;
+        const std::string* mountedOn = volume->getString("MountedOn");
+        if (!mountedOn || *mountedOn != paths_.dataMountPoint) continue;
+        const auto size = signedNumber(*volume, "Size");
+        const auto used = signedNumber(*volume, "Used");
+        if (!size || !used || *size < 0 || *used < 0) return std::nullopt;
+        // A volume that claims more use than size has nothing available.
+        return usageAnswer(*size, *used > *size ? 0 : *size - *used);
+    }
+    return std::nullopt;
+}
+
+std::optional<plist::Value> DeviceInfo::diskUsageFromFileSystem() const {
+    struct statvfs st;
+    if (statvfs(paths_.dataMountPoint.c_str(), &st) != 0) return std::nullopt;
+    const unsigned __int128 capacity = static_cast<unsigned __int128>(st.f_blocks) * st.f_frsize;
+    const unsigned __int128 available = static_cast<unsigned __int128>(st.f_bavail) * st.f_frsize;
+    constexpr auto kMax = static_cast<unsigned __int128>(std::numeric_limits<int64_t>::max());
+    if (capacity > kMax || available > kMax) return std::nullopt;
+    return usageAnswer(static_cast<int64_t>(capacity), static_cast<int64_t>(available));
+}
+
+}  // namespace qvl::platform
