@@ -37,7 +37,7 @@ class QVLNotificationCenter;
 }  // namespace platform
 
 class QVLDemoManifestCheck {
-public:
+  public:
     // One row of the allowed symbolic links of backups: a link whose path
     // contains `pathFragment` may point at a target containing any of
     // `targetFragments`.
@@ -112,7 +112,7 @@ public:
     const std::vector<SymLinkRule>& allowedSymLinks() const { return allowedSymLinks_; }
     WhitelistChecker& whitelistChecker() const { return *whitelistChecker_; }
 
-private:
+  private:
     explicit QVLDemoManifestCheck(Services services);
     bool init();
 

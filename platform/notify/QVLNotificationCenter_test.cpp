@@ -1,0 +1,71 @@
+#include "platform/notify/QVLNotificationCenter.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+namespace qvl::platform {
+namespace {
+
+TEST(QVLNotificationCenterTest, DeliversByNameInOrderUntilRemoved) {
+    QVLNotificationCenter center;
+    std::vector<std::string> calls;
+    const auto first =
+        center.addObserver("A", [&](const QVLNotification& n) { calls.push_back("1" + n.name); });
+    center.addObserver("A", [&](const QVLNotification& n) { calls.push_back("2" + n.name); });
+    center.addObserver("B", [&](const QVLNotification& n) { calls.push_back("3" + n.name); });
+    EXPECT_EQ(center.addObserver("A", nullptr), 0u);
+
+    center.post("A");
+    EXPECT_EQ(calls, (std::vector<std::string>{"1A", "2A"}));
+    center.removeObserver(first);
+    center.post("A");
+    center.post("C");
+    EXPECT_EQ(calls, (std::vector<std::string>{"1A", "2A", "2A"}));
+}
+
+TEST(QVLNotificationCenterTest, PassesUserInfo) {
+    QVLNotificationCenter center;
+    std::shared_ptr<const plist::Dictionary> seen;
+    center.addObserver("N", [&](const QVLNotification& n) { seen = n.userInfo; });
+    plist::Dictionary info;
+    info.set("TypeOfFiles", "Backup");
+    center.post("N", std::make_shared<const plist::Dictionary>(info));
+    ASSERT_TRUE(seen);
+    EXPECT_EQ(*seen->getString("TypeOfFiles"), "Backup");
+}
+
+TEST(QVLNotificationCenterTest, ObserverMayRegisterAndPostWithoutDeadlock) {
+    QVLNotificationCenter center;
+    int inner = 0;
+    center.addObserver("outer", [&](const QVLNotification&) {
+        center.addObserver("inner", [&](const QVLNotification&) { ++inner; });
+        center.post("inner");
+    });
+    center.post("outer");  // the observer registered during this post is called by the inner post
+    EXPECT_EQ(inner, 1);
+    EXPECT_EQ(center.observerCount(), 2u);
+}
+
+TEST(QVLNotificationCenterTest, ConcurrentPostsAndRegistrations) {
+    QVLNotificationCenter center;
+    std::atomic<int> count{0};
+    center.addObserver("N", [&](const QVLNotification&) { count.fetch_add(1); });
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&] {
+            for (int i = 0; i < 500; ++i) {
+                center.post("N");
+                center.removeObserver(center.addObserver("M", [](const QVLNotification&) {}));
+            }
+        });
+    }
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(count.load(), 2000);
+    EXPECT_EQ(center.observerCount(), 1u);
+}
+
+}  // namespace
+}  // namespace qvl::platform
