@@ -193,7 +193,7 @@ std::optional<uint32_t> decodeFrameHeader(std::span<const uint8_t> header);
 // not one dictionary, a duplicate key, an unknown tag, a length or count past
 // the end, nesting deeper than kMaxDepth, a descriptor index without a
 // descriptor, a boolean byte other than 0 or 1, a NUL inside a string or key,
-// trailing bytes.
+// trailing bytes, more than 2^20 values in all.
 std::optional<Dictionary> decodeFrameBody(std::span<const uint8_t> body, std::vector<UniqueFd> descriptors,
                                           std::string* error = nullptr);
 

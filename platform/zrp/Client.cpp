@@ -1,0 +1,67 @@
+// The blocking client side of the ZRP service.
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "platform/zrp/SocketIO.h"
+#include "platform/zrp/ZRP.h"
+
+namespace qvl::zrp {
+
+std::unique_ptr<Client> Client::connect(std::string_view serviceName, std::string* error,
+                                        std::string_view socketDirectory) {
+    std::optional<std::string> path = servicePath(serviceName, socketDirectory, error);
+    if (!path) return nullptr;
+    UniqueFd fd = connectToPath(*path, error);
+    if (!fd) return nullptr;
+    return std::unique_ptr<Client>(new Client(std::move(fd)));
+}
+
+bool Client::send(const Dictionary& message, std::string* error) {
+    std::optional<EncodedFrame> frame = encodeFrame(message, error);
+    if (!frame) return false;
+    if (!sendFrame(fd_.get(), *frame, kSendTimeout)) {
+        if (error) *error = "the service closed the connection";
+        return false;
+    }
+    return true;
+}
+
+bool Client::sendRaw(std::span<const uint8_t> bytes) {
+    EncodedFrame frame{std::vector<uint8_t>(bytes.begin(), bytes.end()), {}};
+    return sendFrame(fd_.get(), frame, kSendTimeout);
+}
+
+Client::Received Client::receive(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    std::vector<uint8_t> chunk(kReadChunkSize);
+    for (;;) {
+        if (buffer_.size() >= kFrameHeaderSize) {
+            std::optional<uint32_t> length = decodeFrameHeader(std::span(buffer_).first(kFrameHeaderSize));
+            if (!length) return {Status::Invalid, {}};
+            if (buffer_.size() - kFrameHeaderSize >= *length) {
+                std::optional<Dictionary> message = decodeFrameBody(
+                    std::span(buffer_).subspan(kFrameHeaderSize, *length), std::move(pendingDescriptors_));
+                pendingDescriptors_.clear();
+                buffer_.erase(buffer_.begin(), buffer_.begin() + kFrameHeaderSize + *length);
+                if (!message) return {Status::Invalid, {}};
+                return {Status::Message, std::move(*message)};
+            }
+        }
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return {Status::Timeout, {}};
+        pollfd p{fd_.get(), POLLIN, 0};
+        const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready < 0) return {Status::Closed, {}};
+        if (ready == 0) return {Status::Timeout, {}};
+        const ssize_t n = receiveChunk(fd_.get(), chunk, pendingDescriptors_);
+        if (n == kReceiveWouldBlock) continue;
+        if (n <= 0) return {Status::Closed, {}};
+        buffer_.insert(buffer_.end(), chunk.begin(), chunk.begin() + n);
+    }
+}
+
+}  // namespace qvl::zrp
