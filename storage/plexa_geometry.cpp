@@ -1,0 +1,128 @@
+// Media geometry, GUID byte order and random identifiers of the volume library.
+#include <sys/random.h>
+
+#include <bit>
+#include <cerrno>
+#include <cstdio>
+
+#include "storage/plexa.h"
+#include "storage/plexa_format.h"
+
+namespace qvl::plexa {
+namespace {
+
+constexpr uint64_t kMaxMediaSize = uint64_t(1) << 42;
+constexpr uint32_t kMinBlockSize = 4096;
+constexpr uint32_t kMaxBlockSize = 16384;
+// Chunk 0 plus the 7 spare chunks are not partition space.
+constexpr uint32_t kNonPartitionChunks = 8;
+
+enum class Derivation { ok, tooLarge, blockTooSmall, blockTooLarge, tooSmall };
+
+struct Derived {
+    PlexaMediaProperties properties{};
+    bool chunkSmallerThanBlock = false;
+};
+
+// The whole derivation, silent, so that plexaInitMediaGeometry and the sanity
+// check of the header functions agree by construction.
+Derivation derive(uint64_t mediaSize, uint32_t blockSize, Derived& out) {
+    if (mediaSize > kMaxMediaSize) return Derivation::tooLarge;
+    if (blockSize < kMinBlockSize) return Derivation::blockTooSmall;
+    if (blockSize > kMaxBlockSize) return Derivation::blockTooLarge;
+    // An empty medium has no chunk size at all (the formula below would ask
+    // for a 2^54-byte chunk).
+    if (mediaSize == 0) return Derivation::tooSmall;
+    uint32_t chunkShift = uint32_t(std::bit_width((mediaSize - 1) >> 10));
+    // Above 2 TiB a chunk would be 4 GiB, which the 32-bit chunkSize can't hold.
+    if (chunkShift >= 32) return Derivation::tooLarge;
+    uint32_t chunkCount = uint32_t(mediaSize >> chunkShift);
+    // With 8 chunks or fewer there is no partition space; the subtraction
+    // below would wrap around into an enormous one.
+    if (chunkCount <= kNonPartitionChunks) return Derivation::tooSmall;
+
+    PlexaMediaProperties& p = out.properties;
+    p.mediaSize = mediaSize;
+    p.blockSize = blockSize;
+    p.blockShift = uint32_t(std::bit_width(blockSize) - 1);
+    p.chunkShift = chunkShift;
+    p.chunkSize = uint32_t(1) << chunkShift;
+    p.chunkCount = chunkCount;
+    p.partitionSpace = uint64_t(chunkCount - kNonPartitionChunks) << chunkShift;
+    out.chunkSmallerThanBlock = p.chunkSize < blockSize;
+    return Derivation::ok;
+}
+
+const char* rejectionMessage(Derivation d) {
+    switch (d) {
+        case Derivation::tooLarge:
+            return "plexa: media too large\n";
+        case Derivation::blockTooSmall:
+            return "plexa: media block size too small\n";
+        case Derivation::blockTooLarge:
+            return "plexa: media block size too large\n";
+        case Derivation::tooSmall:
+            return "plexa: media too small\n";
+        case Derivation::ok:
+            break;
+    }
+    return "";
+}
+
+}  // namespace
+
+bool geometryUsable(const PlexaMediaProperties* properties) {
+    Derived d;
+    if (derive(properties->mediaSize, properties->blockSize, d) == Derivation::ok &&
+        std::memcmp(&d.properties, properties, sizeof d.properties) == 0)
+        return true;
+    std::fputs("plexa: inconsistent media properties\n", stderr);
+    return false;
+}
+
+void guidSwapByteOrder(const uint8_t in[16], uint8_t out[16]) {
+    static constexpr uint8_t kOrder[16] = {3, 2, 1, 0, 5, 4, 7, 6, 8, 9, 10, 11, 12, 13, 14, 15};
+    uint8_t tmp[16];
+    for (int i = 0; i < 16; i++) tmp[i] = in[kOrder[i]];
+    std::memcpy(out, tmp, 16);
+}
+
+bool randomUUID(uint8_t out[16]) {
+    uint8_t bytes[16];
+    size_t got = 0;
+    while (got < sizeof bytes) {
+        ssize_t n = getrandom(bytes + got, sizeof bytes - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        got += size_t(n);
+    }
+    bytes[6] = uint8_t((bytes[6] & 0x0F) | 0x40);  // version 4
+    bytes[8] = uint8_t((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
+    std::memcpy(out, bytes, 16);
+    return true;
+}
+
+}  // namespace qvl::plexa
+
+using namespace qvl::plexa;
+
+int plexaInitMediaGeometry(PlexaMediaProperties* properties, uint64_t mediaSize, uint32_t blockSize) {
+    if (!properties) {
+        std::fputs("plexa: NULL media properties\n", stderr);
+        return -1;
+    }
+    // Stored before any check, so a rejected record still says what was asked.
+    properties->blockSize = blockSize;
+    properties->mediaSize = mediaSize;
+    Derived d;
+    Derivation result = derive(mediaSize, blockSize, d);
+    if (result != Derivation::ok) {
+        std::fputs(rejectionMessage(result), stderr);
+        return -1;
+    }
+    // Chunks smaller than a block still work for the table adjustment; only
+    // the header's chunk arithmetic suffers, so this is a warning.
+    if (d.chunkSmallerThanBlock) std::fputs("plexa: media too small\n", stderr);
+    *properties = d.properties;
+    return 0;
+}
