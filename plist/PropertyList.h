@@ -50,7 +50,12 @@ std::optional<Value> readFile(const std::string& path, ReadError* error = nullpt
 // Encoders. Binary uses the smallest integer and reference widths, keeps
 // reals and dates bit for bit and writes integers above INT64_MAX as 16-byte
 // integers. XML uses the conventional layout (tab indentation, the standard
-// DOCTYPE) so that files diff cleanly.
+// DOCTYPE) so that files diff cleanly; its dates are whole seconds (only the
+// binary encoding keeps fractions of a second).
+// Both return an empty string when the value cannot be encoded: nesting
+// deeper than kMaxDepth, a string that is not valid UTF-8, and for XML also
+// text that XML 1.0 cannot carry (control characters other than tab, line
+// feed and carriage return) or a date outside the years 1 to 9999.
 std::string writeBinary(const Value& value);
 std::string writeXML(const Value& value);
 std::string write(const Value& value, Format format);
