@@ -1,0 +1,161 @@
+#include "metadata/QVLFileDigest.h"
+
+#include <openssl/evp.h>
+
+#include <cerrno>
+#include <memory>
+#include <new>
+
+#include "platform/fileattrs/FileAttributesPort.h"
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+namespace {
+
+using platform::FileAttributesPort;
+
+struct MdCtxFree {
+    void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
+};
+using MdCtx = std::unique_ptr<EVP_MD_CTX, MdCtxFree>;
+
+// Fetched once: an implicit fetch on every file costs more than hashing a
+// small one.
+const EVP_MD* sha1() {
+    static EVP_MD* md = EVP_MD_fetch(nullptr, "SHA1", nullptr);
+    return md;
+}
+
+MdCtx startSHA1() {
+    MdCtx ctx(EVP_MD_CTX_new());
+    if (ctx && sha1() && EVP_DigestInit_ex(ctx.get(), sha1(), nullptr) == 1) return ctx;
+    QVLLog("Cannot start a SHA-1 digest");
+    return nullptr;
+}
+
+std::optional<plist::Data> finishSHA1(EVP_MD_CTX* ctx) {
+    plist::Data digest(EVP_MAX_MD_SIZE);
+    unsigned int length = 0;
+    if (EVP_DigestFinal_ex(ctx, digest.data(), &length) != 1 || length != kQVLDigestLength)
+        return std::nullopt;
+    digest.resize(length);
+    return digest;
+}
+
+class PortFd {
+  public:
+    PortFd(FileAttributesPort& port, int fd) : port_(port), fd_(fd) {}
+    PortFd(const PortFd&) = delete;
+    PortFd& operator=(const PortFd&) = delete;
+    ~PortFd() {
+        if (fd_ >= 0) port_.close(fd_);
+    }
+    int get() const { return fd_; }
+
+  private:
+    FileAttributesPort& port_;
+    int fd_;
+};
+
+}  // namespace
+
+std::optional<plist::Data> fileHash(const std::string& path) {
+    FileAttributesPort& port = FileAttributesPort::current();
+    PortFd fd(port, port.openForReading(path));
+    if (fd.get() < 0) {
+        QVLLog("Cannot read file %@", path);
+        return std::nullopt;
+    }
+    port.adviseSequential(fd.get());
+    MdCtx ctx = startSHA1();
+    // One piece is held at a time: it is hashed before the next is read.
+    std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
+    if (!ctx || !piece) {
+        QVLLog("Cannot read data from %@.", path);
+        return std::nullopt;
+    }
+    off_t offset = 0;
+    for (;;) {
+        ssize_t n = port.read(fd.get(), piece.get(), kQVLFileHashPieceSize);
+        if (n < 0) {
+            QVLLog("Cannot read data from %@.", path);
+            return std::nullopt;
+        }
+        if (n == 0) break;
+        EVP_DigestUpdate(ctx.get(), piece.get(), static_cast<size_t>(n));
+        port.adviseDone(fd.get(), offset, n);
+        offset += n;
+    }
+    std::optional<plist::Data> digest = finishSHA1(ctx.get());
+    if (!digest) QVLLog("Cannot read data from %@.", path);
+    return digest;
+}
+
+std::optional<plist::Data> directoryHash(const std::string&) {
+    return std::nullopt;
+}
+
+std::optional<plist::Data> createFileDigest(const std::string& path, const std::string& algorithm,
+                                            int64_t expectedSize, digestProgressHandler handler,
+                                            void* context) {
+    if (algorithm != "SHA-1") {
+        QVLLog("Unknown algorithm");
+        return std::nullopt;
+    }
+    if (path.empty()) {
+        QVLLog("Can't create URL %@", path);
+        return std::nullopt;
+    }
+    const std::string location = "file://" + path;
+    FileAttributesPort& port = FileAttributesPort::current();
+    PortFd fd(port, port.openForReading(path));
+    if (fd.get() < 0) {
+        QVLLog("Can't open read stream %@ *** %@", location, path);
+        return std::nullopt;
+    }
+    if (handler) handler(context, 0.0f, -1.0f);
+    MdCtx ctx = startSHA1();
+    if (!ctx) return std::nullopt;
+    std::unique_ptr<uint8_t[]> buffer(new (std::nothrow) uint8_t[kQVLFileDigestBufferSize]());
+    if (!buffer) {
+        QVLLog("Can't alloc buffer");
+        return std::nullopt;
+    }
+    int64_t total = 0;
+    // A read error counts as the end of the data: the bytes read so far are digested.
+    for (ssize_t n; (n = port.read(fd.get(), buffer.get(), kQVLFileDigestBufferSize)) > 0;) {
+        EVP_DigestUpdate(ctx.get(), buffer.get(), static_cast<size_t>(n));
+        total += n;
+        const float fraction =
+            expectedSize != 0 ? static_cast<float>(total) / static_cast<float>(expectedSize) : -1.0f;
+        if (!handler) continue;
+        if (int status = handler(context, fraction, -1.0f); status != 0) {
+            QVLLog("Progress handler returned with status %d; failing verification", status);
+            return std::nullopt;
+        }
+    }
+    std::optional<plist::Data> digest = finishSHA1(ctx.get());
+    if (!digest) {
+        QVLLog("Can't create data");
+        return std::nullopt;
+    }
+    if (handler) handler(context, 1.0f, -1.0f);
+    return digest;
+}
+
+std::optional<std::string> createDigestHexString(const plist::Data& digest) {
+    if (digest.size() != kQVLDigestLength) {
+        QVLLog("A digest has %d bytes, not 20", static_cast<int>(digest.size()));
+        return std::nullopt;
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string text;
+    text.reserve(2 * digest.size());
+    for (uint8_t byte : digest) {
+        text.push_back(kHex[byte >> 4]);
+        text.push_back(kHex[byte & 0xf]);
+    }
+    return text;
+}
+
+}  // namespace qvl

@@ -1,0 +1,311 @@
+#include "metadata/QVLManifest.h"
+
+#include <cerrno>
+#include <limits>
+
+#include "metadata/QVLAttributeDictionary.h"
+#include "platform/fileattrs/FileAttributesPort.h"
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+namespace {
+
+using platform::DirectoryEntry;
+using platform::FileAttributesPort;
+using platform::ItemStat;
+using platform::ItemType;
+
+constexpr const char* kWalkSignature =
+    "-[QVLManifest enumerateAndCollectMetaData:relativeTo:skip:superSet:handler:]";
+constexpr const char* kTotalSignature = "-[QVLManifest calculateTotalFileSize:skipPaths:]";
+constexpr const char* kRegularFileFlag = "NSURLIsRegularFileKey";
+constexpr std::string_view kPrivatePrefix = "/private";
+
+// Collapses runs of "/" and drops a trailing one, as a path component
+// append does; "/" stays "/".
+std::string standardizedPath(std::string_view path) {
+    std::string result;
+    result.reserve(path.size());
+    for (char c : path) {
+        if (c == '/' && !result.empty() && result.back() == '/') continue;
+        result.push_back(c);
+    }
+    if (result.size() > 1 && result.back() == '/') result.pop_back();
+    return result;
+}
+
+std::string appendingPathComponent(std::string_view folder, std::string_view component) {
+    std::string joined(folder);
+    joined.push_back('/');
+    joined.append(component);
+    return standardizedPath(joined);
+}
+
+std::string childPath(const std::string& parent, const std::string& name) {
+    return parent == "/" ? "/" + name : parent + "/" + name;
+}
+
+std::string removingOccurrences(std::string_view text, std::string_view pattern) {
+    std::string result;
+    size_t pos = 0;
+    for (size_t hit; (hit = text.find(pattern, pos)) != std::string_view::npos; pos = hit + pattern.size()) {
+        result.append(text.substr(pos, hit - pos));
+    }
+    result.append(text.substr(pos));
+    return result;
+}
+
+std::optional<ItemType> itemType(const std::string& path) {
+    ItemStat st;
+    if (FileAttributesPort::current().statItem(path, &st) != 0) return std::nullopt;
+    return st.type;
+}
+
+// Visits every item below `top`, depth first, a folder before its contents,
+// without following links. Folders inside a skip folder are not opened: all
+// they hold would be skipped. `visit(path, type)` gets nullopt as the type
+// when it cannot be read, and stops the enumeration by answering false.
+// Memory: the listings of the folders from `top` down to the current item.
+template <class Visit>
+bool enumerateTree(const std::string& top, const std::vector<std::string>* skip, const char* signature,
+                   Visit visit) {
+    struct Level {
+        std::string path;
+        std::vector<DirectoryEntry> entries;
+        size_t next = 0;
+    };
+    FileAttributesPort& port = FileAttributesPort::current();
+    std::vector<Level> stack;
+    auto descend = [&](const std::string& folder) {
+        if (QVLManifest::folder(skip, folder)) return;
+        Level level{folder, {}, 0};
+        if (port.listDirectory(folder, &level.entries) != 0) {
+            QVLLog("%s: Could not enumerate %@, url=%@, error=%@", signature, folder,
+                   "file://" + folder + "/", QVLAttributeDictionary::errorText(errno));
+            return;
+        }
+        stack.push_back(std::move(level));
+    };
+    if (itemType(top) == ItemType::kDirectory) descend(top);
+    while (!stack.empty()) {
+        Level& level = stack.back();
+        if (level.next == level.entries.size()) {
+            stack.pop_back();
+            continue;
+        }
+        const DirectoryEntry& entry = level.entries[level.next++];
+        const std::string item = childPath(level.path, entry.name);
+        if (QVLManifest::folder(skip, item)) continue;
+        const std::optional<ItemType> type = entry.type != ItemType::kUnknown ? entry.type : itemType(item);
+        if (!visit(item, type)) return false;
+        if (type == ItemType::kDirectory) descend(item);
+    }
+    return true;
+}
+
+bool isRecordedKind(ItemType type) {
+    return type == ItemType::kRegular || type == ItemType::kDirectory || type == ItemType::kSymbolicLink;
+}
+
+int64_t recordedSize(const QVLFileMetadata& metadata) {
+    const plist::Dictionary* attributes = metadata.getFileAttributes();
+    const plist::Value* size = attributes ? attributes->find(kNSFileSize) : nullptr;
+    return size ? size->integerValue().value_or(0) : 0;
+}
+
+}  // namespace
+
+QVLManifest::QVLManifest(const plist::Dictionary* dict) {
+    if (dict) setDict(*dict);
+}
+
+std::optional<QVLFileMetadata> QVLManifest::metadataForFile(const std::string& key) const {
+    std::lock_guard<std::mutex> guard(lock_);
+    const plist::Dictionary* record = dict_.getDictionary(key);
+    if (!record) return std::nullopt;
+    return QVLFileMetadata(*record);
+}
+
+void QVLManifest::setMetadata(const QVLFileMetadata& metadata, const std::string& file) {
+    std::lock_guard<std::mutex> guard(lock_);
+    if (keys_.insert(file).second) {
+        dict_.appendUnchecked(file, metadata.dict());
+    } else {
+        dict_.set(file, metadata.dict());
+    }
+}
+
+bool QVLManifest::folder(const std::vector<std::string>* folders, std::string_view path) {
+    if (!folders) return false;
+    for (const std::string& folder : *folders) {
+        // An empty folder is found nowhere, so it holds nothing.
+        if (folder.empty() || path.find(folder) != 0) continue;
+        if (folder.size() == path.size()) return true;
+        if (appendingPathComponent(folder, path.substr(folder.size())) == path) return true;
+    }
+    return false;
+}
+
+bool QVLManifest::path(std::string_view path, const PathSet* superSet) {
+    if (!superSet) return false;
+    if (path.starts_with(kPrivatePrefix)) path.remove_prefix(kPrivatePrefix.size());
+    return superSet->find(std::string(path)) != superSet->end();
+}
+
+std::optional<std::string> QVLManifest::keyForPath(std::string_view path, std::string_view root) {
+    // Removing every "/" would leave no key at all: relative to "/", an
+    // item's key is its path.
+    if (root == "/") return std::string(path);
+    const size_t first = root.empty() ? std::string_view::npos : path.find(root);
+    if (first == std::string_view::npos) return std::nullopt;
+    std::string key = first == 0 ? removingOccurrences(path, root)
+                                 : removingOccurrences(path.substr(first + root.size()), root);
+    if (key.empty()) key = "/";
+    return key;
+}
+
+bool QVLManifest::addFilesFromPath(const std::string& path, const std::string& root,
+                                   const std::vector<std::string>* skip, const PathSet* superSet) {
+    return enumerateAndCollectMetaData(path, root, skip, superSet,
+                                       [this](const QVLFileMetadata& metadata, const std::string& key) {
+                                           setMetadata(metadata, key);
+                                           return true;
+                                       });
+}
+
+bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std::string& root,
+                                              const std::vector<std::string>* skip, const PathSet* superSet,
+                                              const Handler& handler) {
+    {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (rootPath_) return false;
+        rootPath_ = root;
+    }
+    const std::string top = standardizedPath(path);
+    const std::string base = standardizedPath(root);
+    QVLProgressUpdater* updater = progressUpdater();
+    const int64_t total = calculateTotalFileSize(top, skip);
+    if (updater) updater->initializePercentageWithTotal(total);
+
+    auto handleItem = [&](const std::string& item, std::optional<ItemType> type) {
+        if (folder(skip, item)) return true;
+        if (superSet && !QVLManifest::path(item, superSet)) {
+            if (updater) addProgress(updater, fileSizeToAdjustPercentage(item));
+            return true;
+        }
+        if (!type) {
+            QVLLog("Could not get resource for key %@", kRegularFileFlag);
+            return false;
+        }
+        if (!isRecordedKind(*type)) {
+            QVLLog("%@ is special file. Leave it along", item);
+            return true;
+        }
+        // An item outside the root has no key; a manifest with a made-up one
+        // would be wrong, so the walk ends.
+        const std::optional<std::string> key = keyForPath(item, base);
+        if (!key) {
+            QVLLog("%@ is not below the root %@; it has no key", item, base);
+            return false;
+        }
+        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadatatWithPath(item);
+        if (!metadata) {
+            QVLLog("Couldn't get meta data for %@", item);
+            // An item removed while the walk runs is no longer part of the
+            // tree: go on without it. Any other failure would leave a hole in
+            // a manifest reported as complete, so the walk ends with false.
+            return !itemType(item) && errno == ENOENT;
+        }
+        if (!handler(*metadata, *key)) {
+            QVLLog("Couldn't run handler against %@", item);
+            return false;
+        }
+        if (updater) addProgress(updater, recordedSize(*metadata));
+        return true;
+    };
+    if (!enumerateTree(top, skip, kWalkSignature, handleItem)) return false;
+    return handleItem(top, itemType(top));
+}
+
+int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
+                                            const std::vector<std::string>* skipPaths) {
+    FileAttributesPort& port = FileAttributesPort::current();
+    int64_t total = 0;
+    const bool complete = enumerateTree(
+        standardizedPath(path), skipPaths, kTotalSignature,
+        [&](const std::string& item, std::optional<ItemType> type) {
+            if (!type) {
+                QVLLog("Could not get resource for key %@", kRegularFileFlag);
+                return false;
+            }
+            if (*type != ItemType::kRegular) return true;
+            ItemStat st;
+            if (port.statItem(item, &st) != 0) {
+                QVLLog("Cound not get attribute for item %@", item);
+                return false;
+            }
+            const auto size =
+                static_cast<int64_t>(std::min<uint64_t>(st.size, std::numeric_limits<int64_t>::max()));
+            total = size > std::numeric_limits<int64_t>::max() - total ? std::numeric_limits<int64_t>::max()
+                                                                       : total + size;
+            return true;
+        });
+    return complete ? total : 0;
+}
+
+int64_t QVLManifest::fileSizeToAdjustPercentage(const std::string& path) {
+    ItemStat st;
+    if (FileAttributesPort::current().statItem(path, &st) != 0) return 0;
+    return static_cast<int64_t>(std::min<uint64_t>(st.size, std::numeric_limits<int64_t>::max()));
+}
+
+void QVLManifest::addProgress(QVLProgressUpdater* updater, int64_t increment) {
+    updater->updatePercentageWithIncrement(increment);
+}
+
+QVLManifest::PathSet QVLManifest::pathSet() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return keys_;
+}
+
+std::optional<std::string> QVLManifest::rootPath() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return rootPath_;
+}
+
+void QVLManifest::setRootPath(std::string rootPath) {
+    std::lock_guard<std::mutex> guard(lock_);
+    rootPath_ = std::move(rootPath);
+}
+
+plist::Dictionary QVLManifest::dict() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return dict_;
+}
+
+void QVLManifest::setDict(plist::Dictionary dict) {
+    PathSet keys;
+    keys.reserve(dict.size());
+    for (const auto& entry : dict) keys.insert(entry.first);
+    std::lock_guard<std::mutex> guard(lock_);
+    dict_ = std::move(dict);
+    keys_ = std::move(keys);
+}
+
+plist::Dictionary QVLManifest::releaseDict() {
+    std::lock_guard<std::mutex> guard(lock_);
+    keys_.clear();
+    return std::exchange(dict_, plist::Dictionary());
+}
+
+QVLProgressUpdater* QVLManifest::progressUpdater() const {
+    std::lock_guard<std::mutex> guard(lock_);
+    return progressUpdater_;
+}
+
+void QVLManifest::setProgressUpdater(QVLProgressUpdater* progressUpdater) {
+    std::lock_guard<std::mutex> guard(lock_);
+    progressUpdater_ = progressUpdater;
+}
+
+}  // namespace qvl
