@@ -142,8 +142,9 @@ class Decoder {
         : p_(body.data()), end_(body.data() + body.size()), descriptors_(descriptors) {}
 
     std::optional<Dictionary> decodeMessage() {
+        if (left() == 0) return fail("empty body");
         uint8_t tag;
-        if (!readU8(tag)) return fail("empty body");
+        readU8(tag);
         if (tag != static_cast<uint8_t>(Type::Dictionary)) return fail("body is not a dictionary");
         Dictionary d;
         if (!decodeDictionary(d, 1)) return std::nullopt;
