@@ -40,6 +40,11 @@ enum Marker : uint8_t {
 constexpr uint8_t kFalse = 0x08, kTrue = 0x09, kFill = 0x0F;
 constexpr uint8_t kCountFollows = 0x0F;
 
+// Bound on what a document may decode to, in values plus payload bytes:
+// kExpansion per byte of the file, and at least kExpansionFloor.
+constexpr uint64_t kExpansion = 32;
+constexpr uint64_t kExpansionFloor = 1 << 16;
+
 uint64_t readBE(const uint8_t* p, unsigned width) {
     uint64_t v = 0;
     for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[i];
@@ -107,14 +112,14 @@ class BinaryReader {
         // many times, counted in values plus payload bytes. A file that shares
         // only keys and scalars stays far below it; one built to blow up
         // (containers referencing each other in layers) is refused.
-        budget_ = 32 * static_cast<uint64_t>(b_.size()) + (1u << 20);
+        budget_ = kExpansion * static_cast<uint64_t>(b_.size()) + kExpansionFloor;
         return true;
     }
 
     bool charge(uint64_t units) {
         if (units > budget_)
             return failed(ReadError::kCorrupt, "the objects expand to more than " +
-                                                   std::to_string(32 * b_.size() + (1u << 20)) +
+                                                   std::to_string(kExpansion * b_.size() + kExpansionFloor) +
                                                    " values and bytes");
         budget_ -= units;
         return true;

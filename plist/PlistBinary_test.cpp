@@ -1,0 +1,284 @@
+#include <gtest/gtest.h>
+
+#include <bit>
+#include <cmath>
+
+#include "plist/PropertyList.h"
+
+namespace qvl::plist {
+namespace {
+
+std::string be(uint64_t v, unsigned width) {
+    std::string out;
+    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
+    return out;
+}
+
+// A binary property list assembled by hand from raw object bytes, with every
+// trailer field open to tampering.
+struct Crafted {
+    explicit Crafted(std::vector<std::string> objects = {}) : objects(std::move(objects)) {}
+
+    std::vector<std::string> objects;
+    unsigned offsetSize = 1;
+    unsigned refSize = 1;
+    uint64_t top = 0;
+    std::optional<uint64_t> numObjects;
+    std::optional<uint64_t> tableOffset;
+    std::vector<uint64_t> offsetOverrides;  // replaces the offset of object i when set
+
+    std::string build() const {
+        std::string out = "bplist00";
+        std::vector<uint64_t> offsets;
+        for (const auto& o : objects) {
+            offsets.push_back(out.size());
+            out += o;
+        }
+        for (size_t i = 0; i < offsetOverrides.size(); ++i) offsets[i] = offsetOverrides[i];
+        const uint64_t table = out.size();
+        for (uint64_t off : offsets) out += be(off, offsetSize);
+        out += std::string(6, '\0');
+        out.push_back(static_cast<char>(offsetSize));
+        out.push_back(static_cast<char>(refSize));
+        out += be(numObjects.value_or(objects.size()), 8);
+        out += be(top, 8);
+        out += be(tableOffset.value_or(table), 8);
+        return out;
+    }
+};
+
+std::string arrayOf(std::initializer_list<uint8_t> refs) {
+    std::string o(1, static_cast<char>(0xA0 | refs.size()));
+    for (uint8_t r : refs) o.push_back(static_cast<char>(r));
+    return o;
+}
+
+ReadError readError(const std::string& bytes) {
+    ReadError error;
+    EXPECT_FALSE(read(bytes, &error)) << "read should have failed";
+    EXPECT_FALSE(error.message.empty());
+    return error;
+}
+
+TEST(PlistBinaryReader, RefusesBadTrailers) {
+    const Crafted good{{"\x09"}};
+    ASSERT_TRUE(read(good.build()));
+
+    struct Case {
+        const char* what;
+        Crafted crafted;
+    };
+    std::vector<Case> cases;
+    auto with = [&](const char* what, auto change) {
+        Crafted c = good;
+        change(c);
+        cases.push_back({what, c});
+    };
+    with("offset width 0", [](Crafted& c) { c.offsetSize = 0; });
+    with("offset width 9", [](Crafted& c) { c.offsetSize = 9; });
+    with("reference width 0", [](Crafted& c) { c.refSize = 0; });
+    with("reference width 9", [](Crafted& c) { c.refSize = 9; });
+    with("no objects", [](Crafted& c) { c.numObjects = 0; });
+    with("more objects than the table holds", [](Crafted& c) { c.numObjects = 2; });
+    with("object count that overflows", [](Crafted& c) { c.numObjects = UINT64_MAX / 2; });
+    with("top object out of range", [](Crafted& c) { c.top = 1; });
+    with("table past the end", [](Crafted& c) { c.tableOffset = 1000; });
+    with("table inside the header", [](Crafted& c) { c.tableOffset = 3; });
+    with("object offset past the objects", [](Crafted& c) { c.offsetOverrides = {9}; });
+    with("object offset inside the header", [](Crafted& c) { c.offsetOverrides = {2}; });
+    for (const auto& c : cases) EXPECT_EQ(readError(c.crafted.build()).code, ReadError::kCorrupt) << c.what;
+
+    EXPECT_EQ(readError("bplist00").code, ReadError::kCorrupt);
+    EXPECT_EQ(readError(good.build().substr(0, 40)).code, ReadError::kCorrupt);
+}
+
+TEST(PlistBinaryReader, RefusesBadObjects) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> objects;
+        int code;
+    };
+    const std::vector<Case> cases = {
+        {"reference out of range", {arrayOf({5})}, ReadError::kCorrupt},
+        {"array containing itself", {arrayOf({0})}, ReadError::kCorrupt},
+        {"cycle through two arrays", {arrayOf({1}), arrayOf({0})}, ReadError::kCorrupt},
+        {"array claiming 2^40 items", {"\xAF\x13" + be(1ull << 40, 8)}, ReadError::kCorrupt},
+        {"data longer than the file", {"\x4F\x10\xFF"}, ReadError::kCorrupt},
+        {"count that is not an integer", {"\x4F\x23" + std::string(8, '\0')}, ReadError::kCorrupt},
+        {"integer cut off", {"\x13\x01\x02"}, ReadError::kCorrupt},
+        {"integer of 32 bytes", {"\x15" + std::string(32, '\0')}, ReadError::kCorrupt},
+        {"16-byte integer above 2^64", {"\x14" + be(1, 8) + be(0, 8)}, ReadError::kUnsupported},
+        {"16-byte integer below -2^63", {"\x14" + be(UINT64_MAX, 8) + be(1, 8)}, ReadError::kUnsupported},
+        {"UID", {"\x80\x01"}, ReadError::kUnsupported},
+        {"fill", {"\x0F"}, ReadError::kUnsupported},
+        {"null", {std::string(1, '\0')}, ReadError::kUnsupported},
+        {"set", {"\xC0"}, ReadError::kUnsupported},
+        {"unknown marker", {"\xE0"}, ReadError::kCorrupt},
+        {"dictionary key that is a number", {"\xD1\x01\x01", "\x10\x05"}, ReadError::kCorrupt},
+        {"ASCII string with a high byte", {"\x52\x41\xE9"}, ReadError::kCorrupt},
+        {"unpaired high surrogate", {"\x61\xD8\x00"}, ReadError::kCorrupt},
+        {"lone low surrogate", {"\x62\xDC\x00\x00\x41"}, ReadError::kCorrupt},
+        {"date with a short body", {"\x33\x00"}, ReadError::kCorrupt},
+    };
+    for (const auto& c : cases) EXPECT_EQ(readError(Crafted{c.objects}.build()).code, c.code) << c.what;
+}
+
+// A chain of arrays, each holding the next; the last is empty.
+std::string nestedArrays(int depth) {
+    Crafted c;
+    c.refSize = 2;
+    c.offsetSize = 2;
+    for (int i = 0; i < depth - 1; ++i) c.objects.push_back("\xA1" + be(i + 1, 2));
+    c.objects.push_back("\xA0");
+    return c.build();
+}
+
+TEST(PlistBinaryReader, NestingIsBoundedAt512) {
+    EXPECT_TRUE(read(nestedArrays(kMaxDepth)));
+    EXPECT_EQ(readError(nestedArrays(kMaxDepth + 1)).code, ReadError::kTooDeep);
+}
+
+TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
+    // Layer i is [layer i+1, layer i+1]: 2^60 leaves from a few hundred bytes.
+    Crafted c;
+    for (int i = 0; i < 60; ++i)
+        c.objects.push_back(arrayOf({static_cast<uint8_t>(i + 1), static_cast<uint8_t>(i + 1)}));
+    c.objects.push_back("\x09");
+    EXPECT_EQ(readError(c.build()).code, ReadError::kCorrupt);
+
+    // Sharing on a sane scale (the same string in many places) is fine.
+    Crafted shared;
+    shared.offsetSize = 2;
+    shared.objects.push_back("\xAF\x11" + be(1000, 2) + std::string(1000, '\x01'));
+    shared.objects.push_back("\x5A" + std::string(10, 'k'));
+    auto v = read(shared.build());
+    ASSERT_TRUE(v);
+    EXPECT_EQ(v->asArray()->size(), 1000u);
+}
+
+TEST(PlistBinaryReader, IntegerWidthsAndSigns) {
+    auto integer = [](const std::string& object) {
+        auto v = read(Crafted{{object}}.build());
+        return v && v->isInteger() ? std::optional<Integer>(*v->asInteger()) : std::nullopt;
+    };
+    EXPECT_EQ(integer("\x10\xFF")->asSigned(), 255);  // short widths are unsigned
+    EXPECT_EQ(integer("\x11\xFF\xFF")->asSigned(), 65535);
+    EXPECT_EQ(integer("\x12\xFF\xFF\xFF\xFF")->asSigned(), 4294967295);
+    EXPECT_EQ(integer("\x13" + be(UINT64_MAX, 8))->asSigned(), -1);
+    const auto big = integer("\x14" + be(0, 8) + be(UINT64_MAX, 8));
+    EXPECT_TRUE(big->isUnsigned);
+    EXPECT_EQ(big->asUnsigned(), UINT64_MAX);
+    const auto negative = integer("\x14" + be(UINT64_MAX, 8) + be(static_cast<uint64_t>(-5), 8));
+    EXPECT_EQ(negative->asSigned(), -5);
+    EXPECT_FALSE(negative->isUnsigned);
+
+    auto real = read(Crafted{{"\x22" + be(std::bit_cast<uint32_t>(1.5f), 4)}}.build());
+    ASSERT_TRUE(real && real->isReal());
+    EXPECT_EQ(*real->asReal(), 1.5);
+}
+
+TEST(PlistBinaryReader, DuplicateKeysKeepFirstPlaceAndLastValue) {
+    // {a: 1, b: 2, a: 3}
+    Crafted c{{"\xD3\x01\x02\x01\x03\x04\x05", "\x51\x61", "\x51\x62", "\x10\x01", "\x10\x02", "\x10\x03"}};
+    auto v = read(c.build());
+    ASSERT_TRUE(v);
+    const Dictionary& d = *v->asDictionary();
+    ASSERT_EQ(d.size(), 2u);
+    EXPECT_EQ(d.entries()[0].first, "a");
+    EXPECT_EQ(d.getInteger("a")->asSigned(), 3);
+}
+
+std::string header(std::string_view file) {
+    return std::string(file.substr(8, file.size() - 8 - 32));
+}
+uint8_t trailerByte(std::string_view file, size_t i) {
+    return static_cast<uint8_t>(file[file.size() - 32 + i]);
+}
+
+TEST(PlistBinaryWriter, SmallestIntegerWidths) {
+    struct Case {
+        Value value;
+        std::string object;
+    };
+    const std::vector<Case> cases = {
+        {Value(0), std::string("\x10\x00", 2)},
+        {Value(255), "\x10\xFF"},
+        {Value(256), std::string("\x11\x01\x00", 3)},
+        {Value(65535), "\x11\xFF\xFF"},
+        {Value(65536), std::string("\x12\x00\x01\x00\x00", 5)},
+        {Value(int64_t{1} << 32), "\x13" + be(1ull << 32, 8)},
+        {Value(-1), "\x13" + be(UINT64_MAX, 8)},
+        {Value(INT64_MIN), "\x13" + be(1ull << 63, 8)},
+        {Value(INT64_MAX), "\x13" + be(INT64_MAX, 8)},
+        {Value(uint64_t{1} << 63), "\x14" + be(0, 8) + be(1ull << 63, 8)},
+        {Value(UINT64_MAX), "\x14" + be(0, 8) + be(UINT64_MAX, 8)},
+        {Value(Integer::fromUnsigned(7)), "\x10\x07"},
+    };
+    for (const auto& c : cases) {
+        const std::string file = writeBinary(c.value);
+        EXPECT_EQ(header(file), c.object + "\x08") << c.value.description();
+        auto back = read(file);
+        ASSERT_TRUE(back);
+        EXPECT_EQ(*back, c.value);
+    }
+}
+
+TEST(PlistBinaryWriter, ReferenceWidthGrowsWithObjectCount) {
+    Array small, large;
+    for (int i = 0; i < 255; ++i) small.push_back(Value(i));
+    for (int i = 0; i < 256; ++i) large.push_back(Value(i));
+    EXPECT_EQ(trailerByte(writeBinary(Value(small)), 7), 1);  // 256 objects: indices 0..255
+    EXPECT_EQ(trailerByte(writeBinary(Value(large)), 7), 2);
+}
+
+TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
+    Array records;
+    for (int i = 0; i < 100; ++i) {
+        Dictionary d;
+        d.set("NSFileOwnerAccountName", Value("mobile"));
+        d.set("NSFileSize", Value(i));
+        records.push_back(Value(std::move(d)));
+    }
+    const std::string file = writeBinary(Value(records));
+    auto count = [&](std::string_view needle) {
+        size_t n = 0;
+        for (size_t at = file.find(needle); at != std::string::npos; at = file.find(needle, at + 1)) ++n;
+        return n;
+    };
+    EXPECT_EQ(count("NSFileOwnerAccountName"), 1u);
+    EXPECT_EQ(count("mobile"), 1u);
+    EXPECT_EQ(*read(file), Value(records));
+}
+
+TEST(PlistBinaryWriter, RealsDatesAndTextKeepEveryBit) {
+    const double nanWithPayload = std::bit_cast<double>(0x7FF8000000000123ull);
+    Array items = {Value(-0.0),
+                   Value(5e-324),
+                   Value(nanWithPayload),
+                   Value(Date{-1234.000001}),
+                   Value(Date{std::nextafter(800000000.5, 1e10)}),
+                   Value("caf\xC3\xA9 \xF0\x9F\x98\x80"),
+                   Value(""),
+                   Value(Data{0, 1, 2})};
+    auto back = read(writeBinary(Value(items)));
+    ASSERT_TRUE(back);
+    const Array& a = *back->asArray();
+    ASSERT_EQ(a.size(), items.size());
+    for (size_t i = 0; i < 3; ++i)
+        EXPECT_EQ(std::bit_cast<uint64_t>(*a[i].asReal()), std::bit_cast<uint64_t>(*items[i].asReal()));
+    for (size_t i = 3; i < 5; ++i)
+        EXPECT_EQ(std::bit_cast<uint64_t>(a[i].asDate()->secondsSince2001),
+                  std::bit_cast<uint64_t>(items[i].asDate()->secondsSince2001));
+    for (size_t i = 5; i < items.size(); ++i) EXPECT_EQ(a[i], items[i]);
+}
+
+TEST(PlistBinaryWriter, RefusesWhatCannotBeEncoded) {
+    EXPECT_EQ(writeBinary(Value("bad \xFF utf-8")), "");
+    Value deep{Array{}};
+    for (int i = 0; i < kMaxDepth; ++i) deep = Value(Array{std::move(deep)});
+    EXPECT_EQ(writeBinary(deep), "");
+    EXPECT_NE(writeBinary(*deep.asArray()->data()), "");  // exactly kMaxDepth levels
+}
+
+}  // namespace
+}  // namespace qvl::plist
