@@ -1,0 +1,185 @@
+#include "qvald_helper/QVLHMessageResponder.h"
+
+#include <utility>
+
+#include "platform/entitlements/EntitlementService.h"
+#include "qvald_helper/QVLLog.h"
+#include "qvald_helper/zrpdictConv.h"
+
+namespace qvl {
+
+namespace {
+
+constexpr const char* kEntitlementQuorvaled = "com.ostrel.private.quorvale.quorvaled";
+constexpr const char* kHasEntitlementName = "-[QVLHMessageResponder hasEntitlementQuorvaled]";
+
+QVLHMessageResponder::EntitlementAnswer readFromRegistry(const zrp::AuditToken& token,
+                                                         std::string_view entitlement) {
+    QVLHMessageResponder::EntitlementAnswer answer;
+    auto task = entitlements::Task::createWithAuditToken(token);
+    if (!task) return answer;
+    answer.taskFound = true;
+    answer.value = task->valueForEntitlement(entitlement);
+    return answer;
+}
+
+}  // namespace
+
+// The command table: the only names a request can reach.
+const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder::kCommands = {};
+
+QVLHMessageResponder& QVLHMessageResponder::sharedInstance() {
+    static QVLHMessageResponder instance;
+    return instance;
+}
+
+QVLHMessageResponder::QVLHMessageResponder() : entitlementReader_(readFromRegistry) {}
+
+std::shared_ptr<zrp::Connection> QVLHMessageResponder::connection() const {
+    std::lock_guard<std::mutex> guard(connectionLock_);
+    return connection_.lock();
+}
+
+void QVLHMessageResponder::setConnection(const std::shared_ptr<zrp::Connection>& connection) {
+    std::lock_guard<std::mutex> guard(connectionLock_);
+    connection_ = connection;
+}
+
+void QVLHMessageResponder::setEntitlementReaderForTesting(EntitlementReader reader) {
+    std::lock_guard<std::mutex> guard(readerLock_);
+    entitlementReader_ = reader ? std::move(reader) : EntitlementReader(readFromRegistry);
+}
+
+std::vector<std::string_view> QVLHMessageResponder::commandNames() {
+    std::vector<std::string_view> names;
+    for (const Command& command : kCommands) names.push_back(command.name);
+    return names;
+}
+
+bool QVLHMessageResponder::hasEntitlementQuorvaled() {
+    // A request whose client is already gone has no connection: its empty
+    // token makes no task, and the request is refused like any other.
+    const auto current = connection();
+    const zrp::AuditToken token = current ? current->auditToken() : zrp::AuditToken{};
+    EntitlementReader reader;
+    {
+        std::lock_guard<std::mutex> guard(readerLock_);
+        reader = entitlementReader_;
+    }
+    const EntitlementAnswer answer = reader(token, kEntitlementQuorvaled);
+    if (!answer.taskFound) {
+        QVLLog("%s: Cannot create Pelkor from audit token", kHasEntitlementName);
+        return false;
+    }
+    if (!answer.value) {
+        QVLLog("%s: No data received.", kHasEntitlementName);
+        return false;
+    }
+    const bool* granted = answer.value->asBoolean();
+    if (!granted) {
+        QVLLog("%s: format not correct: %@", kHasEntitlementName, *answer.value);
+        return false;
+    }
+    return *granted;
+}
+
+const QVLHMessageResponder::Command* QVLHMessageResponder::findCommand(std::string_view name) {
+    for (const Command& command : kCommands) {
+        if (command.name == name) return &command;
+    }
+    return nullptr;
+}
+
+void QVLHMessageResponder::handleZRPMessage(const zrp::Dictionary& message) {
+    if (!hasEntitlementQuorvaled()) {
+        QVLLog("The client does not have proper entitlement");
+        return;
+    }
+    const plist::Dictionary request = dictionaryWithZRPDictionary(message);
+    for (const auto& [key, parameter] : request) {
+        // A method name is a C string: a key with a NUL byte inside can't be
+        // one. (Keys are valid UTF-8 by now; the wire itself carries no NUL.)
+        if (key.find('\0') != std::string::npos) {
+            QVLLog("selector is nil for %@", key);
+            return;
+        }
+        const Command* command = findCommand(key);
+        if (!command) {
+            QVLLog("%@ does not respond to %@.", "QVLHMessageResponder", key);
+            return;
+        }
+        if ((this->*command->method)(parameter)) {
+            sendPassResponse();
+        } else {
+            sendFailResponse();
+        }
+    }
+}
+
+void QVLHMessageResponder::sendMessage(const zrp::Dictionary& message) {
+    // The service drops a send to a connection whose peer has gone; with no
+    // connection at all there is nobody to tell.
+    if (const auto current = connection()) current->send(message);
+}
+
+void QVLHMessageResponder::sendPassResponse() {
+    zrp::Dictionary message;
+    message.setBool("Response", true);
+    sendMessage(message);
+}
+
+void QVLHMessageResponder::sendFailResponse() {
+    zrp::Dictionary message;
+    message.setBool("Response", false);
+    sendMessage(message);
+}
+
+void QVLHMessageResponder::sendProgress(int64_t percent) {
+    zrp::Dictionary message;
+    message.setInt64("Progress", percent);
+    sendMessage(message);
+}
+
+void QVLHMessageResponder::sendData(std::span<const uint8_t> bytes) {
+    zrp::Dictionary message;
+    message.setData("Data", bytes);
+    sendMessage(message);
+}
+
+// ---- Parameter helpers
+
+const std::string* QVLHMessageResponder::stringParameter(const plist::Value& parameter) {
+    return parameter.asString();
+}
+
+const plist::Dictionary* QVLHMessageResponder::dictionaryParameter(const plist::Value& parameter) {
+    return parameter.asDictionary();
+}
+
+const std::string* QVLHMessageResponder::stringEntry(const plist::Value& parameter, std::string_view key) {
+    const plist::Dictionary* dictionary = parameter.asDictionary();
+    return dictionary ? dictionary->getString(key) : nullptr;
+}
+
+std::optional<int32_t> QVLHMessageResponder::intEntry(const plist::Value& parameter, std::string_view key) {
+    const plist::Dictionary* dictionary = parameter.asDictionary();
+    const plist::Value* entry = dictionary ? dictionary->find(key) : nullptr;
+    if (!entry) return std::nullopt;
+    const std::optional<int64_t> wide = entry->integerValue();
+    if (!wide) return std::nullopt;
+    return static_cast<int32_t>(static_cast<uint32_t>(static_cast<uint64_t>(*wide)));
+}
+
+std::optional<bool> QVLHMessageResponder::boolEntry(const plist::Value& parameter, std::string_view key) {
+    const plist::Dictionary* dictionary = parameter.asDictionary();
+    const plist::Value* entry = dictionary ? dictionary->find(key) : nullptr;
+    return entry ? entry->boolValue() : std::nullopt;
+}
+
+void QVLHMessageResponder::logEntering(const char* fullName, const plist::Value& parameter) {
+    QVLLog("Entering %s with parameter: %@", fullName, parameter);
+}
+
+// ---- Commands
+
+}  // namespace qvl

@@ -1,0 +1,127 @@
+#include "qvald_helper/zrpdictConv.h"
+
+#include <string>
+#include <string_view>
+
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+
+namespace {
+
+// Whether `s` is well-formed UTF-8: no stray continuation bytes, no overlong
+// forms, no surrogates, nothing above U+10FFFF.
+bool isValidUTF8(std::string_view s) {
+    size_t i = 0;
+    while (i < s.size()) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            ++i;
+            continue;
+        }
+        size_t length;
+        uint32_t min;
+        uint32_t cp;
+        if ((c & 0xE0) == 0xC0) {
+            length = 2, min = 0x80, cp = c & 0x1F;
+        } else if ((c & 0xF0) == 0xE0) {
+            length = 3, min = 0x800, cp = c & 0x0F;
+        } else if ((c & 0xF8) == 0xF0) {
+            length = 4, min = 0x10000, cp = c & 0x07;
+        } else {
+            return false;
+        }
+        if (s.size() - i < length) return false;
+        for (size_t k = 1; k < length; ++k) {
+            const auto cc = static_cast<unsigned char>(s[i + k]);
+            if ((cc & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (cc & 0x3F);
+        }
+        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
+        i += length;
+    }
+    return true;
+}
+
+// The bytes with everything outside printable ASCII written as \xNN, so that
+// a log line never carries malformed text of its own.
+std::string escapedBytes(std::string_view s) {
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(s.size());
+    for (const char ch : s) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c >= 0x20 && c < 0x7F && c != '\\') {
+            out.push_back(ch);
+        } else {
+            out += "\\x";
+            out.push_back(kHex[c >> 4]);
+            out.push_back(kHex[c & 0x0F]);
+        }
+    }
+    return out;
+}
+
+plist::Dictionary convertDictionary(const zrp::Dictionary& zrpDictionary);
+
+// The property value for one ZRP value, or nullopt when the entry is dropped
+// (the reason is logged here, once).
+std::optional<plist::Value> convertValue(const std::string& key, const zrp::Value& value) {
+    switch (value.type()) {
+        case zrp::Type::Boolean:
+            return plist::Value(*value.asBool());
+        case zrp::Type::Int64:
+            return plist::Value(*value.asInt64());
+        case zrp::Type::String:
+            if (!isValidUTF8(*value.asString())) {
+                QVLLog("The string value for key %@ is not valid UTF-8; the entry is dropped", key);
+                return std::nullopt;
+            }
+            return plist::Value(*value.asString());
+        case zrp::Type::Dictionary:
+            return plist::Value(convertDictionary(*value.asDictionary()));
+        default:
+            QVLLog("The value for key %@ has a type that is not supported yet", key);
+            return std::nullopt;
+    }
+}
+
+// Recursion depth is bounded by the service's frame decoder, which refuses
+// nesting deeper than zrp::kMaxDepth.
+plist::Dictionary convertDictionary(const zrp::Dictionary& zrpDictionary) {
+    plist::Dictionary result;
+    result.reserve(zrpDictionary.size());
+    zrpDictionary.forEach([&](std::string_view key, const zrp::Value& value) {
+        // A key that is not UTF-8 can't become a property-list key; dropping
+        // its entry keeps the rest of the request usable.
+        if (!isValidUTF8(key)) {
+            QVLLog("A key that is not valid UTF-8 (%@) was dropped with its value", escapedBytes(key));
+            return true;
+        }
+        std::string keyString(key);
+        if (auto converted = convertValue(keyString, value)) {
+            // Keys of a ZRP dictionary are unique, so no lookup is needed.
+            result.appendUnchecked(std::move(keyString), std::move(*converted));
+        }
+        return true;
+    });
+    return result;
+}
+
+}  // namespace
+
+plist::Dictionary dictionaryWithZRPDictionary(const zrp::Dictionary& zrpDictionary) {
+    plist::Dictionary result;
+    initWithZRPDictionary(result, zrpDictionary);
+    return result;
+}
+
+void initWithZRPDictionary(plist::Dictionary& receiver, const zrp::Dictionary& zrpDictionary) {
+    receiver = convertDictionary(zrpDictionary);
+}
+
+std::optional<zrp::Dictionary> createZRPDictionary(const plist::Dictionary&) {
+    return std::nullopt;
+}
+
+}  // namespace qvl
