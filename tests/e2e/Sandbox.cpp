@@ -1,0 +1,193 @@
+#include "tests/e2e/Sandbox.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+namespace qvl::e2e {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string shellQuote(const std::string& s) {
+    std::string out = "'";
+    for (char c : s) {
+        if (c == '\'') {
+            out += "'\\''";
+        } else {
+            out.push_back(c);
+        }
+    }
+    return out + "'";
+}
+
+std::string envOr(const char* name, const std::string& fallback) {
+    const char* value = std::getenv(name);
+    return value && *value ? value : fallback;
+}
+
+// "2026-11-22 21:04:05 +0000 " before every message in the log file.
+constexpr size_t kDatePrefixLength = 26;
+
+}  // namespace
+
+CommandResult runCommand(const std::vector<std::string>& args) {
+    std::string command;
+    for (const auto& arg : args) command += shellQuote(arg) + " ";
+    command += "2>&1";
+    CommandResult result;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return result;
+    char buffer[4096];
+    size_t n;
+    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
+    const int status = ::pclose(pipe);
+    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return result;
+}
+
+Sandbox::Sandbox() : sourceDir_(envOr("QVL_SOURCE_DIR", ".")), buildDir_(envOr("QVL_BINARY_DIR", "build")) {
+    char pattern[] = "/tmp/qvl-e2e-XXXXXX";
+    if (::mkdtemp(pattern)) root_ = pattern;
+}
+
+Sandbox::~Sandbox() {
+    if (running()) stop("KILL");
+    if (!root_.empty()) {
+        std::error_code ec;
+        fs::remove_all(root_, ec);
+    }
+}
+
+std::optional<std::string> Sandbox::unavailableReason() {
+    if (::geteuid() != 0) return "the sandbox needs root";
+    if (runCommand({"sh", "-c", "command -v bwrap"}).status != 0) return "bwrap is not installed";
+    return std::nullopt;
+}
+
+CommandResult Sandbox::launcher(const std::vector<std::string>& args) const {
+    std::vector<std::string> full = {sourceDir_ + "/tools/qvl-sandbox"};
+    full.insert(full.end(), args.begin(), args.end());
+    return runCommand(full);
+}
+
+bool Sandbox::start(std::string* output) {
+    if (root_.empty()) return false;
+    const CommandResult result = launcher({"start", "--root", root_, "--build", buildDir_});
+    if (output) *output = result.output;
+    started_ = result.status == 0;
+    return started_;
+}
+
+CommandResult Sandbox::exec(const std::vector<std::string>& args, const std::string& user) {
+    std::vector<std::string> full = {"exec", "--root", root_};
+    if (!user.empty()) {
+        full.push_back("--user");
+        full.push_back(user);
+    }
+    full.push_back("--");
+    full.insert(full.end(), args.begin(), args.end());
+    return launcher(full);
+}
+
+int Sandbox::stop(const std::string& signal) {
+    if (!started_) return -1;
+    const CommandResult result = launcher({"stop", "--root", root_, "--signal", signal});
+    started_ = false;
+    return result.output.find("main program exited with status") == std::string::npos ? -1 : result.status;
+}
+
+int Sandbox::waitForExit(std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    const std::string statusFile = root_ + "/.sandbox/status";
+    while (!fs::exists(statusFile)) {
+        if (std::chrono::steady_clock::now() > deadline) return -1;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    started_ = false;
+    std::ifstream in(statusFile);
+    int status = -1;
+    in >> status;
+    return status;
+}
+
+bool Sandbox::running() const {
+    return started_ && !fs::exists(root_ + "/.sandbox/status");
+}
+
+pid_t Sandbox::helperPid() const {
+    const CommandResult result = launcher({"pid", "--root", root_});
+    if (result.status != 0) return -1;
+    return static_cast<pid_t>(std::atol(result.output.c_str()));
+}
+
+std::string Sandbox::writeFile(const std::string& name, const std::vector<uint8_t>& bytes) {
+    std::ofstream out(root_ + "/private/var/tmp/" + name, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+    return "/private/var/tmp/" + name;
+}
+
+std::string Sandbox::writeFile(const std::string& name, const std::string& text) {
+    return writeFile(name, std::vector<uint8_t>(text.begin(), text.end()));
+}
+
+std::string Sandbox::logFilePath() const {
+    const std::time_t now = std::time(nullptr);
+    std::tm local{};
+    ::localtime_r(&now, &local);
+    char name[64];
+    std::snprintf(name, sizeof name, "qvald_helper-%04d%02d%02d.log", local.tm_year + 1900, local.tm_mon + 1,
+                  local.tm_mday);
+    return root_ + "/private/var/logs/qvald/" + name;
+}
+
+std::vector<std::string> Sandbox::logLines() const {
+    std::vector<std::string> lines;
+    std::ifstream in(logFilePath());
+    std::string line;
+    while (std::getline(in, line)) {
+        lines.push_back(line.size() >= kDatePrefixLength ? line.substr(kDatePrefixLength) : line);
+    }
+    return lines;
+}
+
+bool Sandbox::waitForLogLine(const std::string& line, size_t from, std::chrono::milliseconds timeout) const {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        const auto lines = logLines();
+        for (size_t i = from; i < lines.size(); ++i) {
+            if (lines[i] == line) return true;
+        }
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+size_t openDescriptorCount(pid_t pid) {
+    size_t count = 0;
+    std::error_code ec;
+    for (auto it = fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", ec);
+         !ec && it != fs::directory_iterator(); it.increment(ec)) {
+        ++count;
+    }
+    return count;
+}
+
+size_t residentKiB(pid_t pid) {
+    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("VmRSS:", 0) == 0) return std::strtoul(line.c_str() + 6, nullptr, 10);
+    }
+    return 0;
+}
+
+}  // namespace qvl::e2e
