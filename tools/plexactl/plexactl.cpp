@@ -1,0 +1,140 @@
+// plexactl: looks at and works on disk images and devices with the volume
+// library: media geometry, the GPT view and the volume manager's header.
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "storage/plexa.h"
+#include "tools/plexactl/GptCommands.h"
+#include "tools/plexactl/HeaderCommands.h"
+#include "tools/plexactl/Image.h"
+#include "tools/plexactl/Text.h"
+
+using namespace qvl::plexactl;
+
+namespace {
+
+constexpr int kUsageError = 2;
+
+constexpr char kUsage[] =
+    "usage: plexactl geometry SIZE BLOCKSIZE\n"
+    "       plexactl gpt show IMAGE\n"
+    "       plexactl gpt resize IMAGE INDEX SIZE\n"
+    "       plexactl gpt create IMAGE SIZE\n"
+    "       plexactl gpt delete IMAGE INDEX\n"
+    "       plexactl header create [--force] IMAGE\n"
+    "       plexactl header show IMAGE\n"
+    "       plexactl header check IMAGE\n"
+    "       plexactl header repair [--strict] IMAGE\n"
+    "Sizes are bytes, or a number followed by K, M or G.\n";
+
+using Args = std::vector<std::string>;
+
+int usage(const char* form) {
+    complain("usage: plexactl %s", form);
+    return kUsageError;
+}
+
+bool size(const std::string& text, uint64_t& out) {
+    std::optional<uint64_t> value = parseSize(text);
+    if (!value) {
+        complain("invalid size '%s' (bytes, or a number followed by K, M or G)", text.c_str());
+        return false;
+    }
+    out = *value;
+    return true;
+}
+
+bool index(const std::string& text, int& out) {
+    std::optional<int> value = parseIndex(text);
+    if (!value) {
+        complain("invalid partition index '%s'", text.c_str());
+        return false;
+    }
+    out = *value;
+    return true;
+}
+
+int geometry(const Args& a) {
+    if (a.size() != 2) return usage("geometry SIZE BLOCKSIZE");
+    uint64_t mediaSize = 0, blockSize = 0;
+    if (!size(a[0], mediaSize) || !size(a[1], blockSize)) return kUsageError;
+    if (blockSize > UINT32_MAX) {
+        complain("block size %s out of range", a[1].c_str());
+        return 1;
+    }
+    PlexaMediaProperties g{};
+    if (plexaInitMediaGeometry(&g, mediaSize, uint32_t(blockSize)) != 0) return 1;
+    std::printf("mediaSize       %" PRIu64 "\n", g.mediaSize);
+    std::printf("partitionSpace  %" PRIu64 "\n", g.partitionSpace);
+    std::printf("chunkCount      %u\n", g.chunkCount);
+    std::printf("blockSize       %u\n", g.blockSize);
+    std::printf("blockShift      %u\n", g.blockShift);
+    std::printf("chunkSize       %u\n", g.chunkSize);
+    std::printf("chunkShift      %u\n", g.chunkShift);
+    return 0;
+}
+
+int gpt(const std::string& verb, const Args& a) {
+    int slot = 0;
+    uint64_t bytes = 0;
+    if (verb == "show") return a.size() == 1 ? gptShow(a[0]) : usage("gpt show IMAGE");
+    if (verb == "resize") {
+        if (a.size() != 3) return usage("gpt resize IMAGE INDEX SIZE");
+        if (!index(a[1], slot) || !size(a[2], bytes)) return kUsageError;
+        // Size 0 means deletion to the library; a resize never deletes.
+        if (bytes == 0) {
+            complain("a partition can't be resized to 0 bytes (use gpt delete)");
+            return kUsageError;
+        }
+        return gptAdjust(a[0], slot, bytes);
+    }
+    if (verb == "create") {
+        if (a.size() != 2) return usage("gpt create IMAGE SIZE");
+        if (!size(a[1], bytes)) return kUsageError;
+        return gptAdjust(a[0], std::nullopt, bytes);
+    }
+    if (verb == "delete") {
+        if (a.size() != 2) return usage("gpt delete IMAGE INDEX");
+        if (!index(a[1], slot)) return kUsageError;
+        return gptAdjust(a[0], slot, 0);
+    }
+    complain("unknown gpt command '%s' (show, resize, create, delete)", verb.c_str());
+    return kUsageError;
+}
+
+int header(const std::string& verb, Args a) {
+    const std::string flag = verb == "create" ? "--force" : verb == "repair" ? "--strict" : "";
+    bool flagged = false;
+    if (!flag.empty() && !a.empty() && a[0] == flag) {
+        flagged = true;
+        a.erase(a.begin());
+    }
+    if (verb == "create") return a.size() == 1 ? headerCreate(a[0], flagged) : usage("header create [--force] IMAGE");
+    if (verb == "show") return a.size() == 1 ? headerShow(a[0]) : usage("header show IMAGE");
+    if (verb == "check") return a.size() == 1 ? headerCheck(a[0]) : usage("header check IMAGE");
+    if (verb == "repair") return a.size() == 1 ? headerRepair(a[0], flagged) : usage("header repair [--strict] IMAGE");
+    complain("unknown header command '%s' (create, show, check, repair)", verb.c_str());
+    return kUsageError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Args args(argv + 1, argv + argc);
+    if (args.empty() || args[0] == "--help" || args[0] == "-h" || args[0] == "help") {
+        std::fputs(kUsage, args.empty() ? stderr : stdout);
+        return args.empty() ? kUsageError : 0;
+    }
+    const std::string command = args[0];
+    if (command == "geometry") return geometry(Args(args.begin() + 1, args.end()));
+    if (command == "gpt" || command == "header") {
+        if (args.size() < 2) return usage(command == "gpt" ? "gpt show|resize|create|delete ..." : "header create|show|check|repair ...");
+        Args rest(args.begin() + 2, args.end());
+        return command == "gpt" ? gpt(args[1], rest) : header(args[1], rest);
+    }
+    complain("unknown command '%s' (geometry, gpt, header; --help lists them)", command.c_str());
+    return kUsageError;
+}
