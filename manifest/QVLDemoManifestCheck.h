@@ -18,6 +18,7 @@
 // the same time; the helper serves one request at a time.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -61,7 +62,8 @@ class QVLDemoManifestCheck {
 
     // A separate checker over the given services (tests, tools). Null when the
     // domain table fails to load ("Loading Domains.plist failed\n" is logged).
-    static std::unique_ptr<QVLDemoManifestCheck> create(Services services = {});
+    static std::unique_ptr<QVLDemoManifestCheck> create(Services services);
+    static std::unique_ptr<QVLDemoManifestCheck> create() { return create(Services()); }
 
     ~QVLDemoManifestCheck();
     QVLDemoManifestCheck(const QVLDemoManifestCheck&) = delete;
@@ -102,6 +104,12 @@ class QVLDemoManifestCheck {
     // in its component's file manifest, may be installed: false when it needs
     // rigorous checking and carries a valid code signature, or when it cannot
     // be placed in the manifest.
+    //
+    // The item being installed is {"TypeOfFiles": section, "Identifier": id}.
+    // For "Backup" the identifier is the range of installation items being
+    // installed, given as a dictionary {"location": n, "length": n} or as an
+    // array [location, length] of unsigned 32-bit integers; for the data
+    // sections it is the container's identifier string.
     bool checkFileForEntitlements(const std::string& path, const std::string& manifestEntry);
 
     // Properties.
@@ -118,15 +126,19 @@ class QVLDemoManifestCheck {
 
     bool checkComponent(const plist::Value& component, const std::string& componentName,
                         const std::string& section);
+    bool checkFileRecord(const std::string& path, const plist::Value& record, std::string_view section);
     bool symLinkAllowed(std::string_view path, const plist::Dictionary& record) const;
-    bool layoutRecordAcceptable(const std::string& path, const plist::Value& record);
-    bool backupFileNeedsRigorousCheck(const plist::Dictionary& manifest, const plist::Dictionary& section,
-                                      const plist::Dictionary& item, const std::string& manifestEntry,
-                                      bool& needsCheck);
+    static bool layoutRecordAcceptable(const std::string& path, const plist::Value& record);
+    // Whether the file listed under `manifestEntry` of the item being
+    // installed needs rigorous checking; nullopt (logged) when it can't be placed.
+    std::optional<bool> needsRigorousCheck(const plist::Dictionary* manifest, const plist::Dictionary& item,
+                                           const std::string& manifestEntry);
 
     Services services_;
     std::vector<SymLinkRule> allowedSymLinks_;
     std::unique_ptr<WhitelistChecker> whitelistChecker_;
+
+    std::vector<uint64_t> observerTokens_;  // removed again when a non-shared checker goes away
 
     mutable std::mutex propertyLock_;
     std::shared_ptr<const plist::Dictionary> segmentedManifestWithRigorousFlag_;

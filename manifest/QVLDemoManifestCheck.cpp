@@ -1,0 +1,525 @@
+#include "manifest/QVLDemoManifestCheck.h"
+
+#include <algorithm>
+#include <iterator>
+
+#include "metadata/QVLFileMetadata.h"
+#include "metadata/WhitelistChecker.h"
+#include "platform/codesign/CodeSignature.h"
+#include "platform/notify/QVLNotificationCenter.h"
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+namespace {
+
+using plist::Dictionary;
+using plist::Value;
+
+constexpr std::string_view kBackup = "Backup";
+constexpr std::string_view kAppData = "AppData";
+constexpr std::string_view kGroupData = "GroupData";
+constexpr std::string_view kExtensionData = "ExtensionData";
+constexpr std::string_view kManifest = "Manifest";
+constexpr std::string_view kRigorousCheckType = "RigorousCheckType";
+constexpr std::string_view kInstallationOrder = "InstallationOrder";
+constexpr std::string_view kBaseBackup = "backup.BaseBackup";
+constexpr std::string_view kSkip = "Skip";
+constexpr std::string_view kDefault = "Default";
+constexpr std::string_view kAppLayout = "AppLayout";
+constexpr std::string_view kNotificationName = "CheckEntitlementsNotify";
+
+constexpr int64_t kSetUserID = 04000;
+constexpr int64_t kSetGroupID = 02000;
+constexpr int64_t kMobileID = 501;
+constexpr std::string_view kMobileName = "mobile";
+
+constexpr std::string_view kAllowedLayoutPaths[] = {
+    "/var/mobile/Library/Tessaro/DesiredIconState.plist",
+    "/var/mobile/Library/Tessaro/IconState.plist",
+};
+
+bool isCheckedSection(std::string_view name) {
+    return name == kBackup || name == kAppData || name == kGroupData || name == kExtensionData;
+}
+
+bool isDataSection(std::string_view name) {
+    return name == kAppData || name == kGroupData || name == kExtensionData;
+}
+
+// A copy of a data section entry wrapped as a component checked by default.
+Value defaultComponent(const Value* manifest) {
+    Dictionary component;
+    if (manifest) component.set(std::string(kManifest), *manifest);
+    component.set(std::string(kRigorousCheckType), std::string(kDefault));
+    return component;
+}
+
+// Reads a range given as {"location", "length"} or [location, length] of
+// unsigned 32-bit integers.
+std::optional<std::pair<int64_t, int64_t>> rangeOf(const Value* value) {
+    const Value* location = nullptr;
+    const Value* length = nullptr;
+    if (const Dictionary* d = value ? value->asDictionary() : nullptr) {
+        location = d->find("location");
+        length = d->find("length");
+    } else if (const plist::Array* a = value ? value->asArray() : nullptr; a && a->size() == 2) {
+        location = &(*a)[0];
+        length = &(*a)[1];
+    }
+    const plist::Integer* loc = location ? location->asInteger() : nullptr;
+    const plist::Integer* len = length ? length->asInteger() : nullptr;
+    if (!loc || !len || loc->isNegative() || len->isNegative() || loc->asUnsigned() > UINT32_MAX ||
+        len->asUnsigned() > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return std::pair{static_cast<int64_t>(loc->asUnsigned()), static_cast<int64_t>(len->asUnsigned())};
+}
+
+}  // namespace
+
+QVLDemoManifestCheck* QVLDemoManifestCheck::sharedInstance() {
+    // Made once; a failure is remembered, so every later caller sees no checker.
+    static const std::unique_ptr<QVLDemoManifestCheck> shared = create();
+    return shared.get();
+}
+
+std::unique_ptr<QVLDemoManifestCheck> QVLDemoManifestCheck::create(Services services) {
+    std::unique_ptr<QVLDemoManifestCheck> checker(new QVLDemoManifestCheck(services));
+    if (!checker->init()) return nullptr;
+    return checker;
+}
+
+QVLDemoManifestCheck::QVLDemoManifestCheck(Services services) : services_(services) {
+    if (!services_.codeSignature)
+        services_.codeSignature = &platform::ModuleSignatureValidator::sharedInstance();
+    if (!services_.notifications)
+        services_.notifications = &platform::QVLNotificationCenter::sharedInstance();
+}
+
+QVLDemoManifestCheck::~QVLDemoManifestCheck() {
+    for (uint64_t token : observerTokens_) services_.notifications->removeObserver(token);
+}
+
+bool QVLDemoManifestCheck::init() {
+    allowedSymLinks_ = {
+        {"/var/mobile/Library/Preferences/com.ostrel.carrier",
+         {"/System/Library/Carrier Bundles/", "/var/mobile/Library/Carrier Bundles/Overlay/"}},
+        {"/var/db/timezone/localtime", {"/var/db/timezone/zoneinfo"}},
+        {"/var/mobile/Media/Books", {"OPS/images", "OEBPS/images"}},
+        {"/var/mobile/Containers/",
+         {"/var/mobile/Containers/Data/Application/", "/var/mobile/Containers/Shared/AppGroup/",
+          "/var/mobile/Containers/Shared/Extension/", "/var/mobile/Library/Cookies",
+          "/private/var/mobile/Library/Preferences/com.ostrel.PeoplePicker.plist",
+          "/private/var/mobile/Library/Preferences/.GlobalPreferences.plist"}},
+    };
+    whitelistChecker_ = std::make_unique<WhitelistChecker>(services_.containers);
+    if (!whitelistChecker_->loadFromData()) {
+        QVLLog("Loading Domains.plist failed\n");
+        return false;
+    }
+    return true;
+}
+
+// Properties --------------------------------------------------------------
+
+std::shared_ptr<const Dictionary> QVLDemoManifestCheck::segmentedManifestWithRigorousFlag() const {
+    std::lock_guard guard(propertyLock_);
+    return segmentedManifestWithRigorousFlag_;
+}
+
+void QVLDemoManifestCheck::setSegmentedManifestWithRigorousFlag(std::shared_ptr<const Dictionary> manifest) {
+    std::lock_guard guard(propertyLock_);
+    segmentedManifestWithRigorousFlag_ = std::move(manifest);
+}
+
+std::shared_ptr<const Dictionary> QVLDemoManifestCheck::itemBeingInstalled() const {
+    std::lock_guard guard(propertyLock_);
+    return itemBeingInstalled_;
+}
+
+void QVLDemoManifestCheck::setItemBeingInstalled(std::shared_ptr<const Dictionary> item) {
+    std::lock_guard guard(propertyLock_);
+    itemBeingInstalled_ = std::move(item);
+}
+
+// Whole-manifest checks ---------------------------------------------------
+
+bool QVLDemoManifestCheck::secureManifestCheckForSegmentedManifest(
+    std::shared_ptr<const Dictionary> manifest) {
+    static constexpr const char* kSignature =
+        "-[QVLDemoManifestCheck secureManifestCheckForSegmentedManifest:]";
+    if (!manifest) {
+        QVLLog("%s: Passed a null manifest for security checks", kSignature);
+        return false;
+    }
+    setSegmentedManifestWithRigorousFlag(std::move(manifest));
+    if (runSecurityCheck()) {
+        registerEntitlementNotificationHandler();
+        return true;
+    }
+    QVLLog("%s: Security checks failed\n", kSignature);
+    return false;
+}
+
+bool QVLDemoManifestCheck::secureManifestCheckForSegmentedManifest(const Dictionary* manifest) {
+    return secureManifestCheckForSegmentedManifest(manifest ? std::make_shared<const Dictionary>(*manifest)
+                                                            : nullptr);
+}
+
+bool QVLDemoManifestCheck::secureManifestCheckForUnsegmentedManifest(const Dictionary* rawManifest) {
+    static constexpr const char* kSignature =
+        "-[QVLDemoManifestCheck secureManifestCheckForUnsegmentedManifest:]";
+    if (!rawManifest) {
+        QVLLog("%s: Passed a null manifest for security checks", kSignature);
+        return false;
+    }
+    // The raw manifest is what loading keeps as the payload: work on a copy.
+    auto copy = std::make_shared<Dictionary>(*rawManifest);
+    if (!unsegmentedToSegmentedWithRigorousFlag(*copy)) {
+        QVLLog("%s: Not able to convert old manifest file\n", kSignature);
+        return false;
+    }
+    setSegmentedManifestWithRigorousFlag(std::move(copy));
+    if (runSecurityCheck()) {
+        registerEntitlementNotificationHandler();
+        return true;
+    }
+    QVLLog("%s: Security checks failed\n", kSignature);
+    return false;
+}
+
+bool QVLDemoManifestCheck::unsegmentedToSegmentedWithRigorousFlag(Dictionary& manifestCopy) {
+    // Entries of another kind than expected are carried over unchanged; the
+    // security check then refuses them.
+    Dictionary appData;
+    if (const Dictionary* old = manifestCopy.getDictionary(kAppData)) {
+        for (const auto& [identifier, entry] : *old) {
+            Value converted = entry;
+            if (Dictionary* d = converted.asDictionary()) {
+                d->erase("CFBundleShortVersionString");
+                d->set(std::string(kRigorousCheckType), std::string(kDefault));
+            }
+            appData.set(identifier, std::move(converted));
+        }
+    }
+    auto wrapSection = [&](std::string_view name) {
+        Dictionary section;
+        if (const Dictionary* old = manifestCopy.getDictionary(name)) {
+            for (const auto& [identifier, entry] : *old) {
+                const Dictionary* files = entry.asDictionary();
+                if (files && files->empty()) continue;  // nothing to install
+                section.set(identifier, defaultComponent(&entry));
+            }
+        }
+        return section;
+    };
+    Dictionary groupData = wrapSection(kGroupData);
+    Dictionary extensionData = wrapSection(kExtensionData);
+    Dictionary backup;
+    backup.set(std::string(kBaseBackup), defaultComponent(manifestCopy.find(kBackup)));
+
+    manifestCopy.set(std::string(kAppData), std::move(appData));
+    manifestCopy.set(std::string(kGroupData), std::move(groupData));
+    manifestCopy.set(std::string(kExtensionData), std::move(extensionData));
+    manifestCopy.set(std::string(kBackup), std::move(backup));
+    manifestCopy.set(std::string(kInstallationOrder),
+                     plist::Array{Value(kBaseBackup), Value("systemappdata")});
+    return true;
+}
+
+bool QVLDemoManifestCheck::runSecurityCheck() {
+    static constexpr const char* kSignature = "-[QVLDemoManifestCheck runSecurityCheck]";
+    QVLLog("Starting rigorous security checks\n");
+    // The verdict is set by each component checked; the first failure ends
+    // the visit, and a manifest without any checked component fails.
+    bool verdict = false;
+    const std::shared_ptr<const Dictionary> manifest = segmentedManifestWithRigorousFlag();
+    auto visit = [&] {
+        if (!manifest) return;
+        for (const auto& [sectionName, section] : *manifest) {
+            if (!isCheckedSection(sectionName)) continue;
+            const Dictionary* components = section.asDictionary();
+            if (!components) {
+                QVLLog("%s: %@ section is not a dictionary", kSignature, sectionName);
+                verdict = false;
+                return;
+            }
+            for (const auto& [componentName, component] : *components) {
+                verdict = checkComponent(component, componentName, sectionName);
+                if (!verdict) {
+                    QVLLog("%s: Failed rigorous check for:%@ (from %@)\n", kSignature, componentName,
+                           sectionName);
+                    return;
+                }
+            }
+        }
+    };
+    visit();
+    if (verdict) {
+        QVLLog("%s:Cleared all checks for manifest. Approving future installations\n", kSignature);
+    } else {
+        QVLLog("%s: Security checks failed\n", kSignature);
+    }
+    return verdict;
+}
+
+bool QVLDemoManifestCheck::checkComponent(const Value& component, const std::string& componentName,
+                                          const std::string& section) {
+    const Dictionary* dict = component.asDictionary();
+    const Value* type = dict ? dict->find(kRigorousCheckType) : nullptr;
+    const std::string* typeName = type ? type->asString() : nullptr;
+    if (typeName && *typeName == kSkip) return true;
+    if (typeName && *typeName == kDefault) return runSecurityChecksForSection(dict->find(kManifest), section);
+    if (typeName && *typeName == kAppLayout) return runAppLayoutSecurityCheck(dict->find(kManifest));
+    QVLLog("%s: Unknown rigorous check type (%@) for %@ (from %@).",
+           "-[QVLDemoManifestCheck runSecurityCheck]", type, componentName, section);
+    return false;
+}
+
+// General file checks -----------------------------------------------------
+
+bool QVLDemoManifestCheck::runSecurityChecksForSection(const Value* fileManifest, std::string_view dataType) {
+    if (!fileManifest) return true;
+    const Dictionary* files = fileManifest->asDictionary();
+    if (!files) {
+        QVLLog("%s: Manifest in %@ section is not a dictionary",
+               "-[QVLDemoManifestCheck runSecurityChecksForSection:dataType:]", dataType);
+        return false;
+    }
+    if (dataType == kBackup && !whitelistChecker_->checkManifest(*files)) {
+        QVLLog("Whitelist checker failed\n");
+        return false;
+    }
+    for (const auto& [path, record] : *files) {
+        if (!checkFileRecord(path, record, dataType)) return false;
+    }
+    return true;
+}
+
+bool QVLDemoManifestCheck::checkFileRecord(const std::string& path, const Value& record,
+                                           std::string_view section) {
+    const Dictionary* dict = record.asDictionary();
+    const Dictionary* attributes = dict ? dict->getDictionary(kQVLManifestFileAttributes) : nullptr;
+    if (!attributes) {
+        QVLLog("File attributes are nil for %@", path);
+        return false;
+    }
+
+    const Value* type = attributes->find(kNSFileType);
+    const std::string* typeName = type ? type->asString() : nullptr;
+    bool typeAcceptable = false;
+    if (typeName && (*typeName == kNSFileTypeRegular || *typeName == kNSFileTypeDirectory)) {
+        typeAcceptable = true;
+    } else if (typeName && *typeName == kNSFileTypeSymbolicLink) {
+        typeAcceptable = isDataSection(section) || (section == kBackup && symLinkAllowed(path, *dict));
+    }
+    if (!typeAcceptable) {
+        QVLLog("Not a valid fileType(%@) for file:%@", type, path);
+        return false;
+    }
+
+    // No recorded mode means none is restored. A value that is not a number
+    // counts as every bit set, so it is refused.
+    const Value* mode = attributes->find(kNSFilePosixPermissions);
+    const int64_t permissions = mode ? mode->integerValue().value_or(-1) : 0;
+    if ((permissions & (kSetUserID | kSetGroupID)) != 0) {
+        QVLLog("File permissions failed for file:%@(%ld)", path, permissions);
+        return false;
+    }
+
+    if (section == kBackup && !whitelistChecker_->handleSystemContainerFiles(path, record)) {
+        QVLLog("System container check failed for file:%@", path);
+        return false;
+    }
+    return true;
+}
+
+bool QVLDemoManifestCheck::symLinkAllowed(std::string_view path, const Dictionary& record) const {
+    const std::string* target = record.getString(kQVLManifestSymbolicLinkTargetFile);
+    if (!target) return false;
+    for (const SymLinkRule& rule : allowedSymLinks_) {
+        if (path.find(rule.pathFragment) == std::string_view::npos) continue;
+        for (const std::string& fragment : rule.targetFragments) {
+            if (target->find(fragment) != std::string::npos) return true;
+        }
+    }
+    return false;
+}
+
+// App layout --------------------------------------------------------------
+
+bool QVLDemoManifestCheck::runAppLayoutSecurityCheck(const Value* fileManifest) {
+    const Dictionary* files = fileManifest ? fileManifest->asDictionary() : nullptr;
+    if (!files || files->empty()) return false;
+    for (const auto& [path, record] : *files) {
+        if (!layoutRecordAcceptable(path, record)) return false;
+    }
+    return true;
+}
+
+bool QVLDemoManifestCheck::layoutRecordAcceptable(const std::string& path, const Value& record) {
+    if (std::find(std::begin(kAllowedLayoutPaths), std::end(kAllowedLayoutPaths), path) ==
+        std::end(kAllowedLayoutPaths)) {
+        QVLLog("%@ is not allowed in Vantor signed component.", path);
+        return false;
+    }
+    const Dictionary* dict = record.asDictionary();
+    if (!dict) {
+        QVLLog("Vantor signed component in wrong format (no manifest) for %@", path);
+        return false;
+    }
+    if (dict->size() != 4 || !dict->contains(kQVLManifestFileAttributes) ||
+        !dict->contains(kQVLManifestFileExtendedAttributes) || !dict->contains(kQVLManifestFileHash) ||
+        !dict->contains(kQVLManifestSymbolicLinkTargetFile)) {
+        QVLLog("Vantor signed compoennt in wrong format (manifest keys) for %@", path);
+        return false;
+    }
+    const std::string* target = dict->getString(kQVLManifestSymbolicLinkTargetFile);
+    if (!target || !target->empty()) {
+        QVLLog("Vantor signed compoennt in wrong format (symlink target) for %@", path);
+        return false;
+    }
+    const Dictionary* attributes = dict->getDictionary(kQVLManifestFileAttributes);
+    if (!attributes) {
+        QVLLog("Vantor signed compoennt in wrong format (no file attributes) for %@", path);
+        return false;
+    }
+    const std::string* type = attributes->getString(kNSFileType);
+    if (!type) {
+        QVLLog("Vantor signed compoennt in wrong format (file type) for %@", path);
+        return false;
+    }
+    if (*type != kNSFileTypeRegular) {
+        QVLLog("Vantor signed compoennt can only contain regular files - %@", path);
+        return false;
+    }
+
+    static constexpr const char* kNotMobileOwned =
+        "Vantor signed compoennt can only contain mobile owned file - %@";
+    for (std::string_view key : {kNSFileOwnerAccountID, kNSFileGroupOwnerAccountID}) {
+        const Value* id = attributes->find(key);
+        if (!id || !id->isNumber()) {
+            QVLLog("Vantor signed compoennt in wrong format (owner ID) for %@", path);
+            return false;
+        }
+        if (!(*id == Value(kMobileID))) {
+            QVLLog(kNotMobileOwned, path);
+            return false;
+        }
+    }
+    // The group name has its own message, misspelling included.
+    const std::pair<std::string_view, const char*> names[] = {
+        {kNSFileOwnerAccountName, "Vantor signed compoennt in wrong format (owner name) for %@"},
+        {kNSFileGroupOwnerAccountName, "Vantor signed compoennt in wrong format (onwer name) for %@"},
+    };
+    for (const auto& [key, wrongFormat] : names) {
+        const std::string* name = attributes->getString(key);
+        if (!name) {
+            QVLLog(wrongFormat, path);
+            return false;
+        }
+        if (*name != kMobileName) {
+            QVLLog(kNotMobileOwned, path);
+            return false;
+        }
+    }
+
+    const Value* mode = attributes->find(kNSFilePosixPermissions);
+    if (!mode || !mode->isNumber()) {
+        QVLLog("Vantor signed compoennt in wrong format (permission) for %@", path);
+        return false;
+    }
+    if ((mode->integerValue().value_or(-1) & (kSetUserID | kSetGroupID)) != 0) {
+        QVLLog("Vantor signed compoennt contains setuid item: %@", path);
+        return false;
+    }
+    return true;
+}
+
+// Entitlement check -------------------------------------------------------
+
+void QVLDemoManifestCheck::registerEntitlementNotificationHandler() {
+    const uint64_t token = services_.notifications->addObserver(
+        std::string(kNotificationName), [this](const platform::QVLNotification& notification) {
+            const Value* none = nullptr;
+            if (notification.userInfo) {
+                QVLLog("Notification received for entitlement check for: %@ %@\n", notification.name,
+                       *notification.userInfo);
+            } else {
+                QVLLog("Notification received for entitlement check for: %@ %@\n", notification.name, none);
+            }
+            setItemBeingInstalled(notification.userInfo);
+        });
+    std::lock_guard guard(propertyLock_);
+    observerTokens_.push_back(token);
+}
+
+bool QVLDemoManifestCheck::checkFileForEntitlements(const std::string& path,
+                                                    const std::string& manifestEntry) {
+    static constexpr const char* kSignature =
+        "-[QVLDemoManifestCheck checkFileForEntitlements:forCorrespondingManifestEntry:]";
+    const std::shared_ptr<const Dictionary> item = itemBeingInstalled();
+    if (!item) return true;
+    const std::shared_ptr<const Dictionary> manifest = segmentedManifestWithRigorousFlag();
+    const std::optional<bool> needsCheck = needsRigorousCheck(manifest.get(), *item, manifestEntry);
+    if (!needsCheck) return false;
+    if (*needsCheck) {
+        const int status = services_.codeSignature->validateCodeSignature(path);
+        if (status == platform::kCodeSignatureValid) {
+            QVLLog("%s:There is unexpected valid signature/entitlements:%08x\n", kSignature, status);
+            return false;
+        }
+    }
+    return true;
+}
+
+std::optional<bool> QVLDemoManifestCheck::needsRigorousCheck(const Dictionary* manifest,
+                                                             const Dictionary& item,
+                                                             const std::string& manifestEntry) {
+    static constexpr const char* kSignature =
+        "-[QVLDemoManifestCheck checkFileForEntitlements:forCorrespondingManifestEntry:]";
+    const Value* typeOfFiles = item.find("TypeOfFiles");
+    const std::string* type = typeOfFiles ? typeOfFiles->asString() : nullptr;
+    const Dictionary* section = (manifest && type) ? manifest->getDictionary(*type) : nullptr;
+    if (!section) {
+        QVLLog("%s: %@ section is not a dictionary", kSignature, typeOfFiles);
+        return std::nullopt;
+    }
+    auto needsCheckFor = [](const Dictionary& component) {
+        const std::string* checkType = component.getString(kRigorousCheckType);
+        return !(checkType && *checkType == kSkip);
+    };
+
+    if (*type == kBackup) {
+        // The latest backup at or before the end of the range that holds the
+        // file decides; earlier ones are shadowed by it.
+        const auto range = rangeOf(item.find("Identifier"));
+        const plist::Array* order = manifest->getArray(kInstallationOrder);
+        if (range && order) {
+            // Items past the end of the order hold nothing: start at the last one.
+            const int64_t last = static_cast<int64_t>(order->size()) - 1;
+            for (int64_t i = std::min(range->first + range->second - 1, last); i >= 0; --i) {
+                const std::string* name = (*order)[static_cast<size_t>(i)].asString();
+                const Dictionary* component = name ? section->getDictionary(*name) : nullptr;
+                const Dictionary* files = component ? component->getDictionary(kManifest) : nullptr;
+                if (files && files->contains(manifestEntry)) return needsCheckFor(*component);
+            }
+        }
+        QVLLog("Could not locate the file:%@\n", manifestEntry);
+        return std::nullopt;
+    }
+    if (isDataSection(*type)) {
+        const Value* identifier = item.find("Identifier");
+        const std::string* name = identifier ? identifier->asString() : nullptr;
+        const Dictionary* component = name ? section->getDictionary(*name) : nullptr;
+        if (!component) {
+            QVLLog("%s Could not find a data container for:%@", kSignature, identifier);
+            return std::nullopt;
+        }
+        return needsCheckFor(*component);
+    }
+    QVLLog("Could not locate the file:%@\n", manifestEntry);
+    return std::nullopt;
+}
+
+}  // namespace qvl
