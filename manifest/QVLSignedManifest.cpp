@@ -1,0 +1,278 @@
+#include "manifest/QVLSignedManifest.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "platform/deviceinfo/DeviceInfo.h"
+#include "plist/PropertyList.h"
+#include "qvald_helper/QVLLog.h"
+
+namespace qvl {
+
+namespace {
+
+constexpr const char* kInit = "-[QVLSignedManifest initWithNSStream:]";
+constexpr std::string_view kBackupPrefix = "backup.";
+constexpr std::string_view kSystemAppDataPrefix = "systemappdata";
+constexpr std::string_view kAppPrefix = "app.";
+constexpr const char* kBaseBackup = "backup.BaseBackup";
+
+// Reads the whole stream, refusing more than kMaxSignedManifestSize bytes.
+bool readStream(int fd, std::string& bytes, plist::ReadError& error) {
+    struct stat st;
+    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+        static_cast<uint64_t>(st.st_size) <= kMaxSignedManifestSize)
+        bytes.reserve(static_cast<size_t>(st.st_size));
+    char buffer[1 << 16];
+    for (;;) {
+        const ssize_t n = read(fd, buffer, sizeof buffer);
+        if (n == 0) return true;
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            error = {plist::ReadError::kIO, std::string("read failed: ") + strerror(errno)};
+            return false;
+        }
+        if (bytes.size() + static_cast<size_t>(n) > kMaxSignedManifestSize) {
+            error = {plist::ReadError::kIO, "the manifest is larger than the largest accepted"};
+            return false;
+        }
+        bytes.append(buffer, static_cast<size_t>(n));
+    }
+}
+
+// The file manifest of a backup or data container entry: its "Manifest" when
+// it has one, else the entry itself.
+const plist::Dictionary* fileManifestOf(const plist::Value& entry) {
+    const plist::Dictionary* d = entry.asDictionary();
+    if (!d) return nullptr;
+    if (const plist::Value* inner = d->find("Manifest")) return inner->asDictionary();
+    return d;
+}
+
+}  // namespace
+
+QVLSignedManifest::QVLSignedManifest(Services services) : services_(std::move(services)) {}
+QVLSignedManifest::~QVLSignedManifest() = default;
+
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::signedManifestWithNSStream(int fd, Services services) {
+    auto manifest = std::make_unique<QVLSignedManifest>(std::move(services));
+    if (!manifest->initWithNSStream(fd)) return nullptr;
+    return manifest;
+}
+
+bool QVLSignedManifest::initWithNSStream(int fd) {
+    std::string bytes;
+    plist::ReadError error;
+    if (!readStream(fd, bytes, error)) {
+        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, error.message, error.code);
+        return false;
+    }
+    return initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+}
+
+bool QVLSignedManifest::initWithBytes(std::span<const uint8_t> bytes) {
+    plist::ReadError error;
+    auto root = plist::read(bytes, &error);
+    if (!root) {
+        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, error.message, error.code);
+        return false;
+    }
+    plist::Dictionary* outer = root->asDictionary();
+    if (!outer) {
+        QVLLog("%s: format not correct.", kInit);
+        return false;
+    }
+    const plist::Value* version = outer->find("Version");
+    if (!version) {
+        QVLLog("%s: required key (version) not found.", kInit);
+        return false;
+    }
+    if (!services_.manifestVerifier) {
+        QVLLog("Could not initialize manifestVerifier\n");
+        return false;
+    }
+    // A "Version" that is not a number has no integer value and counts as 0.
+    const int64_t v = version->isNumber() ? version->integerValue().value_or(0) : 0;
+    if (v < 2 || v > 5) {
+        QVLLog("%s: signed manifest version %d is not supported yet", kInit, v);
+        return false;
+    }
+    auto verified =
+        v == 2 ? verifyMonolithicManifestSignature(*outer) : verifyManifestSignature(std::move(*outer));
+    if (!verified) return false;
+    return finishLoading(std::move(verified));
+}
+
+bool QVLSignedManifest::finishLoading(std::shared_ptr<plist::Dictionary> verified) {
+    const plist::Dictionary& result = *verified;
+    const plist::Value* info = result.find("Info");
+    if (!info || !info->isDictionary()) {
+        QVLLog("%s: no Info section or in wrong format.", kInit);
+        return false;
+    }
+    if (const plist::Value* orderValue = result.find("InstallationOrder")) {
+        const plist::Array* order = orderValue->asArray();
+        // Every item must be a string: an item of another kind could never be
+        // installed and would make the count rule meaningless.
+        bool allStrings = order != nullptr;
+        if (order)
+            for (const plist::Value& item : *order) allStrings = allStrings && item.isString();
+        if (!allStrings) {
+            QVLLog("%s: InstallationOrder section in wrong format.", kInit);
+            return false;
+        }
+        const plist::Dictionary* backups = result.getDictionary("Backup");
+        if (!backups) {
+            QVLLog("%s: no Backup section or in wrong format.", kInit);
+            return false;
+        }
+        const plist::Value* apps = result.find("App");
+        if (apps && !apps->isDictionary()) {
+            QVLLog("%s: App section in wrong format.", kInit);
+            return false;
+        }
+        bool hasSystemAppData = false;
+        for (const plist::Value& item : *order)
+            hasSystemAppData = hasSystemAppData || *item.asString() == "systemappdata";
+        const size_t expected =
+            backups->size() + (apps ? apps->asDictionary()->size() : 0) + (hasSystemAppData ? 1 : 0);
+        if (order->size() != expected) {
+            QVLLog("InstallationOrder entry count does not match components listed in manifest.");
+            return false;
+        }
+    }
+    payload_ = std::move(verified);
+    return true;
+}
+
+platform::TrustService& QVLSignedManifest::trust() const {
+    return services_.trust ? *services_.trust : platform::TrustService::sharedInstance();
+}
+
+platform::DeviceInfo& QVLSignedManifest::deviceInfo() const {
+    return services_.deviceInfo ? *services_.deviceInfo : platform::DeviceInfo::sharedInstance();
+}
+
+std::shared_ptr<const plist::Dictionary> QVLSignedManifest::section(std::string_view key) const {
+    if (!payload_) return nullptr;
+    const plist::Dictionary* d = payload_->getDictionary(key);
+    if (!d) return nullptr;
+    return {payload_, d};
+}
+
+int32_t QVLSignedManifest::getVersion() const {
+    if (!payload_) return 0;
+    const plist::Value* version = payload_->find("Version");
+    if (!version || !version->isNumber()) return 0;
+    return static_cast<int32_t>(version->integerValue().value_or(0));
+}
+
+std::shared_ptr<const plist::Array> QVLSignedManifest::getInstallationOrder() const {
+    if (!payload_) return nullptr;
+    const plist::Array* order = payload_->getArray("InstallationOrder");
+    if (!order) return nullptr;
+    return {payload_, order};
+}
+
+std::shared_ptr<const plist::Dictionary> QVLSignedManifest::getBackup() const {
+    if (getVersion() >= 5) {
+        QVLLog("getBackup is only for old manifest.");
+        return nullptr;
+    }
+    return section("Backup");
+}
+
+std::shared_ptr<const plist::Dictionary> QVLSignedManifest::getBackupList() const {
+    if (getVersion() >= 5) return section("Backup");
+    auto backup = getBackup();
+    if (!backup) return nullptr;
+    auto list = std::make_shared<plist::Dictionary>();
+    list->set(kBaseBackup, plist::Value(*backup));
+    return list;
+}
+
+// The start index must name an installation item. One outside the order (or
+// a manifest without one) is refused with kNotFound, as a start item that is
+// not a backup is, and logged.
+QVLRange QVLSignedManifest::rangeOfGroupedBackups(uint32_t start) const {
+    if (getVersion() < 5) return {start, 1};
+    const auto order = getInstallationOrder();
+    if (!order || start >= order->size()) {
+        QVLLog("Start item %u is outside the installation order.", start);
+        return {};
+    }
+    auto isBackupAt = [&](size_t i) {
+        const std::string* item = (*order)[i].asString();
+        return item && isItemBackup(*item);
+    };
+    if (!isBackupAt(start)) {
+        QVLLog("Start item is not a backup.");
+        return {};
+    }
+    uint32_t length = 1;
+    while (start + length < order->size() && isBackupAt(start + length)) ++length;
+    return {start, length};
+}
+
+// A range must lie within the installation order; one that does not is
+// refused with no manifest at all rather than a partial one.
+std::shared_ptr<const plist::Dictionary> QVLSignedManifest::mergedBackupManifest(QVLRange range) const {
+    if (getVersion() < 5) return getBackup();
+    const uint64_t end = static_cast<uint64_t>(range.location) + range.length;
+    QVLLog("Merging manifest item [%d..%d)", range.location, end);
+    const auto order = getInstallationOrder();
+    const size_t count = order ? order->size() : 0;
+    if (end > count) {
+        QVLLog("Range [%u..%llu) is outside the installation order of %lu items.", range.location,
+               static_cast<unsigned long long>(end), static_cast<unsigned long>(count));
+        return nullptr;
+    }
+    // Collect first, then build: a path met again keeps its first position
+    // and takes the later backup's record.
+    std::unordered_map<std::string_view, size_t> position;
+    std::vector<std::pair<std::string_view, const plist::Value*>> pairs;
+    const auto backups = getBackupList();
+    for (uint64_t i = range.location; i < end; ++i) {
+        const std::string* item = (*order)[i].asString();
+        const plist::Value* entry = (item && backups) ? backups->find(*item) : nullptr;
+        const plist::Dictionary* files = entry ? fileManifestOf(*entry) : nullptr;
+        if (!files) continue;
+        for (const auto& [path, record] : *files) {
+            const auto [at, inserted] = position.try_emplace(path, pairs.size());
+            if (inserted)
+                pairs.emplace_back(path, &record);
+            else
+                pairs[at->second].second = &record;
+        }
+    }
+    auto merged = std::make_shared<plist::Dictionary>();
+    merged->reserve(pairs.size());
+    for (const auto& [path, record] : pairs) merged->appendUnchecked(std::string(path), *record);
+    return merged;
+}
+
+bool QVLSignedManifest::isItemBackup(std::string_view item) {
+    return item.starts_with(kBackupPrefix);
+}
+
+bool QVLSignedManifest::isItemSystemAppData(std::string_view item) {
+    return item.starts_with(kSystemAppDataPrefix);
+}
+
+std::optional<std::string> QVLSignedManifest::appIdentifierFromOrderItem(std::string_view item) {
+    if (item.starts_with(kAppPrefix)) return std::string(item.substr(kAppPrefix.size()));
+    QVLLog("Wrong app identifer to install: %@", item);
+    return std::nullopt;
+}
+
+bool QVLSignedManifest::isOstrelWatch() const {
+    return deviceInfo().productName() == "Kelto OS";
+}
+
+}  // namespace qvl
