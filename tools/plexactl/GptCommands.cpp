@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <array>
-#include <climits>
 #include <cinttypes>
+#include <climits>
 #include <cstdio>
 #include <vector>
 
@@ -65,7 +65,8 @@ void printView(const Image& image, const View& view) {
     std::printf("Blocks:             %" PRIu64 "\n", image.mediaSize() / image.blockSize());
     std::printf("Plexa signature:    %s\n", view.managed ? "yes" : "no");
     std::printf("Usable LBAs:        %" PRIu64 " - %" PRIu64 "\n",
-                loadLE64(view.header.data() + gpt::kFirstUsableLBA), loadLE64(view.header.data() + gpt::kLastUsableLBA));
+                loadLE64(view.header.data() + gpt::kFirstUsableLBA),
+                loadLE64(view.header.data() + gpt::kLastUsableLBA));
     // In the view the count is the number of entries in use. A plain GPT
     // counts table slots instead; only the 8 slots of the view are shown.
     const bool plain = count > gpt::kMaxEntries;
@@ -74,15 +75,16 @@ void printView(const Image& image, const View& view) {
                     gpt::kMaxEntries);
     else
         std::printf("Partitions in use:  %u\n", count);
-    std::printf("%-5s %12s %12s %12s  %-36s  %-36s  %s\n", "Index", "First LBA", "Last LBA", "Blocks", "Type GUID",
-                "Unique GUID", "Name");
+    std::printf("%-5s %12s %12s %12s  %-36s  %-36s  %s\n", "Index", "First LBA", "Last LBA", "Blocks",
+                "Type GUID", "Unique GUID", "Name");
     for (size_t i = 0; i < std::min<size_t>(count, gpt::kMaxEntries); i++) {
         const uint8_t* e = view.table.data() + i * gpt::kEntrySize;
         if (plain && qvl::plexa::isAllZero(e + gpt::kTypeGUID, 16)) continue;
         const uint64_t first = loadLE64(e + gpt::kFirstLBA), last = loadLE64(e + gpt::kLastLBA);
         std::printf("%-5zu %12" PRIu64 " %12" PRIu64 " %12" PRIu64 "  %-36s  %-36s  %s\n", i, first, last,
                     last - first + 1, gptOrderGUID(e + gpt::kTypeGUID).c_str(),
-                    gptOrderGUID(e + gpt::kUniqueGUID).c_str(), utf16leName(e + gpt::kName, gpt::kNameSize).c_str());
+                    gptOrderGUID(e + gpt::kUniqueGUID).c_str(),
+                    utf16leName(e + gpt::kName, gpt::kNameSize).c_str());
     }
 }
 
@@ -115,8 +117,10 @@ int gptAdjust(const std::string& path, std::optional<int> index, uint64_t newSiz
                  gpt::kMBRSignatureOffset);
         return 1;
     }
-    const int slot = index ? *index : int(std::min<uint32_t>(loadLE32(view->header.data() + gpt::kEntryCount), INT32_MAX));
-    if (plexaAdjustPartition(&geometry, view->header.data(), view->table.data(), slot, newSize) != 0) return 1;
+    const int slot =
+        index ? *index : int(std::min<uint32_t>(loadLE32(view->header.data() + gpt::kEntryCount), INT32_MAX));
+    if (plexaAdjustPartition(&geometry, view->header.data(), view->table.data(), slot, newSize) != 0)
+        return 1;
     if (!writeView(*image, *view)) return 1;
     printView(*image, *view);
     return 0;

@@ -65,13 +65,16 @@ bool copyMatches(const Volume& volume, uint64_t offset, const Header& h) {
 bool holdsSoundHeader(const Volume& volume) {
     for (uint64_t offset : {uint64_t(0), volume.backupOffset()}) {
         Header h{};
-        if (volume.image.read(offset, h.data(), h.size(), "a header copy") && plexaValidateHeader(h.data()) == 0)
+        if (volume.image.read(offset, h.data(), h.size(), "a header copy") &&
+            plexaValidateHeader(h.data()) == 0)
             return true;
     }
     return false;
 }
 
-std::string uuid(const uint8_t* p) { return guidString(p); }
+std::string uuid(const uint8_t* p) {
+    return guidString(p);
+}
 
 void printChunkMap(const Header& h, const PlexaMediaProperties& g) {
     unsigned reserved = 0, free = 0, invalid = 0, other = 0;
@@ -89,8 +92,8 @@ void printChunkMap(const Header& h, const PlexaMediaProperties& g) {
         else
             other++;
     }
-    std::printf("Chunks:           %u of %u bytes; %u reserved, %u free, %u invalid", g.chunkCount, g.chunkSize,
-                reserved, free, invalid);
+    std::printf("Chunks:           %u of %u bytes; %u reserved, %u free, %u invalid", g.chunkCount,
+                g.chunkSize, reserved, free, invalid);
     for (size_t p = 0; p < hdr::kMaxPartitions; p++)
         if (perPartition[p]) std::printf(", %u to partition %zu", perPartition[p], p);
     if (other) std::printf(", %u unrecognised", other);
@@ -110,9 +113,10 @@ void printHeader(const Header& h, const PlexaMediaProperties& g) {
     for (size_t p = 0; p < std::min<size_t>(count, hdr::kMaxPartitions); p++) {
         const uint8_t* r = hdr::record(h.data(), p);
         const uint64_t start = loadLE64(r + hdr::kRecordStart), end = loadLE64(r + hdr::kRecordEnd);
-        std::printf("  %zu  bytes %" PRIu64 "-%" PRIu64 " (%" PRIu64 ")  type %s  identity %s  name \"%s\"\n", p, start,
-                    end, end > start ? end - start : 0, uuid(r + hdr::kRecordType).c_str(),
-                    uuid(r + hdr::kRecordIdentity).c_str(), utf16leName(r + hdr::kRecordName, hdr::kRecordNameSize).c_str());
+        std::printf("  %zu  bytes %" PRIu64 "-%" PRIu64 " (%" PRIu64 ")  type %s  identity %s  name \"%s\"\n",
+                    p, start, end, end > start ? end - start : 0, uuid(r + hdr::kRecordType).c_str(),
+                    uuid(r + hdr::kRecordIdentity).c_str(),
+                    utf16leName(r + hdr::kRecordName, hdr::kRecordNameSize).c_str());
     }
     printChunkMap(h, g);
 }

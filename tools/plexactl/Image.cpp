@@ -44,7 +44,10 @@ std::optional<Image> Image::open(const std::string& path, bool writable) {
 }
 
 Image::Image(Image&& other) noexcept
-    : path_(std::move(other.path_)), fd_(other.fd_), blockSize_(other.blockSize_), mediaSize_(other.mediaSize_) {
+    : path_(std::move(other.path_)),
+      fd_(other.fd_),
+      blockSize_(other.blockSize_),
+      mediaSize_(other.mediaSize_) {
     other.fd_ = -1;
 }
 
@@ -76,7 +79,8 @@ bool Image::write(uint64_t offset, const uint8_t* buffer, size_t size, const cha
         ssize_t n = pwrite(fd_, buffer + done, size - done, off_t(offset + done));
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            complain("%s: cannot write %s: %s", path_.c_str(), what, n < 0 ? std::strerror(errno) : "short write");
+            complain("%s: cannot write %s: %s", path_.c_str(), what,
+                     n < 0 ? std::strerror(errno) : "short write");
             return false;
         }
         done += size_t(n);

@@ -16,7 +16,7 @@ namespace qvl::plexactl {
 __attribute__((format(printf, 1, 2))) void complain(const char* format, ...);
 
 class Image {
-public:
+  public:
     static std::optional<Image> open(const std::string& path, bool writable);
 
     Image(Image&& other) noexcept;
@@ -36,7 +36,7 @@ public:
     // Flushes written data to the medium.
     bool sync() const;
 
-private:
+  private:
     Image(std::string path, int fd, uint32_t blockSize, uint64_t mediaSize)
         : path_(std::move(path)), fd_(fd), blockSize_(blockSize), mediaSize_(mediaSize) {}
 

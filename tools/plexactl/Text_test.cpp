@@ -11,8 +11,8 @@ TEST(PlexactlText, Sizes) {
     EXPECT_EQ(parseSize("64m"), 64u << 20);
     EXPECT_EQ(parseSize("2G"), 2ull << 30);
     EXPECT_EQ(parseSize("17179869183G"), 17179869183ull << 30);
-    for (const char* bad : {"", "K", "-1", "1.5G", "12KB", "1T", " 1", "1 ", "18446744073709551616",
-                            "17179869184G", "0x10"})
+    for (const char* bad :
+         {"", "K", "-1", "1.5G", "12KB", "1T", " 1", "1 ", "18446744073709551616", "17179869184G", "0x10"})
         EXPECT_EQ(parseSize(bad), std::nullopt) << bad;
     EXPECT_EQ(parseIndex("7"), 7);
     EXPECT_EQ(parseIndex("-1"), std::nullopt);

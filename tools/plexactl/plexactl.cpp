@@ -112,10 +112,12 @@ int header(const std::string& verb, Args a) {
         flagged = true;
         a.erase(a.begin());
     }
-    if (verb == "create") return a.size() == 1 ? headerCreate(a[0], flagged) : usage("header create [--force] IMAGE");
+    if (verb == "create")
+        return a.size() == 1 ? headerCreate(a[0], flagged) : usage("header create [--force] IMAGE");
     if (verb == "show") return a.size() == 1 ? headerShow(a[0]) : usage("header show IMAGE");
     if (verb == "check") return a.size() == 1 ? headerCheck(a[0]) : usage("header check IMAGE");
-    if (verb == "repair") return a.size() == 1 ? headerRepair(a[0], flagged) : usage("header repair [--strict] IMAGE");
+    if (verb == "repair")
+        return a.size() == 1 ? headerRepair(a[0], flagged) : usage("header repair [--strict] IMAGE");
     complain("unknown header command '%s' (create, show, check, repair)", verb.c_str());
     return kUsageError;
 }
@@ -131,7 +133,9 @@ int main(int argc, char** argv) {
     const std::string command = args[0];
     if (command == "geometry") return geometry(Args(args.begin() + 1, args.end()));
     if (command == "gpt" || command == "header") {
-        if (args.size() < 2) return usage(command == "gpt" ? "gpt show|resize|create|delete ..." : "header create|show|check|repair ...");
+        if (args.size() < 2)
+            return usage(command == "gpt" ? "gpt show|resize|create|delete ..."
+                                          : "header create|show|check|repair ...");
         Args rest(args.begin() + 2, args.end());
         return command == "gpt" ? gpt(args[1], rest) : header(args[1], rest);
     }
