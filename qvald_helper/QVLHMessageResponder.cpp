@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "operations/QVLHOperations.h"
 #include "platform/entitlements/EntitlementService.h"
 #include "qvald_helper/QVLLog.h"
 #include "qvald_helper/zrpdictConv.h"
@@ -26,7 +27,18 @@ QVLHMessageResponder::EntitlementAnswer readFromRegistry(const zrp::AuditToken& 
 }  // namespace
 
 // The command table: the only names a request can reach.
-const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder::kCommands = {};
+const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder::kCommands = {
+    {"migratePreferencesFile:", &QVLHMessageResponder::migratePreferencesFile},
+    {"prepareLogContainer:", &QVLHMessageResponder::prepareLogContainer},
+    {"prepareWorkContainer:", &QVLHMessageResponder::prepareWorkContainer},
+    {"removeWorkContainer:", &QVLHMessageResponder::removeWorkContainer},
+    {"createHardLink:", &QVLHMessageResponder::createHardLink},
+    {"deleteNvram:", &QVLHMessageResponder::deleteNvram},
+    {"writeNvram:", &QVLHMessageResponder::writeNvram},
+    {"moveStagingToFinal:", &QVLHMessageResponder::moveStagingToFinal},
+    {"reboot:", &QVLHMessageResponder::reboot},
+    {"quitHelper:", &QVLHMessageResponder::quitHelper},
+};
 
 QVLHMessageResponder& QVLHMessageResponder::sharedInstance() {
     static QVLHMessageResponder instance;
@@ -181,5 +193,104 @@ void QVLHMessageResponder::logEntering(const char* fullName, const plist::Value&
 }
 
 // ---- Commands
+
+// Containers, preferences, staging moves, firmware variables, restart and exit.
+
+namespace {
+
+// A parameter of the wrong kind or a missing entry is the client's error:
+// logged once here, answered with false, and nothing is touched.
+bool refuseParameter(const char* fullName, const char* expected, const plist::Value& parameter) {
+    QVLLog("%s: expected %s, got %@", fullName, expected, parameter);
+    return false;
+}
+
+}  // namespace
+
+bool QVLHMessageResponder::migratePreferencesFile(const plist::Value& parameter) {
+    logEntering("-[QVLHMessageResponder migratePreferencesFile:]", parameter);
+    return QVLHOperations::sharedInstance().migratePreferencesFile();
+}
+
+bool QVLHMessageResponder::prepareLogContainer(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder prepareLogContainer:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringParameter(parameter);
+    if (!path) return refuseParameter(kName, "a folder path string", parameter);
+    // A plain test on the text, as the client sends it.
+    if (!path->starts_with("/private/var/logs") && !path->starts_with("/var/logs")) {
+        QVLLog("%s: creating logs under %@ is not allowed.", kName, *path);
+        return false;
+    }
+    return QVLHOperations::sharedInstance().prepareLogContainer(*path);
+}
+
+bool QVLHMessageResponder::prepareWorkContainer(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder prepareWorkContainer:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringParameter(parameter);
+    if (!path) return refuseParameter(kName, "a folder path string", parameter);
+    return QVLHOperations::sharedInstance().prepareDirectory(*path, true);
+}
+
+bool QVLHMessageResponder::removeWorkContainer(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder removeWorkContainer:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringParameter(parameter);
+    if (!path) return refuseParameter(kName, "a folder path string", parameter);
+    return QVLHOperations::sharedInstance().removeDirectory(*path);
+}
+
+bool QVLHMessageResponder::createHardLink(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder createHardLink:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringEntry(parameter, "FilePath");
+    const std::string* stagingPath = stringEntry(parameter, "StagingPath");
+    if (!path || !stagingPath) {
+        return refuseParameter(kName, "a dictionary with \"FilePath\" and \"StagingPath\" strings",
+                               parameter);
+    }
+    return QVLHOperations::sharedInstance().createHardLinks(*path, *stagingPath);
+}
+
+bool QVLHMessageResponder::deleteNvram(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder deleteNvram:]";
+    logEntering(kName, parameter);
+    const std::string* name = stringParameter(parameter);
+    if (!name) return refuseParameter(kName, "a variable name string", parameter);
+    return QVLHOperations::sharedInstance().deleteNvram(*name);
+}
+
+bool QVLHMessageResponder::writeNvram(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder writeNvram:]";
+    logEntering(kName, parameter);
+    const std::string* name = stringEntry(parameter, "Name");
+    const plist::Dictionary* dictionary = dictionaryParameter(parameter);
+    const plist::Value* value = dictionary ? dictionary->find("Value") : nullptr;
+    if (!name || !value) {
+        return refuseParameter(kName, "a dictionary with a \"Name\" string and a \"Value\"", parameter);
+    }
+    // The value goes on unchanged; the operation refuses one that is not a string.
+    return QVLHOperations::sharedInstance().writeNVRam(*name, *value);
+}
+
+bool QVLHMessageResponder::moveStagingToFinal(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder moveStagingToFinal:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringParameter(parameter);
+    if (!path) return refuseParameter(kName, "a staging folder path string", parameter);
+    return QVLHOperations::sharedInstance().moveStagingToFinal(*path);
+}
+
+bool QVLHMessageResponder::reboot(const plist::Value& parameter) {
+    logEntering("-[QVLHMessageResponder reboot:]", parameter);
+    QVLHOperations::sharedInstance().reboot();
+    return false;
+}
+
+bool QVLHMessageResponder::quitHelper(const plist::Value& parameter) {
+    logEntering("-[QVLHMessageResponder quitHelper:]", parameter);
+    QVLHOperations::sharedInstance().quitHelper();
+}
 
 }  // namespace qvl

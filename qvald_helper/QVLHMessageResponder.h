@@ -116,6 +116,18 @@ class QVLHMessageResponder {
 
     // ---- Commands (reachable by name only through kCommands).
 
+    // Containers, preferences, staging moves, firmware variables, restart and exit.
+    bool migratePreferencesFile(const plist::Value& parameter);
+    bool prepareLogContainer(const plist::Value& parameter);
+    bool prepareWorkContainer(const plist::Value& parameter);
+    bool removeWorkContainer(const plist::Value& parameter);
+    bool createHardLink(const plist::Value& parameter);
+    bool deleteNvram(const plist::Value& parameter);
+    bool writeNvram(const plist::Value& parameter);
+    bool moveStagingToFinal(const plist::Value& parameter);
+    bool reboot(const plist::Value& parameter);
+    bool quitHelper(const plist::Value& parameter);
+
     mutable std::mutex connectionLock_;
     std::weak_ptr<zrp::Connection> connection_;
     std::mutex readerLock_;
