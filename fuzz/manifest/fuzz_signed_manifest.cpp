@@ -1,0 +1,117 @@
+// Loads arbitrary bytes as a signed manifest. Besides never crashing, an
+// accepted manifest must hold only components whose signatures verify, checked
+// here independently of the loader with plain OpenSSL calls against the
+// signer certificates the manifest names.
+#include <cstdint>
+#include <cstdlib>
+#include <span>
+
+#include <openssl/evp.h>
+#include <openssl/rsa.h>
+#include <openssl/x509.h>
+
+#include "manifest/QVLPropertyListDigest.h"
+#include "manifest/QVLSignedManifest.h"
+#include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/trust/TrustService.h"
+#include "plist/PropertyList.h"
+
+namespace {
+
+using qvl::plist::Data;
+using qvl::plist::Dictionary;
+using qvl::plist::Value;
+
+class FixedDevice : public qvl::platform::DeviceInfo {
+public:
+    bool development = false;
+    std::optional<Value> copyAnswer(std::string_view question) const override {
+        if (question == "SigningFuse") return Value(!development);
+        return std::nullopt;
+    }
+};
+
+// Whether `signature` over the 20-byte `digest` verifies with the key of the
+// DER certificate `der`.
+bool signatureVerifies(const Data& der, std::span<const uint8_t> digest, const Data& signature) {
+    const unsigned char* p = der.data();
+    X509* cert = d2i_X509(nullptr, &p, static_cast<long>(der.size()));
+    if (!cert) return false;
+    EVP_PKEY* key = X509_get_pubkey(cert);
+    X509_free(cert);
+    if (!key) return false;
+    EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
+    const bool ok = ctx && EVP_PKEY_verify_init(ctx) == 1 &&
+                    EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
+                    EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha1()) == 1 &&
+                    EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
+    EVP_PKEY_CTX_free(ctx);
+    EVP_PKEY_free(key);
+    return ok;
+}
+
+const Data* signerOf(const Dictionary& certificates, const Value* name) {
+    const std::string* n = name ? name->asString() : nullptr;
+    const Dictionary* entry = n ? certificates.getDictionary(*n) : nullptr;
+    const auto* chain = entry ? entry->getArray("Certificate") : nullptr;
+    return chain && !chain->empty() ? (*chain)[0].asData() : nullptr;
+}
+
+void checkSegmented(const Dictionary& payload) {
+    const Dictionary* certificates = payload.getDictionary("Certificates");
+    if (!certificates) abort();
+    for (const char* section : {"Backup", "App", "AppData", "GroupData", "ExtensionData"}) {
+        const Value* value = payload.find(section);
+        if (!value) continue;
+        if (!value->isDictionary()) abort();
+        for (const auto& [name, componentValue] : *value->asDictionary()) {
+            const Dictionary* component = componentValue.asDictionary();
+            if (!component || !component->getString("RigorousCheckType")) abort();
+            const Data* signer = signerOf(*certificates, component->find("Certificate"));
+            const Data* signature = component->getData("Signature");
+            const auto digest = qvl::QVLComponentDigest(name, component->find("Manifest"));
+            if (!signer || !signature || !digest || !signatureVerifies(*signer, *digest, *signature)) abort();
+        }
+    }
+}
+
+void checkMonolithic(std::span<const uint8_t> input) {
+    const auto outer = qvl::plist::read(input);
+    const Dictionary* d = outer ? outer->asDictionary() : nullptr;
+    const auto* chain = d ? d->getArray("Certificate") : nullptr;
+    const Data* payload = d ? d->getData("Payload") : nullptr;
+    const Data* signature = d ? d->getData("Signature") : nullptr;
+    if (!chain || chain->empty() || !(*chain)[0].asData() || !payload || !signature) abort();
+    uint8_t digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(payload->data(), payload->size(), digest, &length, EVP_sha1(), nullptr);
+    if (!signatureVerifies(*(*chain)[0].asData(), {digest, length}, *signature)) abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static qvl::platform::TrustService trust(QVL_PKI_DIR "/anchors");
+    static FixedDevice device;
+    device.development = size > 0 && (data[size - 1] & 1);
+
+    qvl::QVLSignedManifest::Services services;
+    services.trust = &trust;
+    services.deviceInfo = &device;
+    // The content checks accept everything: what is fuzzed is the signature gate.
+    services.manifestVerifier.segmented = [](std::shared_ptr<const Dictionary>) { return true; };
+    services.manifestVerifier.unsegmented = [](const Dictionary&) { return true; };
+
+    qvl::QVLSignedManifest manifest(services);
+    if (!manifest.initWithBytes({data, size})) return 0;
+    const auto payload = manifest.payload();
+    if (!payload) abort();
+    // A version 2 payload is the raw manifest; its signature covers the outer "Payload".
+    const auto outer = qvl::plist::read(std::span<const uint8_t>(data, size));
+    const Value* version = outer && outer->asDictionary() ? outer->asDictionary()->find("Version") : nullptr;
+    if (version && version->integerValue() == 2)
+        checkMonolithic({data, size});
+    else
+        checkSegmented(*payload);
+    return 0;
+}
