@@ -1,0 +1,72 @@
+// qvlmanifest VERB [ARGS...]: builds, compares and checks directory manifests.
+
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "plist/PropertyList.h"
+#include "qvald_helper/QVLLogModel.h"
+#include "tools/qvlmanifest/Verbs.h"
+
+namespace qvl::qvlmanifest {
+namespace {
+
+constexpr Verb kVerbs[] = {
+    {"scan", "DIR [--relative-to ROOT] [--skip FOLDER]... [--superset FILE] [-o OUT] [--xml] [-v]",
+     "write the directory manifest of DIR", scanVerb},
+    {"compare", "A B [-v]", "list the paths whose records differ between two manifests", compareVerb},
+};
+
+void printUsage(FILE* stream) {
+    std::fprintf(stream, "usage: qvlmanifest VERB [ARGS...]\n\n");
+    for (const Verb& verb : kVerbs) {
+        std::fprintf(stream, "  qvlmanifest %s %s\n      %s\n", verb.name, verb.usage, verb.summary);
+    }
+    std::fprintf(stream,
+                 "\nscan walks DIR as the helper does: keys are relative to ROOT (DIR by default); --skip\n"
+                 "leaves out a folder and everything below it; --superset keeps only the paths listed in\n"
+                 "FILE (a property-list array of paths, or a manifest whose keys are used), matched against\n"
+                 "each item's absolute path without a leading \"/private\". Without -o the manifest goes\n"
+                 "to the standard output. compare exits with 0 when nothing differs, 1 when something\n"
+                 "does, 2 on errors. -v shows the log lines of the walk on the standard error stream.\n");
+}
+
+}  // namespace
+
+int fail(const std::string& message) {
+    std::fprintf(stderr, "qvlmanifest: %s\n", message.c_str());
+    return kExitFailure;
+}
+
+void logToStandardError() {
+    QVLLogModel::sharedInstance().enableLogToFile("/dev/stderr");
+}
+
+std::optional<plist::Value> readPropertyListFile(const std::string& path) {
+    plist::ReadError error;
+    std::optional<plist::Value> value = plist::readFile(path, &error);
+    if (!value) fail("cannot read " + path + ": " + error.message);
+    return value;
+}
+
+}  // namespace qvl::qvlmanifest
+
+int main(int argc, char** argv) {
+    using namespace qvl::qvlmanifest;
+    if (argc < 2) {
+        printUsage(stderr);
+        return kExitFailure;
+    }
+    const std::string name = argv[1];
+    if (name == "-h" || name == "--help" || name == "help") {
+        printUsage(stdout);
+        return kExitSuccess;
+    }
+    const std::vector<std::string> args(argv + 2, argv + argc);
+    for (const Verb& verb : kVerbs) {
+        if (name == verb.name) return verb.run(args);
+    }
+    fail("unknown verb \"" + name + "\"");
+    printUsage(stderr);
+    return kExitFailure;
+}
