@@ -69,9 +69,11 @@ class Dictionary {
     Dictionary& operator=(Dictionary&& other) noexcept;
     ~Dictionary();
 
-    size_t size() const { return entries_.size(); }
-    bool empty() const { return entries_.empty(); }
-    void reserve(size_t n) { entries_.reserve(n); }
+    // Defined after Value, which they need complete (clang instantiates them
+    // at the end of this class).
+    size_t size() const;
+    bool empty() const;
+    void reserve(size_t n);
 
     // Lookup; null when the key is absent.
     const Value* find(std::string_view key) const;
@@ -174,5 +176,9 @@ class Value {
   private:
     std::variant<Dictionary, Array, std::string, Data, Integer, double, bool, Date> v_;
 };
+
+inline size_t Dictionary::size() const { return entries_.size(); }
+inline bool Dictionary::empty() const { return entries_.empty(); }
+inline void Dictionary::reserve(size_t n) { entries_.reserve(n); }
 
 }  // namespace qvl::plist

@@ -136,11 +136,12 @@ std::optional<Date> parseDate(std::string_view text) {
     return Date{static_cast<double>(days * 86400 + hour * 3600 + minute * 60 + second)};
 }
 
-// Whole seconds, rounded down; nullopt outside years 1..9999.
+// Whole seconds, rounded down; nullopt outside the years 0..9999, which
+// are all that four year digits can say.
 std::optional<std::string> formatDate(const Date& date) {
     const double seconds = std::floor(date.secondsSince2001);
-    // 0001-01-01 and 9999-12-31T23:59:59 relative to 2001-01-01.
-    if (!(seconds >= -63113904000.0 && seconds <= 252423993599.0)) return std::nullopt;
+    // 0000-01-01 and 9999-12-31T23:59:59 relative to 2001-01-01.
+    if (!(seconds >= -63145526400.0 && seconds <= 252423993599.0)) return std::nullopt;
     const auto whole = static_cast<int64_t>(seconds);
     int64_t days = whole / 86400, rest = whole % 86400;
     if (rest < 0) rest += 86400, --days;

@@ -55,7 +55,7 @@ std::optional<Value> readFile(const std::string& path, ReadError* error = nullpt
 // Both return an empty string when the value cannot be encoded: nesting
 // deeper than kMaxDepth, a string that is not valid UTF-8, and for XML also
 // text that XML 1.0 cannot carry (control characters other than tab, line
-// feed and carriage return) or a date outside the years 1 to 9999.
+// feed and carriage return) or a date outside the years 0 to 9999.
 std::string writeBinary(const Value& value);
 std::string writeXML(const Value& value);
 std::string write(const Value& value, Format format);
