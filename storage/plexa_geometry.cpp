@@ -73,8 +73,12 @@ const char* rejectionMessage(Derivation d) {
 
 bool geometryUsable(const PlexaMediaProperties* properties) {
     Derived d;
-    if (derive(properties->mediaSize, properties->blockSize, d) == Derivation::ok &&
-        std::memcmp(&d.properties, properties, sizeof d.properties) == 0)
+    const PlexaMediaProperties& p = *properties;
+    const PlexaMediaProperties& e = d.properties;
+    // Field by field: the record has tail padding that nobody initialises.
+    if (derive(p.mediaSize, p.blockSize, d) == Derivation::ok && p.partitionSpace == e.partitionSpace &&
+        p.chunkCount == e.chunkCount && p.blockShift == e.blockShift && p.chunkSize == e.chunkSize &&
+        p.chunkShift == e.chunkShift)
         return true;
     std::fputs("plexa: inconsistent media properties\n", stderr);
     return false;

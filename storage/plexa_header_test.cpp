@@ -120,6 +120,14 @@ TEST(PlexaHeader, FreshHeaderLayout) {
     EXPECT_EQ(hdr::chunkEntry(h.data(), 1023), 0xF3FF);
     EXPECT_EQ(check(g, h), "");
 
+    // A record filled by the library is accepted whatever its padding holds.
+    PlexaMediaProperties dirty;
+    std::memset(&dirty, 0xAA, sizeof dirty);
+    ASSERT_EQ(plexaInitMediaGeometry(&dirty, g.mediaSize, g.blockSize), 0);
+    std::memset(reinterpret_cast<uint8_t*>(&dirty.chunkShift) + 4, 0x55,
+                sizeof dirty - offsetof(PlexaMediaProperties, chunkShift) - 4);
+    EXPECT_EQ(check(dirty, h), "");
+
     Header other{};
     ASSERT_EQ(plexaCreateHeader(&g, other.data()), 0);
     EXPECT_NE(std::memcmp(h.data() + hdr::kGUID, other.data() + hdr::kGUID, 16), 0);
