@@ -118,39 +118,6 @@ TEST(PlexaGeometry, RejectsUnsupportedMedia) {
     EXPECT_EQ(GetCapturedStderr(), "plexa: NULL media properties\n");
 }
 
-TEST(PlexaAdjust, ResizeRepacksAndRoundsUpToWholeBlocks) {
-    // Slots out of address order, with gaps; entry 1 comes first on disk.
-    View v = makeView(6, 9999, {{500, 599}, {100, 149}, {800, 809}});
-    ASSERT_EQ(adjust(v, 0, 100 * kBlock), 0);  // same size: only the gaps close
-    EXPECT_EQ(v.first(1), 6u);
-    EXPECT_EQ(v.last(1), 55u);
-    EXPECT_EQ(v.first(0), 56u);
-    EXPECT_EQ(v.last(0), 155u);
-    EXPECT_EQ(v.first(2), 156u);
-    EXPECT_EQ(v.last(2), 165u);
-    EXPECT_EQ(v.entry(1)[gpt::kUniqueGUID], 2);
-
-    ASSERT_EQ(adjust(v, 2, 20 * kBlock + 1), 0);  // one byte over: 21 blocks
-    EXPECT_EQ(v.last(2) - v.first(2) + 1, 21u);
-    EXPECT_EQ(v.count(), 3u);
-}
-
-TEST(PlexaAdjust, DeleteShiftsLaterEntriesDown) {
-    View v = makeView(6, 9999, {{6, 15}, {16, 35}, {36, 45}});
-    ASSERT_EQ(adjust(v, 0, 0), 0);
-    EXPECT_EQ(v.count(), 2u);
-    EXPECT_EQ(v.entry(0)[gpt::kUniqueGUID], 2);
-    EXPECT_EQ(v.entry(1)[gpt::kUniqueGUID], 3);
-    EXPECT_EQ(v.first(0), 6u);
-    EXPECT_EQ(v.last(0), 25u);
-    EXPECT_TRUE(isAllZero(v.entry(2), gpt::kEntrySize));
-
-    View only = makeView(6, 9999, {{100, 199}});
-    ASSERT_EQ(adjust(only, 0, 0), 0);
-    EXPECT_EQ(only.count(), 0u);
-    EXPECT_TRUE(isAllZero(only.table.data(), gpt::kTableSize));
-}
-
 TEST(PlexaAdjust, CreateAppendsANewHFSPartition) {
     View v = makeView(6, 9999, {{100, 199}});
     v.entry(1)[gpt::kName + 10] = 'x';  // beyond "New\0": left as it was

@@ -19,7 +19,6 @@ namespace hdr = qvl::plexa::header;
 
 namespace {
 
-constexpr int kCountEntries = int(hdr::kChunkMapEntries);
 // Chunk map keys are (partition << 12) | offset with bits 10 and 11 clear;
 // an entry with those bits set is taken as an offset past any partition.
 constexpr uint16_t kOffsetMask = 0x3FF;
@@ -177,7 +176,7 @@ Verdict repairChunks(uint8_t* h, const PlexaMediaProperties& g, size_t p, bool s
     first.fill(-1);
     duplicates.fill(-1);
     nextDuplicate.fill(-1);
-    int16_t lastDuplicate[1024];
+    std::array<int16_t, 1024> lastDuplicate;  // read only once set
     for (uint32_t i = 1; i < g.chunkCount; i++) {
         uint16_t e = hdr::chunkEntry(h, i);
         if ((e >> 12) != p || (e & 0xC00) != 0 || (e & kOffsetMask) >= chunks) continue;
@@ -279,8 +278,8 @@ int lookupChunk(const PlexaMediaProperties* properties, const uint8_t* header, i
     const uint64_t c = offset >> properties->chunkShift;
     if (c >= properties->chunkCount || c > kOffsetMask) return -1;
     const uint16_t key = chunkKey(p, size_t(c));
-    for (int i = 0; i < kCountEntries; i++) {
-        if (hdr::chunkEntry(header, size_t(i)) == key) {
+    for (size_t i = 0; i < hdr::kChunkMapEntries; i++) {
+        if (hdr::chunkEntry(header, i) == key) {
             *chunk = uint16_t(i);
             return 0;
         }
