@@ -28,6 +28,9 @@ struct Verb {
 
 int scanVerb(Arguments args);
 int compareVerb(Arguments args);
+int signVerb(Arguments args);
+int verifyVerb(Arguments args);
+int digestVerb(Arguments args);
 
 // Prints "qvlmanifest: <message>" on the standard error stream and answers kExitFailure.
 int fail(const std::string& message);

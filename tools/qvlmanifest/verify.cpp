@@ -1,0 +1,177 @@
+// qvlmanifest verify FILE [--anchors DIR] [--production-device | --development-device]:
+// loads FILE exactly as the helper does. Every line the load logs goes to the
+// standard error stream (the message alone); the standard output gets the
+// version, each certificate entry with its signer kind and rigorous check
+// type, each component with its check type, and the verdict.
+// Exit status: 0 accepted, 1 refused, 2 bad usage or unreadable file.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <string>
+
+#include "manifest/QVLDemoManifestCheck.h"
+#include "manifest/QVLSignedManifest.h"
+#include "platform/containers/ContainerLookup.h"
+#include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/trust/TrustService.h"
+#include "plist/PropertyList.h"
+#include "qvald_helper/QVLLogModel.h"
+#include "tools/qvlmanifest/Verbs.h"
+
+namespace qvl::qvlmanifest {
+namespace {
+
+using plist::Dictionary;
+using plist::Value;
+
+constexpr const char* kSections[] = {"Backup", "App", "AppData", "GroupData", "ExtensionData"};
+
+// A device whose signing fuse is given on the command line.
+class FixedFuseDevice : public platform::DeviceInfo {
+  public:
+    explicit FixedFuseDevice(bool fused) : fused_(fused) {}
+    std::optional<Value> copyAnswer(std::string_view question) const override {
+        if (question == "SigningFuse") return Value(fused_);
+        return DeviceInfo::copyAnswer(question);
+    }
+
+  private:
+    bool fused_;
+};
+
+void printLogLine(std::string_view message) {
+    while (!message.empty() && message.back() == '\n') message.remove_suffix(1);
+    std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
+}
+
+// While it lives, log lines are neither printed nor kept: the summary judges
+// certificates a second time and must not repeat the load's lines.
+class QuietLog {
+  public:
+    QuietLog() {
+        previous_ = QVLLogModel::sharedInstance().captureForTesting();
+        QVLLogModel::sharedInstance().setCaptureForTesting([](std::string_view) {});
+    }
+    ~QuietLog() { QVLLogModel::sharedInstance().setCaptureForTesting(previous_); }
+
+  private:
+    std::function<void(std::string_view)> previous_;
+};
+
+// The signer kind and rigorous check type of one chain, judged as verification does.
+std::string describeSigner(QVLSignedManifest& judge, const plist::Array& chain, const std::string* type,
+                           bool monolithic, bool development) {
+    QuietLog quiet;
+    if (!monolithic && type && *type == "UAT") {
+        if (!judge.createPublicKeyForDevelopmentSigning(chain)) return "test signer: not valid";
+        return development ? "test signer, check Skip"
+                           : "test signer, check Skip (refused on production hardware)";
+    }
+    if (auto key = judge.createPublicKeyForStrongSigning(chain)) {
+        if (judge.publicKeyMatches(*key)) return "production signer (manual key), check Skip";
+        return "production signer (auto signing key), check Default";
+    }
+    if (monolithic) {
+        if (development && judge.createPublicKeyForDevelopmentSigning(chain))
+            return "test signer, check Skip";
+        return "not valid";
+    }
+    if (judge.createPublicKeyForVantorSigning(chain)) return "Vantor signer, check AppLayout";
+    return "not valid";
+}
+
+void printSummary(const Value& file, const QVLSignedManifest* loaded, QVLSignedManifest& judge,
+                  bool development) {
+    const Dictionary* outer = file.asDictionary();
+    const Value* versionValue = outer ? outer->find("Version") : nullptr;
+    const int64_t version =
+        versionValue && versionValue->isNumber() ? versionValue->integerValue().value_or(0) : 0;
+    std::printf("version: %lld\n", static_cast<long long>(version));
+    if (outer && version == 2) {
+        const plist::Array* chain = outer->getArray("Certificate");
+        std::printf("certificate: %s\n",
+                    chain ? describeSigner(judge, *chain, nullptr, true, development).c_str() : "missing");
+    } else if (outer) {
+        if (const Dictionary* certificates = outer->getDictionary("Certificates")) {
+            for (const auto& [name, value] : *certificates) {
+                const Dictionary* entry = value.asDictionary();
+                const plist::Array* chain = entry ? entry->getArray("Certificate") : nullptr;
+                const std::string* type = entry ? entry->getString("TypeOfSignature") : nullptr;
+                std::printf("certificate %s: %s\n", name.c_str(),
+                            chain ? describeSigner(judge, *chain, type, false, development).c_str()
+                                  : "format not correct");
+            }
+        }
+        // Check types exist only once verification has passed.
+        const Dictionary* payload = loaded ? loaded->payload().get() : outer;
+        for (const char* section : kSections) {
+            const Dictionary* components = payload->getDictionary(section);
+            if (!components) continue;
+            for (const auto& [name, value] : *components) {
+                const Dictionary* component = value.asDictionary();
+                const std::string* type = component ? component->getString("RigorousCheckType") : nullptr;
+                std::printf("component %s/%s: %s\n", section, name.c_str(),
+                            loaded && type ? type->c_str() : "not verified");
+            }
+        }
+    }
+    std::printf("verdict: %s\n", loaded ? "accepted" : "refused");
+}
+
+}  // namespace
+
+int verifyVerb(Arguments args) {
+    std::string path;
+    std::string anchors = platform::kDefaultAnchorsFolder;
+    std::optional<bool> fused;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--anchors" && i + 1 < args.size())
+            anchors = args[++i];
+        else if (args[i] == "--production-device" && !fused)
+            fused = true;
+        else if (args[i] == "--development-device" && !fused)
+            fused = false;
+        else if (path.empty() && !args[i].starts_with("-"))
+            path = args[i];
+        else
+            return fail(
+                "verify: usage: qvlmanifest verify FILE [--anchors DIR] "
+                "[--production-device | --development-device]");
+    }
+    if (path.empty())
+        return fail(
+            "verify: usage: qvlmanifest verify FILE [--anchors DIR] "
+            "[--production-device | --development-device]");
+
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return fail("verify: cannot open " + path);
+
+    platform::TrustService trust(anchors);
+    FixedFuseDevice fixedDevice(fused.value_or(true));
+    platform::DeviceInfo& device = fused ? fixedDevice : platform::DeviceInfo::sharedInstance();
+    // Outside a device the container lookup only reads: nothing is created.
+    platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
+    QVLDemoManifestCheck::Services checkServices;
+    checkServices.containers = &containers;
+
+    QVLLogModel::sharedInstance().setCaptureForTesting(printLogLine);
+    auto checker = QVLDemoManifestCheck::create(checkServices);
+    QVLSignedManifest::Services services;
+    services.trust = &trust;
+    services.deviceInfo = &device;
+    if (checker) services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
+    auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, services);
+    close(fd);
+    QVLLogModel::sharedInstance().setCaptureForTesting({});
+
+    std::fflush(stderr);
+    const auto file = plist::readFile(path);
+    const bool development = device.signingFuse() == false;
+    QVLSignedManifest judge(services);
+    printSummary(file ? *file : Value(), manifest.get(), judge, development);
+    return manifest ? kExitSuccess : kExitDifferent;
+}
+
+}  // namespace qvl::qvlmanifest
