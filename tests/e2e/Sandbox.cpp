@@ -60,7 +60,7 @@ Sandbox::Sandbox() : sourceDir_(envOr("QVL_SOURCE_DIR", ".")), buildDir_(envOr("
 }
 
 Sandbox::~Sandbox() {
-    if (running()) stop("KILL");
+    if (started_) stop("KILL");
     if (!root_.empty()) {
         std::error_code ec;
         fs::remove_all(root_, ec);
@@ -107,12 +107,11 @@ int Sandbox::stop(const std::string& signal) {
 
 int Sandbox::waitForExit(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    const std::string statusFile = root_ + "/.sandbox/status";
+    const std::string statusFile = root_ + "/.sandbox/run/status";
     while (!fs::exists(statusFile)) {
         if (std::chrono::steady_clock::now() > deadline) return -1;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-    started_ = false;
     std::ifstream in(statusFile);
     int status = -1;
     in >> status;

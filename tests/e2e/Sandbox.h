@@ -40,10 +40,13 @@ class Sandbox {
     bool start(std::string* output = nullptr);
     // Runs a command inside, as `user` (name or uid) when given.
     CommandResult exec(const std::vector<std::string>& args, const std::string& user = "");
-    // Signals the helper and answers its exit status (-1 if it did not end).
+    // Signals the helper (unless it has ended), ends the sandbox and answers
+    // the helper's exit status (-1 if it did not end).
     int stop(const std::string& signal = "TERM");
-    // Waits for the helper to end by itself; its exit status, or -1.
+    // Waits for the helper to end by itself; its exit status, or -1. The
+    // sandbox stays up until stop().
     int waitForExit(std::chrono::milliseconds timeout);
+    // Whether the helper still runs.
     bool running() const;
     // Host PID of the helper, or -1.
     pid_t helperPid() const;

@@ -41,6 +41,15 @@ std::string registryEntry(const std::string& executable, int uid, const std::str
            valueXML + "\n\t</dict>\n</dict>\n</plist>\n";
 }
 
+// Registers the test client: entitled as root; as "mobile" its entry holds
+// the entitlement as a string, which must not count.
+void entitleClient(const Sandbox& sandbox) {
+    const std::string dir = sandbox.root() + "/etc/ostrel/entitlements/";
+    std::ofstream(dir + "e2e-root.plist") << registryEntry(Sandbox::clientPath(), 0, "<true/>");
+    std::ofstream(dir + "e2e-mobile.plist")
+        << registryEntry(Sandbox::clientPath(), 501, "<string>true</string>");
+}
+
 // The lines logged from index `from` on.
 std::vector<std::string> since(const Sandbox& sandbox, size_t from) {
     auto lines = sandbox.logLines();
@@ -61,12 +70,7 @@ class HelperE2ETest : public ::testing::Test {
             startFailure_ = output;
             return;
         }
-        // The test client is entitled as root; as "mobile" its entry holds the
-        // entitlement as a string, which must not count.
-        const std::string dir = sandbox_->root() + "/etc/ostrel/entitlements/";
-        std::ofstream(dir + "e2e-root.plist") << registryEntry(Sandbox::clientPath(), 0, "<true/>");
-        std::ofstream(dir + "e2e-mobile.plist")
-            << registryEntry(Sandbox::clientPath(), 501, "<string>true</string>");
+        entitleClient(*sandbox_);
     }
     // Everything above has run against this one helper: it must still end
     // cleanly (under the sanitizers, that includes its leak check at exit).
@@ -85,12 +89,19 @@ class HelperE2ETest : public ::testing::Test {
     }
 
     // Sends `message` from the client inside the sandbox; answers the client's output lines.
-    std::vector<std::string> send(const zrp::Dictionary& message, const std::string& user = "",
-                                  const std::vector<std::string>& extra = {}) {
-        const std::string path = sandbox_->writeFile("request.bin", frameOf(message));
+    std::vector<std::string> send(const zrp::Dictionary& message, const std::string& user = "") {
+        return sendAll({message}, user);
+    }
+    // Sends each message in turn, on one connection or (with "--separate") on
+    // one connection each.
+    std::vector<std::string> sendAll(const std::vector<zrp::Dictionary>& messages,
+                                     const std::string& user = "",
+                                     const std::vector<std::string>& options = {}) {
         std::vector<std::string> args = {Sandbox::clientPath()};
-        args.insert(args.end(), extra.begin(), extra.end());
-        args.push_back(path);
+        args.insert(args.end(), options.begin(), options.end());
+        for (size_t i = 0; i < messages.size(); ++i) {
+            args.push_back(sandbox_->writeFile("request" + std::to_string(i) + ".bin", frameOf(messages[i])));
+        }
         const CommandResult result = sandbox_->exec(args, user);
         EXPECT_EQ(result.status, 0) << result.output;
         std::vector<std::string> lines;
@@ -227,6 +238,55 @@ TEST_F(HelperE2ETest, ClientsWithoutABooleanEntitlementGetNoAnswer) {
     ::close(fd);
 }
 
+TEST_F(HelperE2ETest, EachCommandIsAnsweredOnceUntilAnUnknownOne) {
+    const size_t from = mark();
+    zrp::Dictionary request;
+    request.setString("prepareWorkContainer:", "/private/var/QVLWorkContainer");
+    request.setString("prepareLogContainer:", "/private/var/log/qvald");  // not under /private/var/logs
+    request.setBool("noSuchCommand:", true);
+    request.setString("removeWorkContainer:", "/private/var/QVLWorkContainer");
+    EXPECT_EQ(send(request), (std::vector<std::string>{"Response=true", "Response=false", "end=timeout"}));
+    ASSERT_TRUE(sandbox_->waitForLogLine("Message handled", from));
+    const auto lines = since(*sandbox_, from);
+    auto has = [&](const std::string& line) {
+        return std::find(lines.begin(), lines.end(), line) != lines.end();
+    };
+    EXPECT_TRUE(
+        has("Entering -[QVLHMessageResponder prepareWorkContainer:] with parameter: "
+            "/private/var/QVLWorkContainer"));
+    EXPECT_TRUE(
+        has("-[QVLHMessageResponder prepareLogContainer:]: creating logs under /private/var/log/qvald "
+            "is not allowed."));
+    EXPECT_TRUE(has("QVLHMessageResponder does not respond to noSuchCommand:."));
+    EXPECT_FALSE(
+        has("Entering -[QVLHMessageResponder removeWorkContainer:] with parameter: "
+            "/private/var/QVLWorkContainer"));
+    EXPECT_TRUE(fs::is_directory(sandbox_->root() + "/private/var/QVLWorkContainer"));
+}
+
+TEST_F(HelperE2ETest, RepliesGoToTheConnectionThatAsked) {
+    zrp::Dictionary good;
+    good.setString("prepareWorkContainer:", "/private/var/QVLWorkContainer");
+    zrp::Dictionary wrongKind;
+    wrongKind.setInt64("prepareWorkContainer:", 7);  // a number where a path is expected
+    zrp::Dictionary missingEntry;
+    missingEntry.set("createHardLink:", zrp::Value(zrp::Dictionary()));
+    const std::vector<std::string> expected = {
+        "conn1: Response=true", "conn1: end=timeout",    "conn2: Response=false",
+        "conn2: end=timeout",   "conn3: Response=false", "conn3: end=timeout",
+    };
+    // All three connections stay open: no stray message reaches the first two.
+    EXPECT_EQ(sendAll({good, wrongKind, missingEntry}, "", {"--separate", "--idle", "400"}), expected);
+}
+
+TEST_F(HelperE2ETest, MobileClientIsEntitledThroughItsOwnEntry) {
+    // qvalctl's registry entries in the template grant it to root and to mobile.
+    const CommandResult result =
+        sandbox_->exec({"qvalctl", "--timeout", "5", "prepareLogContainer:", "/var/logs/qvald"}, "mobile");
+    EXPECT_EQ(result.status, 0) << result.output;
+    EXPECT_TRUE(fs::is_directory(sandbox_->root() + "/private/var/logs/qvald"));
+}
+
 TEST_F(HelperE2ETest, HostileInputLeavesTheHelperServingWithoutLeaks) {
     const pid_t pid = sandbox_->helperPid();
     ASSERT_GT(pid, 0);
@@ -310,9 +370,24 @@ class HelperLifecycleTest : public ::testing::Test {
         if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
         std::string output;
         ASSERT_TRUE(sandbox_.start(&output)) << output;
+        entitleClient(sandbox_);
     }
     Sandbox sandbox_;
 };
+
+TEST_F(HelperLifecycleTest, QuitHelperEndsWithStatusZeroAndNoAnswer) {
+    const std::string path = sandbox_.writeFile("quit.bin", frameOf([] {
+                                                    zrp::Dictionary d;
+                                                    d.setBool("quitHelper:", true);
+                                                    return d;
+                                                }()));
+    const CommandResult result = sandbox_.exec({Sandbox::clientPath(), "--idle", "300", path});
+    EXPECT_EQ(result.output, "end=closed\n");
+    EXPECT_EQ(sandbox_.waitForExit(std::chrono::seconds(10)), 0);
+    const auto lines = sandbox_.logLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "Entering -[QVLHMessageResponder quitHelper:] with parameter: 1");
+}
 
 TEST_F(HelperLifecycleTest, SigtermEndsWithStatusZero) {
     const size_t from = sandbox_.logLines().size();

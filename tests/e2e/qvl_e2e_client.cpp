@@ -11,7 +11,10 @@
 // milliseconds (default 700) or the connection ends, and prints how it ended
 // ("end=timeout", "end=closed", "end=invalid"). With --close it closes right
 // after sending instead. --repeat runs the whole exchange N times, each on a
-// new connection.
+// new connection. With --separate every FRAME_FILE goes on a connection of its
+// own, all opened first and kept open; lines are prefixed "connN: " and, at
+// the end, any message that arrived late on an earlier connection is printed
+// as "connN: stray ...".
 //
 // Exit status: 0 when every exchange could be made, 1 otherwise.
 #include <cstdio>
@@ -19,6 +22,7 @@
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -58,6 +62,32 @@ void printMessage(const zrp::Dictionary& message) {
     std::printf("%s\n", line.c_str());
 }
 
+void printUntilIdle(zrp::Client& client, const std::string& prefix, int idleMs) {
+    for (;;) {
+        const auto received = client.receive(std::chrono::milliseconds(idleMs));
+        if (received.status == zrp::Client::Status::Message) {
+            std::printf("%s", prefix.c_str());
+            printMessage(received.message);
+            continue;
+        }
+        const char* end = received.status == zrp::Client::Status::Timeout  ? "timeout"
+                          : received.status == zrp::Client::Status::Closed ? "closed"
+                                                                           : "invalid";
+        std::printf("%send=%s\n", prefix.c_str(), end);
+        return;
+    }
+}
+
+// Prints whatever is still waiting on a connection, without an end line.
+void printStray(zrp::Client& client, const std::string& prefix) {
+    for (;;) {
+        const auto received = client.receive(std::chrono::milliseconds(100));
+        if (received.status != zrp::Client::Status::Message) return;
+        std::printf("%s", prefix.c_str());
+        printMessage(received.message);
+    }
+}
+
 bool readFile(const char* path, std::vector<uint8_t>& out) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return false;
@@ -72,6 +102,7 @@ int main(int argc, char** argv) {
     std::string service = "com.ostrel.quorvaledhelper";
     int idleMs = 700;
     bool closeAfterSend = false;
+    bool separate = false;
     long repeat = 1;
     std::vector<std::vector<uint8_t>> frames;
     for (int i = 1; i < argc; ++i) {
@@ -85,6 +116,8 @@ int main(int argc, char** argv) {
             idleMs = std::atoi(argv[++i]);
         } else if (arg == "--repeat" && hasValue) {
             repeat = std::atol(argv[++i]);
+        } else if (arg == "--separate") {
+            separate = true;
         } else if (arg == "--close") {
             closeAfterSend = true;
         } else {
@@ -97,30 +130,40 @@ int main(int argc, char** argv) {
         }
     }
 
-    for (long round = 0; round < repeat; ++round) {
+    auto connect = [&]() -> std::unique_ptr<zrp::Client> {
         std::string error;
         auto client = zrp::Client::connect(service, &error, socketDir);
-        if (!client) {
-            std::fprintf(stderr, "qvl_e2e_client: %s\n", error.c_str());
-            return 1;
+        if (!client) std::fprintf(stderr, "qvl_e2e_client: %s\n", error.c_str());
+        return client;
+    };
+    // Sends one frame and prints what comes back, each line after `prefix`.
+    auto exchange = [&](zrp::Client& client, const std::vector<uint8_t>& frame, const std::string& prefix) {
+        if (!client.sendRaw(frame)) {
+            std::fprintf(stderr, "qvl_e2e_client: send failed\n");
+            return false;
         }
-        for (const auto& frame : frames) {
-            if (!client->sendRaw(frame)) {
-                std::fprintf(stderr, "qvl_e2e_client: send failed\n");
-                return 1;
+        if (!closeAfterSend) printUntilIdle(client, prefix, idleMs);
+        return true;
+    };
+
+    for (long round = 0; round < repeat; ++round) {
+        if (separate) {
+            std::vector<std::unique_ptr<zrp::Client>> clients;
+            for (size_t i = 0; i < frames.size(); ++i) {
+                clients.push_back(connect());
+                if (!clients.back()) return 1;
             }
-            if (closeAfterSend) continue;
-            for (;;) {
-                const auto received = client->receive(std::chrono::milliseconds(idleMs));
-                if (received.status == zrp::Client::Status::Message) {
-                    printMessage(received.message);
-                    continue;
-                }
-                const char* end = received.status == zrp::Client::Status::Timeout  ? "timeout"
-                                  : received.status == zrp::Client::Status::Closed ? "closed"
-                                                                                   : "invalid";
-                std::printf("end=%s\n", end);
-                break;
+            for (size_t i = 0; i < frames.size(); ++i) {
+                if (!exchange(*clients[i], frames[i], "conn" + std::to_string(i + 1) + ": ")) return 1;
+            }
+            for (size_t i = 0; i < clients.size(); ++i) {
+                printStray(*clients[i], "conn" + std::to_string(i + 1) + ": stray ");
+            }
+        } else {
+            auto client = connect();
+            if (!client) return 1;
+            for (const auto& frame : frames) {
+                if (!exchange(*client, frame, "")) return 1;
             }
         }
         std::fflush(stdout);
