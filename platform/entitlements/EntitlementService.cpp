@@ -1,9 +1,13 @@
 #include "platform/entitlements/EntitlementService.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <vector>
 
 #include "plist/PropertyList.h"
@@ -13,24 +17,86 @@ namespace qvl::entitlements {
 namespace {
 
 // A registry holds a handful of files; more than this is not a registry
-// anyone maintains, and reading them all on every request would be a cost a
-// stray folder could impose on each client.
+// anyone maintains, and the rest are ignored rather than read on every request.
 constexpr size_t kMaxRegistryFiles = 4096;
 
-// The registry files (*.plist, not hidden) in byte order of their names.
-std::vector<std::string> registryFiles(const std::string& dir) {
-    std::vector<std::string> names;
-    std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
-    if (!d) return names;
-    while (dirent* e = ::readdir(d.get())) {
-        const std::string_view name = e->d_name;
-        if (name.starts_with('.') || !name.ends_with(".plist")) continue;
-        names.emplace_back(name);
-        if (names.size() >= kMaxRegistryFiles) break;
+// What identifies one version of a registry file. Any write changes ctime,
+// so a file whose stamp is unchanged still holds what was parsed.
+struct Stamp {
+    dev_t dev = 0;
+    ino_t ino = 0;
+    off_t size = 0;
+    int64_t mtimeNs = 0;
+    int64_t ctimeNs = 0;
+    friend bool operator==(const Stamp&, const Stamp&) = default;
+};
+
+struct CachedFile {
+    Stamp stamp;
+    std::shared_ptr<const plist::Value> root;  // null: the file did not parse
+};
+
+// The registry is consulted on every request and parsing its files was most
+// of a request's cost, so parsed files are kept and each lookup only lists the
+// folder and compares stamps: a changed, added or removed file still takes
+// effect at the very next lookup.
+class RegistryCache {
+  public:
+    static RegistryCache& sharedInstance() {
+        static RegistryCache cache;
+        return cache;
     }
-    std::sort(names.begin(), names.end());
-    return names;
-}
+
+    // The parsed registry files of `dir`, in name order.
+    std::vector<std::shared_ptr<const plist::Value>> load(const std::string& dir) {
+        std::vector<std::shared_ptr<const plist::Value>> roots;
+        std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
+        if (!d) return roots;
+        std::vector<std::pair<std::string, Stamp>> listing;
+        while (dirent* e = ::readdir(d.get())) {
+            const std::string_view name = e->d_name;
+            if (name.starts_with('.') || !name.ends_with(".plist")) continue;
+            struct stat st;
+            if (::fstatat(::dirfd(d.get()), e->d_name, &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
+            listing.emplace_back(std::string(name), stampOf(st));
+            if (listing.size() >= kMaxRegistryFiles) break;
+        }
+        std::sort(listing.begin(), listing.end(),
+                  [](const auto& a, const auto& b) { return a.first < b.first; });
+
+        std::lock_guard lock(mu_);
+        if (folders_.size() > kMaxFolders && !folders_.contains(dir)) folders_.clear();
+        std::map<std::string, CachedFile>& cached = folders_[dir];
+        std::map<std::string, CachedFile> current;
+        for (auto& [name, stamp] : listing) {
+            auto it = cached.find(name);
+            if (it == cached.end() || !(it->second.stamp == stamp))
+                current[name] = CachedFile{stamp, parse(dir + "/" + name)};
+            else
+                current[name] = std::move(it->second);
+            roots.push_back(current[name].root);
+        }
+        cached = std::move(current);  // forgets removed files
+        return roots;
+    }
+
+  private:
+    static constexpr size_t kMaxFolders = 16;
+
+    static std::shared_ptr<const plist::Value> parse(const std::string& path) {
+        std::optional<plist::Value> root = plist::readFile(path);
+        return root ? std::make_shared<const plist::Value>(std::move(*root)) : nullptr;
+    }
+
+    static Stamp stampOf(const struct stat& st) {
+        return Stamp{st.st_dev, st.st_ino, st.st_size,
+                     st.st_mtim.tv_sec * 1'000'000'000LL + st.st_mtim.tv_nsec,
+                     st.st_ctim.tv_sec * 1'000'000'000LL + st.st_ctim.tv_nsec};
+    }
+
+    std::mutex mu_;
+    std::map<std::string, std::map<std::string, CachedFile>> folders_;
+};
 
 bool entryApplies(const plist::Dictionary& entry, const std::string& executable, uid_t uid) {
     const std::string* path = entry.getString("Executable");
@@ -50,8 +116,7 @@ std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token, std
 }
 
 std::optional<plist::Value> Task::valueForEntitlement(std::string_view name) const {
-    for (const std::string& file : registryFiles(registryDirectory_)) {
-        std::optional<plist::Value> root = plist::readFile(registryDirectory_ + "/" + file);
+    for (const auto& root : RegistryCache::sharedInstance().load(registryDirectory_)) {
         const plist::Dictionary* entry = root ? root->asDictionary() : nullptr;
         if (!entry || !entryApplies(*entry, executablePath_, uid_)) continue;
         // The first matching entry decides, even when it lacks the entitlement.

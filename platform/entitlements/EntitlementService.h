@@ -5,7 +5,8 @@
 // of the program), optionally "UserID" (the only uid the entry applies to) and
 // "Entitlements" (name -> any property value). The files are read afresh, in
 // name order, for every lookup, so a change to the registry takes effect at
-// once; a file that can't be parsed is skipped.
+// once (parsed files are kept while their size, times and inode stay the
+// same); a file that can't be parsed is skipped.
 //
 // Thread-safety: a Task is an immutable value; lookups may run on any thread.
 #pragma once

@@ -93,6 +93,14 @@ TEST_F(RegistryTest, RegistryIsReadAfreshForEveryLookup) {
     std::optional<plist::Value> value = lookup();
     ASSERT_TRUE(value);
     EXPECT_EQ(*value, plist::Value("true"));  // a string stays a string
+    // Rewritten in place with the same size: the new content counts.
+    writeEntry("tmp.plist", kProgram, std::nullopt, plist::Value("fals"));
+    std::filesystem::copy_file(dir_ + "/tmp.plist", dir_ + "/a.plist",
+                               std::filesystem::copy_options::overwrite_existing);
+    std::filesystem::remove(dir_ + "/tmp.plist");
+    value = lookup();
+    ASSERT_TRUE(value);
+    EXPECT_EQ(*value, plist::Value("fals"));
     std::filesystem::remove(dir_ + "/a.plist");
     EXPECT_FALSE(lookup());
 
