@@ -245,7 +245,8 @@ TEST_F(HelperE2ETest, EachCommandIsAnsweredOnceUntilAnUnknownOne) {
     request.setString("prepareLogContainer:", "/private/var/log/qvald");  // not under /private/var/logs
     request.setBool("noSuchCommand:", true);
     request.setString("removeWorkContainer:", "/private/var/QVLWorkContainer");
-    EXPECT_EQ(send(request), (std::vector<std::string>{"Response=true", "Response=false", "end=timeout"}));
+    EXPECT_EQ(sendAll({request}, "", {"--expect", "2"}),
+              (std::vector<std::string>{"Response=true", "Response=false", "end=timeout"}));
     ASSERT_TRUE(sandbox_->waitForLogLine("Message handled", from));
     const auto lines = since(*sandbox_, from);
     auto has = [&](const std::string& line) {
@@ -276,7 +277,8 @@ TEST_F(HelperE2ETest, RepliesGoToTheConnectionThatAsked) {
         "conn2: end=timeout",   "conn3: Response=false", "conn3: end=timeout",
     };
     // All three connections stay open: no stray message reaches the first two.
-    EXPECT_EQ(sendAll({good, wrongKind, missingEntry}, "", {"--separate", "--idle", "400"}), expected);
+    EXPECT_EQ(sendAll({good, wrongKind, missingEntry}, "", {"--separate", "--expect", "1", "--idle", "400"}),
+              expected);
 }
 
 TEST_F(HelperE2ETest, MobileClientIsEntitledThroughItsOwnEntry) {

@@ -1,7 +1,7 @@
 // qvl_e2e_client: the client side of the helper's end-to-end tests. It runs
 // inside the sandbox (so that the helper can read who it is) or on the host.
 //
-//   qvl_e2e_client [--socket-dir DIR] [--service NAME] [--idle MS] [--close]
+//   qvl_e2e_client [--socket-dir DIR] [--service NAME] [--idle MS] [--expect N] [--close]
 //                  [--repeat N] FRAME_FILE...
 //
 // For each FRAME_FILE, in order, on one connection: sends the file's bytes
@@ -9,7 +9,9 @@
 // prints every message that comes back, one line each ("Response=true",
 // "Progress=42", "Data=010203"), until nothing has arrived for --idle
 // milliseconds (default 700) or the connection ends, and prints how it ended
-// ("end=timeout", "end=closed", "end=invalid"). With --close it closes right
+// ("end=timeout", "end=closed", "end=invalid"). With --expect N it waits up to
+// 10 s for each of the first N messages of an exchange before the idle rule
+// applies, so a slow machine does not lose answers. With --close it closes right
 // after sending instead. --repeat runs the whole exchange N times, each on a
 // new connection. With --separate every FRAME_FILE goes on a connection of its
 // own, all opened first and kept open; lines are prefixed "connN: " and, at
@@ -62,9 +64,10 @@ void printMessage(const zrp::Dictionary& message) {
     std::printf("%s\n", line.c_str());
 }
 
-void printUntilIdle(zrp::Client& client, const std::string& prefix, int idleMs) {
-    for (;;) {
-        const auto received = client.receive(std::chrono::milliseconds(idleMs));
+void printUntilIdle(zrp::Client& client, const std::string& prefix, int idleMs, int expect) {
+    for (int count = 0;; ++count) {
+        const int waitMs = count < expect ? 10'000 : idleMs;
+        const auto received = client.receive(std::chrono::milliseconds(waitMs));
         if (received.status == zrp::Client::Status::Message) {
             std::printf("%s", prefix.c_str());
             printMessage(received.message);
@@ -103,6 +106,7 @@ int main(int argc, char** argv) {
     int idleMs = 700;
     bool closeAfterSend = false;
     bool separate = false;
+    int expect = 0;
     long repeat = 1;
     std::vector<std::vector<uint8_t>> frames;
     for (int i = 1; i < argc; ++i) {
@@ -116,6 +120,8 @@ int main(int argc, char** argv) {
             idleMs = std::atoi(argv[++i]);
         } else if (arg == "--repeat" && hasValue) {
             repeat = std::atol(argv[++i]);
+        } else if (arg == "--expect" && hasValue) {
+            expect = std::atoi(argv[++i]);
         } else if (arg == "--separate") {
             separate = true;
         } else if (arg == "--close") {
@@ -142,7 +148,7 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "qvl_e2e_client: send failed\n");
             return false;
         }
-        if (!closeAfterSend) printUntilIdle(client, prefix, idleMs);
+        if (!closeAfterSend) printUntilIdle(client, prefix, idleMs, expect);
         return true;
     };
 
