@@ -69,7 +69,8 @@ class Service;
 // What the delivery thread knows of a listener or a connection.
 class Endpoint : public Connection {
   public:
-    Endpoint(Service& service, uint64_t id, UniqueFd fd) : service_(service), id_(id), fd_(std::move(fd)) {}
+    Endpoint(Service& service, uint64_t id, UniqueFd fd)
+        : service_(service), id_(id), fd_(std::make_shared<UniqueFd>(std::move(fd))) {}
 
     void setEventHandler(EventHandler handler) override {
         std::lock_guard lock(mu_);
@@ -110,7 +111,9 @@ class Endpoint : public Connection {
     Service& service_;
     const uint64_t id_;
     mutable std::mutex mu_;  // guards fd_, handler_ and the flags
-    UniqueFd fd_;
+    // Shared with a send in progress on another thread, so that closing never
+    // pulls the descriptor from under it (nor lets a new file take its number).
+    std::shared_ptr<UniqueFd> fd_;
     EventHandler handler_;
     bool resumed_ = false;
     bool closed_ = false;
@@ -342,7 +345,7 @@ void Endpoint::resume() {
     std::lock_guard lock(mu_);
     if (resumed_ || closed_) return;
     resumed_ = true;
-    service_.watch(fd_.get(), id_, pollEvents());
+    service_.watch(fd_->get(), id_, pollEvents());
 }
 
 bool Endpoint::close() {
@@ -350,8 +353,8 @@ bool Endpoint::close() {
         std::lock_guard lock(mu_);
         if (closed_) return false;
         closed_ = true;
-        if (resumed_) service_.unwatch(fd_.get());
-        fd_.reset();
+        if (resumed_) service_.unwatch(fd_->get());
+        fd_.reset();  // closes now, or when the last send lets go
     }
     onClose();
     service_.remove(id_);
@@ -369,12 +372,12 @@ void Endpoint::cancel() {
 
 void ListenerImpl::pause() {
     std::lock_guard lock(mu_);
-    if (!closed_ && resumed_) service_.unwatch(fd_.get());
+    if (!closed_ && resumed_) service_.unwatch(fd_->get());
 }
 
 void ListenerImpl::unpause() {
     std::lock_guard lock(mu_);
-    if (!closed_ && resumed_) service_.watch(fd_.get(), id_, pollEvents());
+    if (!closed_ && resumed_) service_.watch(fd_->get(), id_, pollEvents());
 }
 
 void ListenerImpl::acceptPending() {
@@ -383,7 +386,7 @@ void ListenerImpl::acceptPending() {
         {
             std::lock_guard lock(mu_);
             if (closed_) return;
-            fd = ::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            fd = ::accept4(fd_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         }
         if (fd < 0) {
             if (errno == EINTR || errno == ECONNABORTED) continue;
@@ -425,20 +428,17 @@ void ConnectionImpl::send(const Dictionary& message) {
     if (!frame) return;
     std::lock_guard writeLock(writeMu_);
     if (writeBroken_) return;
-    int fd;
+    std::shared_ptr<UniqueFd> writer;
     {
         std::lock_guard lock(mu_);
         if (closed_) return;
-        fd = ::dup(fd_.get());  // stays valid even if the connection closes meanwhile
-        if (fd >= 0) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+        writer = fd_;
     }
-    if (fd < 0) return;
-    UniqueFd writer(fd);
-    if (!sendFrame(writer.get(), *frame, kSendTimeout)) {
+    if (!sendFrame(writer->get(), *frame, kSendTimeout)) {
         // A frame cut short leaves the stream unreadable: end it, so that the
         // delivery thread sees the connection go.
         writeBroken_ = true;
-        ::shutdown(writer.get(), SHUT_RDWR);
+        ::shutdown(writer->get(), SHUT_RDWR);
     }
 }
 
@@ -450,7 +450,7 @@ void ConnectionImpl::readAvailable() {
         {
             std::lock_guard lock(mu_);
             if (closed_) return dropInput();
-            n = receiveChunk(fd_.get(), scratch, fds);
+            n = receiveChunk(fd_->get(), scratch, fds);
         }
         if (n == kReceiveWouldBlock) return;
         if (n <= 0) return invalidate();  // peer gone, error, or too many descriptors
