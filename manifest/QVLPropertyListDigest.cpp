@@ -27,9 +27,14 @@ namespace {
 using plist::Kind;
 using plist::Value;
 
+// The one-shot SHA1() looks the algorithm up on every call; the context
+// functions do not.
 QVLDigest sha1(const void* bytes, size_t length) {
+    SHA_CTX context;
+    SHA1_Init(&context);
+    SHA1_Update(&context, bytes, length);
     QVLDigest out;
-    SHA1(static_cast<const unsigned char*>(bytes), length, out.data());
+    SHA1_Final(out.data(), &context);
     return out;
 }
 
@@ -215,19 +220,31 @@ class Digester {
                 return dictionaryDigest(*value.asDictionary());
             case Kind::Integer:
             case Kind::Real:
-                return numberDigest(numberAsInteger(value));
+                return integerDigest(numberAsInteger(value));
         }
         return std::nullopt;
     }
 
     QVLDigest stringDigest(std::string_view s) {
+        // File paths are unique within a manifest and would only churn the
+        // cache; the strings that recur (record keys, types, owner names) have
+        // no "/" and are short.
         constexpr size_t kMaxCachedLength = 64;
         constexpr size_t kMaxCachedStrings = 4096;
-        if (s.size() > kMaxCachedLength) return stringDigestUncached(s);
-        if (auto found = cache_.find(s); found != cache_.end()) return found->second;
+        if (s.size() > kMaxCachedLength || s.find('/') != std::string_view::npos)
+            return stringDigestUncached(s);
+        if (auto found = strings_.find(s); found != strings_.end()) return found->second;
         const QVLDigest d = stringDigestUncached(s);
-        if (cache_.size() < kMaxCachedStrings) cache_.emplace(std::string(s), d);
+        if (strings_.size() < kMaxCachedStrings) strings_.emplace(std::string(s), d);
         return d;
+    }
+
+    // Owners, groups, modes and small sizes recur too: a direct-mapped table
+    // of recent numbers keeps their digests.
+    QVLDigest integerDigest(int64_t v) {
+        NumberSlot& slot = numbers_[mix(static_cast<uint64_t>(v)) % numbers_.size()];
+        if (!slot.used || slot.value != v) slot = {true, v, numberDigest(v)};
+        return slot.digest;
     }
 
   private:
@@ -273,7 +290,13 @@ class Digester {
         return accumulator;
     }
 
-    std::unordered_map<std::string, QVLDigest, StringHash, std::equal_to<>> cache_;
+    struct NumberSlot {
+        bool used = false;
+        int64_t value = 0;
+        QVLDigest digest{};
+    };
+    std::unordered_map<std::string, QVLDigest, StringHash, std::equal_to<>> strings_;
+    std::array<NumberSlot, 256> numbers_{};
 };
 
 }  // namespace
