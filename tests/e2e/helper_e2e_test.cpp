@@ -345,9 +345,20 @@ TEST_F(HelperE2ETest, HostileInputLeavesTheHelperServingWithoutLeaks) {
     const size_t fdsAfterSecond = settle(fdsBefore);
     const size_t rssAfterSecond = residentKiB(pid);
 
+    // An entitled client that leaves before its answer: the answer goes nowhere, quietly.
+    const std::string leaving =
+        sandbox_->writeFile("leaving.bin", frameOf([] {
+                                zrp::Dictionary d;
+                                d.setString("prepareWorkContainer:", "/private/var/QVLWorkContainer");
+                                return d;
+                            }()));
+    size_t from = mark();
+    EXPECT_EQ(sandbox_->exec({Sandbox::clientPath(), "--close", leaving}).status, 0);
+    EXPECT_TRUE(sandbox_->waitForLogLine("ZRP disconnected by client", from));
+
     // Still the same process, and it serves the next good client.
     EXPECT_EQ(sandbox_->helperPid(), pid);
-    const size_t from = mark();
+    from = mark();
     request.setBool("noSuchCommand:", true);
     send(request);
     EXPECT_TRUE(sandbox_->waitForLogLine("QVLHMessageResponder does not respond to noSuchCommand:.", from));
@@ -389,6 +400,32 @@ TEST_F(HelperLifecycleTest, QuitHelperEndsWithStatusZeroAndNoAnswer) {
     const auto lines = sandbox_.logLines();
     ASSERT_FALSE(lines.empty());
     EXPECT_EQ(lines.back(), "Entering -[QVLHMessageResponder quitHelper:] with parameter: 1");
+}
+
+TEST_F(HelperLifecycleTest, ListenerErrorEndsWithStatusOne) {
+    // With its descriptors used up, accepting fails: an error of the listener
+    // other than termination or invalidation, which ends the helper.
+    const pid_t pid = sandbox_.helperPid();
+    ASSERT_GT(pid, 0);
+    const size_t limit = openDescriptorCount(pid) + 4;
+    ASSERT_EQ(
+        runCommand({"prlimit", "--pid", std::to_string(pid), "--nofile=" + std::to_string(limit)}).status, 0);
+    const std::string path = sandbox_.socketDirectory() + "/" + kService;
+    std::vector<int> held;
+    for (int i = 0; i < 32 && sandbox_.running(); ++i) {
+        const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+        if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) == 0)
+            held.push_back(fd);
+        std::this_thread::sleep_for(milliseconds(20));
+    }
+    EXPECT_EQ(sandbox_.waitForExit(std::chrono::seconds(10)), 1);
+    for (const int fd : held) ::close(fd);
+    const auto lines = sandbox_.logLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "Got ZRP error on listener connection: Too many open files");
 }
 
 TEST_F(HelperLifecycleTest, SigtermEndsWithStatusZero) {
