@@ -27,7 +27,18 @@ struct Recipe {
     fs::path folder;  // relative paths in the recipe are relative to it
     const Dictionary* root = nullptr;
     int64_t version = 0;
+    plist::Format format = plist::Format::Binary;
 };
+
+// The values a reader of the output will see. XML keeps dates to the second
+// only, so a file manifest is signed as it reads back from its encoding, not
+// as scanned; otherwise the digest of the reader would differ.
+std::optional<Dictionary> asWritten(Dictionary files, plist::Format format) {
+    if (format == plist::Format::Binary) return files;
+    auto reread = plist::read(plist::write(Value(std::move(files)), format));
+    if (!reread || !reread->isDictionary()) return std::nullopt;
+    return std::move(*reread->asDictionary());
+}
 
 std::string resolve(const Recipe& recipe, const std::string& path) {
     const fs::path p(path);
@@ -163,7 +174,12 @@ std::optional<Dictionary> segmentedManifest(const Recipe& recipe,
             return std::nullopt;
         }
         Dictionary component;
-        component.set("Manifest", Value(std::move(spec.files)));
+        auto files = asWritten(std::move(spec.files), recipe.format);
+        if (!files) {
+            fail("sign: the file manifest of \"" + spec.name + "\" does not read back from its encoding");
+            return std::nullopt;
+        }
+        component.set("Manifest", Value(std::move(*files)));
         if (!QVLManifestSigner::signComponent(component, spec.name, spec.certificate,
                                               entry->second.identity)) {
             fail("sign: cannot sign component \"" + spec.name + "\"");
@@ -236,6 +252,7 @@ int signVerb(Arguments args) {
     Recipe recipe;
     recipe.folder = fs::absolute(recipePath).parent_path();
     recipe.root = recipeValue->asDictionary();
+    recipe.format = xml ? plist::Format::XML : plist::Format::Binary;
     const plist::Integer* version = recipe.root ? recipe.root->getInteger("Version") : nullptr;
     recipe.version = version ? version->asSigned() : 0;
     if (recipe.version < 2 || recipe.version > 5)
@@ -248,8 +265,7 @@ int signVerb(Arguments args) {
                                         : segmentedManifest(recipe, certificates, components);
     if (!manifest) return kExitFailure;
     std::string error;
-    if (!plist::writeFileAtomically(output, Value(std::move(*manifest)),
-                                    xml ? plist::Format::XML : plist::Format::Binary, &error))
+    if (!plist::writeFileAtomically(output, Value(std::move(*manifest)), recipe.format, &error))
         return fail("sign: cannot write " + output + ": " + error);
     return kExitSuccess;
 }
