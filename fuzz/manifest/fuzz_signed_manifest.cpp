@@ -23,7 +23,7 @@ using qvl::plist::Dictionary;
 using qvl::plist::Value;
 
 class FixedDevice : public qvl::platform::DeviceInfo {
-public:
+  public:
     bool development = false;
     std::optional<Value> copyAnswer(std::string_view question) const override {
         if (question == "SigningFuse") return Value(!development);
@@ -41,10 +41,10 @@ bool signatureVerifies(const Data& der, std::span<const uint8_t> digest, const D
     X509_free(cert);
     if (!key) return false;
     EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(key, nullptr);
-    const bool ok = ctx && EVP_PKEY_verify_init(ctx) == 1 &&
-                    EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
-                    EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha1()) == 1 &&
-                    EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
+    const bool ok =
+        ctx && EVP_PKEY_verify_init(ctx) == 1 && EVP_PKEY_CTX_set_rsa_padding(ctx, RSA_PKCS1_PADDING) == 1 &&
+        EVP_PKEY_CTX_set_signature_md(ctx, EVP_sha1()) == 1 &&
+        EVP_PKEY_verify(ctx, signature.data(), signature.size(), digest.data(), digest.size()) == 1;
     EVP_PKEY_CTX_free(ctx);
     EVP_PKEY_free(key);
     return ok;
