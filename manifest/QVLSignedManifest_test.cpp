@@ -240,11 +240,20 @@ class FaultyTrust : public platform::TrustService {
   public:
     using TrustService::TrustService;
     bool noPolicy = false;
+    bool noKey = false;
+    int anchorsStatus = 0;
     int evaluateStatus = 0;
     std::optional<int> forcedVerdict;
     std::optional<platform::TrustPolicy> createPolicy(platform::TrustPolicy p) const override {
         if (noPolicy) return std::nullopt;
         return p;
+    }
+    int setAnchors(platform::Trust& trust,
+                   const std::vector<platform::CertificateRef>& anchors) const override {
+        return anchorsStatus ? anchorsStatus : TrustService::setAnchors(trust, anchors);
+    }
+    platform::PublicKeyRef copyPublicKey(const platform::Trust& trust) const override {
+        return noKey ? nullptr : TrustService::copyPublicKey(trust);
     }
     int evaluate(platform::Trust& trust, int* verdict) const override {
         if (evaluateStatus) return evaluateStatus;
@@ -275,6 +284,22 @@ TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
     attempt(kCreateKey + ": Cannot evaluate trust: 7");
     faulty.noPolicy = true;
     attempt("-[QVLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy.");
+
+    faulty = FaultyTrust(pkiPath("anchors"));
+    faulty.noKey = true;
+    attempt(kCreateKey + ": Cannot extract public key.");
+
+    // Only the Vantor key sets anchors.
+    faulty = FaultyTrust(pkiPath("anchors"));
+    faulty.anchorsStatus = 9;
+    {
+        const std::string vantor = plist::writeBinary(Value(segmented("vantor-signer")));
+        QVLLogCapture capture;
+        QVLSignedManifest manifest(services);
+        EXPECT_FALSE(
+            manifest.initWithBytes({reinterpret_cast<const uint8_t*>(vantor.data()), vantor.size()}));
+        EXPECT_TRUE(capture.contains(kCreateKey + ": Cannot set anchor certificates: 9"));
+    }
 
     // Verdict 1 (proceed) is accepted like 4.
     faulty = FaultyTrust(pkiPath("anchors"));
