@@ -41,6 +41,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/zrp/ZRP.h"
 #include "plist/PlistValue.h"

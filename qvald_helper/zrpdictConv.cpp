@@ -1,5 +1,6 @@
 #include "qvald_helper/zrpdictConv.h"
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
