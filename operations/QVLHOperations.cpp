@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -58,6 +60,21 @@ class Fd {
   private:
     int fd_;
 };
+
+struct DirCloser {
+    void operator()(DIR* d) const { ::closedir(d); }
+};
+using DirStream = std::unique_ptr<DIR, DirCloser>;
+
+// A listing of the folder on a copy of its descriptor, which stays usable
+// for the *at() calls.
+DirStream openStream(int dirFd) {
+    const int copy = ::fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0) return nullptr;
+    DIR* d = ::fdopendir(copy);
+    if (!d) ::close(copy);
+    return DirStream(d);
+}
 
 std::string describe(int err) {
     return std::strerror(err);
@@ -237,22 +254,16 @@ bool QVLHOperations::prepareDirectory(const std::string& path, bool writableByMo
 bool QVLHOperations::prepareLogContainer(const std::string& path) {
     if (!prepareDirectory(path, true)) return false;
     Fd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!folder.valid()) return true;
-    const int streamFd = ::fcntl(folder.get(), F_DUPFD_CLOEXEC, 0);
-    DIR* stream = streamFd >= 0 ? ::fdopendir(streamFd) : nullptr;
-    if (!stream) {
-        if (streamFd >= 0) ::close(streamFd);
-        return true;
-    }
+    DirStream stream = folder.valid() ? openStream(folder.get()) : nullptr;
+    if (!stream) return true;
     // Handing over the log files is best effort: a file that can't be handed
     // over leaves the folder usable, so failures are not reported.
     if (const std::optional<Account> mobile = lookUpAccount(kMobileAccountName)) {
-        while (const dirent* e = ::readdir(stream)) {
+        while (const dirent* e = ::readdir(stream.get())) {
             if (std::string_view(e->d_name).starts_with(kLogFilePrefix))
                 handOver(folder.get(), e->d_name, *mobile);
         }
     }
-    ::closedir(stream);
     return true;
 }
 
