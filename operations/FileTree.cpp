@@ -12,23 +12,12 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/zrp/UniqueFd.h"
+
 namespace qvl::ops {
 namespace {
 
-class Fd {
-  public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
+using Fd = zrp::UniqueFd;
 
 struct DirCloser {
     void operator()(DIR* d) const { ::closedir(d); }

@@ -22,6 +22,7 @@
 #include "operations/FileTree.h"
 #include "platform/nvram/NvramStore.h"
 #include "platform/reboot/SystemRestart.h"
+#include "platform/zrp/UniqueFd.h"
 #include "qvald_helper/QVLLog.h"
 
 // Errors from the system are reported the way the platform's file manager
@@ -39,27 +40,14 @@ constexpr const char* kStagingFolderName = "QVL_staging";
 constexpr std::string_view kLogFilePrefix = "qvald-";
 constexpr const char* kFinalBackupPath = "/var/backup";
 constexpr mode_t kModeOpenToAll = 0077;
-// Folders made on the way get the usual default mode, whatever the process's
-// umask, so a missing umask can't make them writable by everyone.
+// Folders made on the way get at most the usual default mode, so a helper
+// started with an empty umask can't make them writable by everyone.
 constexpr mode_t kNewFolderMode = 0755;
 
 constexpr const char* kPrepareDirectoryName = "-[QVLHOperations prepareDirectory:writableByMobile:]";
 constexpr const char* kWriteNVRamName = "-[QVLHOperations writeNVRam:withValue:]";
 
-class Fd {
-  public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
+using Fd = zrp::UniqueFd;
 
 struct DirCloser {
     void operator()(DIR* d) const { ::closedir(d); }

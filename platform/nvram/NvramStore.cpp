@@ -9,23 +9,12 @@
 #include <string>
 #include <utility>
 
+#include "platform/zrp/UniqueFd.h"
+
 namespace qvl::platform {
 namespace {
 
-class Fd {
-  public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_;
-};
+using Fd = zrp::UniqueFd;
 
 int errnoOr(int fallback) {
     return errno != 0 ? errno : fallback;
