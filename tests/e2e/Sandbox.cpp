@@ -60,7 +60,10 @@ Sandbox::Sandbox() : sourceDir_(envOr("QVL_SOURCE_DIR", ".")), buildDir_(envOr("
 }
 
 Sandbox::~Sandbox() {
-    if (started_) stop("KILL");
+    // Whatever happened to the helper, leave no sandbox behind.
+    if (fs::exists(root_ + "/.sandbox/wrapper.pid") && !fs::exists(root_ + "/.sandbox/ended")) {
+        launcher({"stop", "--root", root_, "--signal", "KILL"});
+    }
     if (!root_.empty()) {
         std::error_code ec;
         fs::remove_all(root_, ec);

@@ -436,5 +436,23 @@ TEST_F(HelperLifecycleTest, SigtermEndsWithStatusZero) {
     EXPECT_EQ(lines.back(), "ZRP connection will be closed");
 }
 
+TEST(HelperStartTest, ListenerThatCannotBeCreatedEndsWithStatusOne) {
+    if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
+    Sandbox sandbox;
+    std::string output;
+    ASSERT_TRUE(sandbox.start(&output)) << output;
+    ASSERT_EQ(sandbox.stop("TERM"), 0);
+    // A file where the socket folder should be: no listener can be made.
+    const std::string socketDir = sandbox.socketDirectory();
+    fs::remove_all(socketDir);
+    std::ofstream(socketDir) << "not a folder\n";
+
+    EXPECT_FALSE(sandbox.start(&output));
+    EXPECT_NE(output.find("the helper ended with status 1"), std::string::npos) << output;
+    const auto lines = sandbox.logLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "Could not create ZRP listener.");
+}
+
 }  // namespace
 }  // namespace qvl::e2e
