@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <unordered_map>
 
 #include "plist/PlistCodec.h"
 
@@ -402,14 +401,69 @@ void appendMarker(std::string& out, uint8_t kind, uint64_t count) {
     appendInteger(out, Integer::fromSigned(static_cast<int64_t>(count)));
 }
 
-// Scalars other than strings and data, uniqued by kind and exact bits.
-struct ScalarKey {
-    uint8_t tag;  // 1 signed integer, 2 unsigned integer above INT64_MAX, 3 real, 4 date, 5 boolean
-    uint64_t bits;
-    bool operator==(const ScalarKey&) const = default;
+// What makes two objects the same for uniquing: strings by text, data by
+// bytes, other scalars by kind and exact bits.
+struct ObjectKey {
+    enum Tag : uint8_t { kString, kData, kSigned, kWideUnsigned, kRealBits, kDateBits, kBool };
+    Tag tag;
+    uint64_t bits;           // scalars
+    std::string_view bytes;  // strings and data
+    bool operator==(const ObjectKey&) const = default;
+
+    uint64_t hash() const {
+        uint64_t h = tag == kString || tag == kData ? std::hash<std::string_view>()(bytes) : bits;
+        // splitmix64 finaliser: spreads close integers and doubles over the table.
+        h += 0x9E3779B97F4A7C15ull * (tag + 1);
+        h = (h ^ (h >> 30)) * 0xBF58476D1CE4E5B9ull;
+        h = (h ^ (h >> 27)) * 0x94D049BB133111EBull;
+        return h ^ (h >> 31);
+    }
 };
-struct ScalarKeyHash {
-    size_t operator()(const ScalarKey& k) const { return std::hash<uint64_t>()(k.bits * 31 + k.tag); }
+
+// Open-addressing map from object key to object index. Far fewer allocations
+// than a node-based map, which matters with a million objects.
+class UniqueTable {
+  public:
+    // The index stored for `key`, or `fresh` after storing it.
+    uint64_t findOrAdd(const ObjectKey& key, uint64_t fresh, bool& added) {
+        if (2 * (count_ + 1) > slots_.size()) grow();
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = key.hash() & mask;; i = (i + 1) & mask) {
+            Slot& slot = slots_[i];
+            if (!slot.used) {
+                slot = {key, fresh, true};
+                ++count_;
+                added = true;
+                return fresh;
+            }
+            if (slot.key == key) {
+                added = false;
+                return slot.index;
+            }
+        }
+    }
+
+  private:
+    struct Slot {
+        ObjectKey key{};
+        uint64_t index = 0;
+        bool used = false;
+    };
+
+    void grow() {
+        std::vector<Slot> old = std::move(slots_);
+        slots_.assign(std::max<size_t>(64, old.size() * 2), Slot{});
+        const size_t mask = slots_.size() - 1;
+        for (const Slot& slot : old) {
+            if (!slot.used) continue;
+            size_t i = slot.key.hash() & mask;
+            while (slots_[i].used) i = (i + 1) & mask;
+            slots_[i] = slot;
+        }
+    }
+
+    std::vector<Slot> slots_;
+    size_t count_ = 0;
 };
 
 class BinaryWriter {
@@ -437,10 +491,11 @@ class BinaryWriter {
 
   private:
     struct Object {
-        const Value* value;           // null for a dictionary key
-        const std::string* key;       // the key text when `value` is null
-        size_t firstRef;              // containers: where their references start in refs_
-        std::vector<uint16_t> utf16;  // non-ASCII strings, converted once
+        const Value* value;      // null for a dictionary key
+        const std::string* key;  // the key text when `value` is null
+        // Containers: where their references start in refs_. Non-ASCII
+        // strings: 1 + their slot in utf16_. Otherwise 0.
+        size_t extra;
     };
 
     // Adds `v` (and what it holds) to the object list; returns its index.
@@ -448,23 +503,22 @@ class BinaryWriter {
         switch (v.kind()) {
             case Kind::String:
                 return flattenString(*v.asString(), &v);
-            case Kind::Data:
-                return unique(
-                    datas_,
-                    std::string_view(reinterpret_cast<const char*>(v.asData()->data()), v.asData()->size()),
-                    &v);
+            case Kind::Data: {
+                const Data& d = *v.asData();
+                return unique({ObjectKey::kData, 0, {reinterpret_cast<const char*>(d.data()), d.size()}}, &v);
+            }
             case Kind::Integer: {
                 const Integer& n = *v.asInteger();
                 const bool wide = !n.isNegative() && n.bits > static_cast<uint64_t>(INT64_MAX);
-                return unique(scalars_, ScalarKey{static_cast<uint8_t>(wide ? 2 : 1), n.bits}, &v);
+                return unique({wide ? ObjectKey::kWideUnsigned : ObjectKey::kSigned, n.bits, {}}, &v);
             }
             case Kind::Real:
-                return unique(scalars_, ScalarKey{3, std::bit_cast<uint64_t>(*v.asReal())}, &v);
+                return unique({ObjectKey::kRealBits, std::bit_cast<uint64_t>(*v.asReal()), {}}, &v);
             case Kind::Date:
-                return unique(scalars_, ScalarKey{4, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001)},
-                              &v);
+                return unique(
+                    {ObjectKey::kDateBits, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), {}}, &v);
             case Kind::Boolean:
-                return unique(scalars_, ScalarKey{5, *v.asBoolean() ? 1u : 0u}, &v);
+                return unique({ObjectKey::kBool, *v.asBoolean() ? 1u : 0u, {}}, &v);
             case Kind::Array:
             case Kind::Dictionary:
                 return flattenContainer(v, depth);
@@ -472,29 +526,35 @@ class BinaryWriter {
         return std::nullopt;
     }
 
-    template <class Map, class Key>
-    uint64_t unique(Map& map, const Key& key, const Value* v) {
-        auto [it, added] = map.try_emplace(key, objects_.size());
-        if (added) objects_.push_back({v, nullptr, 0, {}});
-        return it->second;
+    uint64_t unique(const ObjectKey& key, const Value* v) {
+        bool added;
+        const uint64_t index = table_.findOrAdd(key, objects_.size(), added);
+        if (added) objects_.push_back({v, nullptr, 0});
+        return index;
     }
 
     std::optional<uint64_t> flattenString(const std::string& s, const Value* v) {
-        if (auto it = strings_.find(s); it != strings_.end()) return it->second;
-        Object object{v, v ? nullptr : &s, 0, {}};
+        bool added;
+        const uint64_t index = table_.findOrAdd({ObjectKey::kString, 0, s}, objects_.size(), added);
+        if (!added) return index;
+        Object object{v, v ? nullptr : &s, 0};
         const bool ascii =
             std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-        if (!ascii && !appendUTF16(s, object.utf16)) return std::nullopt;  // not UTF-8: cannot be encoded
-        strings_.emplace(s, objects_.size());
-        objects_.push_back(std::move(object));
-        return objects_.size() - 1;
+        if (!ascii) {
+            std::vector<uint16_t> units;
+            if (!appendUTF16(s, units)) return std::nullopt;  // not UTF-8: cannot be encoded
+            utf16_.push_back(std::move(units));
+            object.extra = utf16_.size();
+        }
+        objects_.push_back(object);
+        return index;
     }
 
     std::optional<uint64_t> flattenContainer(const Value& v, int depth) {
         if (depth + 1 > kMaxDepth) return std::nullopt;
         const uint64_t index = objects_.size();
         const size_t first = refs_.size();
-        objects_.push_back({&v, nullptr, first, {}});
+        objects_.push_back({&v, nullptr, first});
         if (const Array* a = v.asArray()) {
             refs_.resize(first + a->size());
             for (size_t i = 0; i < a->size(); ++i) {
@@ -521,13 +581,14 @@ class BinaryWriter {
     }
 
     void encodeString(const Object& o, const std::string& s, std::string& out) {
-        if (o.utf16.empty() || s.empty()) {
+        if (o.extra == 0) {
             appendMarker(out, kASCIIString, s.size());
             out += s;
             return;
         }
-        appendMarker(out, kUTF16String, o.utf16.size());
-        for (uint16_t unit : o.utf16) appendBE(out, unit, 2);
+        const std::vector<uint16_t>& units = utf16_[o.extra - 1];
+        appendMarker(out, kUTF16String, units.size());
+        for (uint16_t unit : units) appendBE(out, unit, 2);
     }
 
     void encode(const Object& o, unsigned refSize, std::string& out) {
@@ -556,13 +617,13 @@ class BinaryWriter {
             case Kind::Array: {
                 const size_t n = v.asArray()->size();
                 appendMarker(out, kArray, n);
-                for (size_t i = 0; i < n; ++i) appendBE(out, refs_[o.firstRef + i], refSize);
+                for (size_t i = 0; i < n; ++i) appendBE(out, refs_[o.extra + i], refSize);
                 return;
             }
             case Kind::Dictionary: {
                 const size_t n = v.asDictionary()->size();
                 appendMarker(out, kDict, n);
-                for (size_t i = 0; i < 2 * n; ++i) appendBE(out, refs_[o.firstRef + i], refSize);
+                for (size_t i = 0; i < 2 * n; ++i) appendBE(out, refs_[o.extra + i], refSize);
                 return;
             }
         }
@@ -570,9 +631,8 @@ class BinaryWriter {
 
     std::vector<Object> objects_;
     std::vector<uint64_t> refs_;
-    std::unordered_map<std::string_view, uint64_t> strings_;
-    std::unordered_map<std::string_view, uint64_t> datas_;
-    std::unordered_map<ScalarKey, uint64_t, ScalarKeyHash> scalars_;
+    std::vector<std::vector<uint16_t>> utf16_;
+    UniqueTable table_;
 };
 
 }  // namespace

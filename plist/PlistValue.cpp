@@ -20,6 +20,7 @@ Date Date::now() {
 // Dictionary
 
 Dictionary::Dictionary() = default;
+Dictionary::Dictionary(std::vector<Entry>&& entries) : entries_(std::move(entries)) {}
 Dictionary::~Dictionary() = default;
 Dictionary::Dictionary(const Dictionary& other) : entries_(other.entries_) {}
 Dictionary::Dictionary(Dictionary&& other) noexcept

@@ -63,6 +63,9 @@ class Dictionary {
     using Entry = std::pair<std::string, Value>;
 
     Dictionary();
+    // Takes `entries` as they are: for decoders that have already made the
+    // keys unique.
+    explicit Dictionary(std::vector<Entry>&& entries);
     Dictionary(const Dictionary& other);
     Dictionary(Dictionary&& other) noexcept;
     Dictionary& operator=(const Dictionary& other);
@@ -177,8 +180,14 @@ class Value {
     std::variant<Dictionary, Array, std::string, Data, Integer, double, bool, Date> v_;
 };
 
-inline size_t Dictionary::size() const { return entries_.size(); }
-inline bool Dictionary::empty() const { return entries_.empty(); }
-inline void Dictionary::reserve(size_t n) { entries_.reserve(n); }
+inline size_t Dictionary::size() const {
+    return entries_.size();
+}
+inline bool Dictionary::empty() const {
+    return entries_.empty();
+}
+inline void Dictionary::reserve(size_t n) {
+    entries_.reserve(n);
+}
 
 }  // namespace qvl::plist

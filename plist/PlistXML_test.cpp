@@ -99,6 +99,24 @@ TEST(PlistXMLReader, RefusesWhatIsNotAPropertyList) {
     }
 }
 
+TEST(PlistXMLReader, DuplicateKeysKeepFirstPlaceAndLastValue) {
+    for (int size : {3, 40}) {  // small and large dictionaries take different paths
+        std::string body = "<dict>";
+        for (int i = 0; i < size; ++i)
+            body += "<key>k" + std::to_string(i) + "</key><integer>" + std::to_string(i) + "</integer>";
+        body +=
+            "<key>k1</key><string>second</string><key>k0</key><true/><key>k1</key><string>third</string></"
+            "dict>";
+        auto v = read(doc(body));
+        ASSERT_TRUE(v);
+        const Dictionary& d = *v->asDictionary();
+        ASSERT_EQ(d.size(), static_cast<size_t>(size));
+        EXPECT_EQ(d.entries()[0], (Dictionary::Entry{"k0", Value(true)}));
+        EXPECT_EQ(d.entries()[1], (Dictionary::Entry{"k1", Value("third")}));
+        EXPECT_EQ(d.entries()[2].first, "k2");
+    }
+}
+
 TEST(PlistXMLReader, NestingIsBoundedAt512) {
     auto nested = [](int depth) {
         std::string s;

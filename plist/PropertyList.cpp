@@ -4,9 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <unordered_map>
 
 #include "plist/PlistCodec.h"
 
@@ -22,36 +22,75 @@ std::nullopt_t fail(ReadError* error, int code, std::string message) {
     return std::nullopt;
 }
 
-Dictionary makeDictionary(std::vector<Dictionary::Entry>&& entries) {
-    // Position of the first occurrence of each key; only needed once a
-    // duplicate is seen, which well-formed files never have.
-    std::vector<bool> dropped;
-    auto mergeInto = [&](size_t first, size_t later) {
+namespace {
+
+// Cheap stand-in for a key in the pairwise check of small dictionaries:
+// equal keys always have equal fingerprints.
+uint64_t fingerprint(const std::string& key) {
+    uint64_t head = 0, tail = 0;
+    const size_t n = std::min<size_t>(key.size(), 8);
+    memcpy(&head, key.data(), n);
+    memcpy(&tail, key.data() + key.size() - n, n);
+    return (head * 0x9E3779B97F4A7C15ull) ^ tail ^ (static_cast<uint64_t>(key.size()) << 56);
+}
+
+// Marks each later occurrence of a key (its value moved to the first one);
+// returns whether there was any.
+bool mergeDuplicates(std::vector<Dictionary::Entry>& entries, std::vector<bool>& dropped) {
+    const size_t n = entries.size();
+    auto merge = [&](size_t first, size_t later) {
+        if (dropped.empty()) dropped.resize(n);
         entries[first].second = std::move(entries[later].second);
-        if (dropped.empty()) dropped.resize(entries.size());
         dropped[later] = true;
     };
-    if (entries.size() < 16) {
-        for (size_t j = 1; j < entries.size(); ++j)
+    if (n < 16) {
+        uint64_t prints[16];
+        for (size_t j = 0; j < n; ++j) {
+            prints[j] = fingerprint(entries[j].first);
             for (size_t i = 0; i < j; ++i)
-                if (!(dropped.size() && dropped[i]) && entries[i].first == entries[j].first) {
-                    mergeInto(i, j);
+                if (prints[i] == prints[j] && !(dropped.size() && dropped[i]) &&
+                    entries[i].first == entries[j].first) {
+                    merge(i, j);
                     break;
                 }
-    } else {
-        std::unordered_map<std::string_view, size_t> seen;
-        seen.reserve(entries.size());
-        for (size_t j = 0; j < entries.size(); ++j) {
-            auto [it, added] = seen.try_emplace(entries[j].first, j);
-            if (!added) mergeInto(it->second, j);
         }
+        return !dropped.empty();
     }
-    Dictionary d;
-    d.reserve(entries.size());
-    for (size_t i = 0; i < entries.size(); ++i)
-        if (dropped.empty() || !dropped[i])
-            d.appendUnchecked(std::move(entries[i].first), std::move(entries[i].second));
-    return d;
+    // Sorting (hash, position) pairs puts equal keys next to each other, in
+    // file order, without a node per key.
+    std::vector<std::pair<uint64_t, size_t>> order(n);
+    for (size_t i = 0; i < n; ++i) order[i] = {std::hash<std::string>()(entries[i].first), i};
+    std::sort(order.begin(), order.end());
+    for (size_t a = 0; a < n;) {
+        size_t b = a + 1;
+        while (b < n && order[b].first == order[a].first) ++b;
+        for (size_t j = a + 1; j < b; ++j)
+            for (size_t i = a; i < j; ++i) {
+                const size_t first = order[i].second, later = order[j].second;
+                if (!(dropped.size() && dropped[first]) && entries[first].first == entries[later].first) {
+                    merge(first, later);
+                    break;
+                }
+            }
+        a = b;
+    }
+    return !dropped.empty();
+}
+
+}  // namespace
+
+Dictionary makeDictionary(std::vector<Dictionary::Entry>&& entries) {
+    std::vector<bool> dropped;
+    if (mergeDuplicates(entries, dropped)) {
+        size_t kept = 0;
+        for (size_t i = 0; i < entries.size(); ++i)
+            if (!dropped[i]) {
+                if (kept != i) entries[kept] = std::move(entries[i]);
+                ++kept;
+            }
+        entries.resize(kept);
+    }
+    return Dictionary(std::move(entries));
 }
 
 namespace {
