@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 #include <thread>
 
@@ -383,7 +384,7 @@ class ChildServiceTest : public ::testing::Test {
     void TearDown() override { std::filesystem::remove_all(dir_); }
 
     // Starts the service with stdout into a pipe; waits for "ready".
-    pid_t start(int listenFd = -1) {
+    pid_t start(int listenFd = -1, const char* shellPrefix = nullptr) {
         int out[2];
         EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
         const pid_t pid = fork();
@@ -394,6 +395,11 @@ class ChildServiceTest : public ::testing::Test {
                 execl("/bin/sh", "sh", "-c",
                       "LISTEN_PID=$$ LISTEN_FDS=1 exec \"$0\" --socket-dir /nonexistent",
                       serviceBinary().c_str(), nullptr);
+            }
+            if (shellPrefix) {
+                const std::string script =
+                    std::string(shellPrefix) + " exec \"$0\" --socket-dir \"$1\" --keep-going yes";
+                execl("/bin/sh", "sh", "-c", script.c_str(), serviceBinary().c_str(), dir_.c_str(), nullptr);
             }
             execl(serviceBinary().c_str(), "zrp_test_service", "--socket-dir", dir_.c_str(), nullptr);
             _exit(127);
@@ -425,6 +431,31 @@ TEST_F(ChildServiceTest, SigtermIsTerminationImminentOnTheListener) {
     kill(pid, SIGTERM);
     EXPECT_EQ(readLine(), "termination imminent");
     EXPECT_EQ(exitStatus(pid), 0);
+    fclose(out_);
+}
+
+// Out of descriptors, accept fails with EMFILE: the listener reports it as an
+// "other error" and rests instead of spinning on the pending connection.
+TEST_F(ChildServiceTest, AcceptFailureIsReportedWithoutSpinning) {
+    const pid_t pid = start(-1, "ulimit -n 12;");
+    std::vector<std::unique_ptr<Client>> clients;
+    for (int i = 0; i < 6; ++i) clients.push_back(Client::connect("com.ostrel.zrptest", nullptr, dir_));
+    EXPECT_EQ(readLine(), "listener error: Too many open files");
+    auto cpuTicks = [pid] {
+        std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
+        std::string field;
+        long utime = 0, stime = 0;
+        for (int i = 1; i <= 15 && stat >> field; ++i) {
+            if (i == 14) utime = std::stol(field);
+            if (i == 15) stime = std::stol(field);
+        }
+        return utime + stime;
+    };
+    const long before = cpuTicks();
+    std::this_thread::sleep_for(1s);
+    EXPECT_LT(cpuTicks() - before, sysconf(_SC_CLK_TCK) / 4);  // well under a quarter of a CPU
+    kill(pid, SIGKILL);
+    exitStatus(pid);
     fclose(out_);
 }
 

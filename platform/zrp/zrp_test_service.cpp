@@ -7,9 +7,11 @@
 //   "hangup:"    closes the connection
 //   "quit:"      exits with status 0
 //   anything else answers {"Response": true}
-// SIGTERM prints "termination imminent" and exits with status 0.
+// SIGTERM prints "termination imminent" and exits with status 0. Any other
+// listener error prints "listener error: DESCRIPTION" (the first time) and
+// exits with status 1, or, with --keep-going yes, goes on listening.
 //
-// usage: zrp_test_service [--socket-dir DIR] [--name NAME]
+// usage: zrp_test_service [--socket-dir DIR] [--name NAME] [--keep-going yes]
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,9 +66,11 @@ void handleRequest(Connection& c, const Dictionary& request) {
 int main(int argc, char** argv) {
     std::string dir = qvl::zrp::kDefaultSocketDirectory;
     std::string name = "com.ostrel.zrptest";
+    static bool keepGoing = false;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--socket-dir") == 0) dir = argv[i + 1];
         if (std::strcmp(argv[i], "--name") == 0) name = argv[i + 1];
+        if (std::strcmp(argv[i], "--keep-going") == 0) keepGoing = std::strcmp(argv[i + 1], "yes") == 0;
     }
     std::string error;
     std::shared_ptr<Connection> listener = qvl::zrp::createListener(name, &error, dir);
@@ -88,8 +92,15 @@ int main(int argc, char** argv) {
             std::fflush(stdout);
             std::exit(0);
         }
-        std::fprintf(stderr, "zrp_test_service: listener error %s\n", event.description().c_str());
-        std::exit(1);
+        // Only the first error is printed, so that a listener that keeps
+        // failing burns CPU rather than blocking on a full pipe.
+        static bool printed = false;
+        if (!printed) {
+            std::printf("listener error: %s\n", event.description().c_str());
+            std::fflush(stdout);
+            printed = true;
+        }
+        if (!keepGoing) std::exit(1);
     });
     listener->resume();
     std::printf("ready\n");
