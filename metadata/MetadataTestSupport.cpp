@@ -123,9 +123,9 @@ int FaultyPort::listDirectory(const std::string& path, std::vector<platform::Dir
     return LinuxFileAttributesPort::listDirectory(path, out);
 }
 
-int FaultyPort::openForReading(const std::string& path) {
+int FaultyPort::openForReading(const std::string& path, uint64_t* size) {
     if (failOpen && failOpen(path)) return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::openForReading(path);
+    return LinuxFileAttributesPort::openForReading(path, size);
 }
 
 ssize_t FaultyPort::read(int fd, void* buffer, size_t size) {

@@ -55,7 +55,7 @@ class FaultyPort : public platform::LinuxFileAttributesPort {
     ssize_t getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
                                  size_t size) override;
     int listDirectory(const std::string& path, std::vector<platform::DirectoryEntry>* out) override;
-    int openForReading(const std::string& path) override;
+    int openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseDone(int fd, off_t offset, off_t length) override;
 };

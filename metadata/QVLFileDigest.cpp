@@ -61,12 +61,15 @@ class PortFd {
 
 std::optional<plist::Data> fileHash(const std::string& path) {
     FileAttributesPort& port = FileAttributesPort::current();
-    PortFd fd(port, port.openForReading(path));
+    uint64_t size = 0;
+    PortFd fd(port, port.openForReading(path, &size));
     if (fd.get() < 0) {
         QVLLog("Cannot read file %@", path);
         return std::nullopt;
     }
-    port.adviseSequential(fd.get());
+    // Read-ahead advice only matters for a file of more than one piece; most
+    // files of a device tree are smaller, and the call is not free.
+    if (size > kQVLFileHashPieceSize) port.adviseSequential(fd.get());
     MdCtx ctx = startSHA1();
     // One piece is held at a time: it is hashed before the next is read.
     std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
@@ -108,7 +111,7 @@ std::optional<plist::Data> createFileDigest(const std::string& path, const std::
     }
     const std::string location = "file://" + path;
     FileAttributesPort& port = FileAttributesPort::current();
-    PortFd fd(port, port.openForReading(path));
+    PortFd fd(port, port.openForReading(path, nullptr));
     if (fd.get() < 0) {
         QVLLog("Can't open read stream %@ *** %@", location, path);
         return std::nullopt;

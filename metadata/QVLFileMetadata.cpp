@@ -40,6 +40,27 @@ uint32_t linkOwnerID(const plist::Dictionary* attributes, std::string_view key) 
     return id ? static_cast<uint32_t>(static_cast<int32_t>(*id)) : static_cast<uint32_t>(-1);
 }
 
+// The type of freshly read attributes. A linear look: a lookup in a
+// dictionary of this size would first build its index.
+const std::string* fileTypeOf(const plist::Dictionary& attributes) {
+    for (const auto& [key, value] : attributes) {
+        if (key == kNSFileType) return value.asString();
+    }
+    return nullptr;
+}
+
+// The digest of an item whose attributes were just read: it exists, so only
+// folders and unreadable content are left to tell apart from a digest.
+plist::Data contentDigest(const std::string& path, const std::string* type) {
+    if (type && *type == kNSFileTypeDirectory) return plist::Data();
+    std::optional<plist::Data> hash = fileHash(path);
+    if (!hash) {
+        QVLLog("Maybe it's an Nimbra file (%@)?", path);
+        return plist::Data();
+    }
+    return std::move(*hash);
+}
+
 bool sameData(const plist::Data* a, const plist::Data* b) {
     return a && b && *a == *b;
 }
@@ -61,14 +82,13 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std:
     std::optional<plist::Dictionary> extendedAttributes = extendedAttributesWithPath(path);
     std::optional<plist::Data> hash;
     std::optional<std::string> target;
-    const std::string* type = attributes->getString(kNSFileType);
+    const std::string* type = fileTypeOf(*attributes);
     if (type && *type == kNSFileTypeSymbolicLink) {
         hash = plist::Data();
         target = targetFileWithPath(path);
     } else {
         target = std::string();
-        hash = fileHashWithPath(path);
-        if (!hash) return std::nullopt;
+        hash = contentDigest(path, type);
     }
     // The record ends at the first value that could not be produced.
     plist::Dictionary record;

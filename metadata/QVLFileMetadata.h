@@ -101,6 +101,8 @@ class QVLFileMetadata {
     // The recorded size of a regular file; 0 for any other item.
     int64_t getFileSize() const;
     const plist::Dictionary& dict() const { return dict_; }
+    // Moves the record out of an object that is no longer needed.
+    plist::Dictionary releaseDict() && { return std::move(dict_); }
 
     // Collecting operations.
     // The attribute dictionary of the item itself, or nullopt.

@@ -127,11 +127,16 @@ std::optional<QVLFileMetadata> QVLManifest::metadataForFile(const std::string& k
 }
 
 void QVLManifest::setMetadata(const QVLFileMetadata& metadata, const std::string& file) {
+    setMetadata(QVLFileMetadata(metadata.dict()), file);
+}
+
+void QVLManifest::setMetadata(QVLFileMetadata&& metadata, const std::string& file) {
+    plist::Dictionary record = std::move(metadata).releaseDict();
     std::lock_guard<std::mutex> guard(lock_);
     if (keys_.insert(file).second) {
-        dict_.appendUnchecked(file, metadata.dict());
+        dict_.appendUnchecked(file, std::move(record));
     } else {
-        dict_.set(file, metadata.dict());
+        dict_.set(file, std::move(record));
     }
 }
 
@@ -167,8 +172,8 @@ std::optional<std::string> QVLManifest::keyForPath(std::string_view path, std::s
 bool QVLManifest::addFilesFromPath(const std::string& path, const std::string& root,
                                    const std::vector<std::string>* skip, const PathSet* superSet) {
     return enumerateAndCollectMetaData(path, root, skip, superSet,
-                                       [this](const QVLFileMetadata& metadata, const std::string& key) {
-                                           setMetadata(metadata, key);
+                                       [this](QVLFileMetadata& metadata, const std::string& key) {
+                                           setMetadata(std::move(metadata), key);
                                            return true;
                                        });
 }
@@ -216,11 +221,12 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             // a manifest reported as complete, so the walk ends with false.
             return !itemType(item) && errno == ENOENT;
         }
+        const int64_t size = updater ? recordedSize(*metadata) : 0;
         if (!handler(*metadata, *key)) {
             QVLLog("Couldn't run handler against %@", item);
             return false;
         }
-        if (updater) addProgress(updater, recordedSize(*metadata));
+        if (updater) addProgress(updater, size);
         return true;
     };
     if (!enumerateTree(top, skip, kWalkSignature, handleItem)) return false;

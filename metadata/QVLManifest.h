@@ -34,7 +34,8 @@ namespace qvl {
 class QVLManifest {
   public:
     // Called with each collected record and its key; false stops the walk.
-    using Handler = std::function<bool(const QVLFileMetadata& metadata, const std::string& key)>;
+    // The record is the handler's to keep (it may move it away).
+    using Handler = std::function<bool(QVLFileMetadata& metadata, const std::string& key)>;
     using PathSet = std::unordered_set<std::string>;
 
     QVLManifest() = default;
@@ -48,6 +49,7 @@ class QVLManifest {
     std::optional<QVLFileMetadata> metadataForFile(const std::string& key) const;
     // Stores `metadata`'s record under `file`, replacing any earlier value.
     void setMetadata(const QVLFileMetadata& metadata, const std::string& file);
+    void setMetadata(QVLFileMetadata&& metadata, const std::string& file);
 
     // Whether one of `folders` is `path` or a folder above it ("/a/b" holds
     // "/a/b" and "/a/b/c", not "/a/bc"; "/a/b/" holds what is below only).

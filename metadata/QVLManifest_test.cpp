@@ -183,9 +183,9 @@ TEST(QVLManifestWalk, HandlerRefusalAndMissingTreeFail) {
     tree.file("a");
     QVLLogCapture capture;
     QVLManifest manifest;
-    EXPECT_FALSE(manifest.enumerateAndCollectMetaData(
-        tree.root(), tree.root(), nullptr, nullptr,
-        [](const QVLFileMetadata&, const std::string&) { return false; }));
+    EXPECT_FALSE(
+        manifest.enumerateAndCollectMetaData(tree.root(), tree.root(), nullptr, nullptr,
+                                             [](QVLFileMetadata&, const std::string&) { return false; }));
     EXPECT_TRUE(capture.contains("Couldn't run handler against " + tree.path("a")));
 
     QVLManifest missing;

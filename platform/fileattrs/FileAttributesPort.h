@@ -89,8 +89,9 @@ class FileAttributesPort {
     virtual int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) = 0;
 
     // Opens a regular file for reading (links followed), close-on-exec; any
-    // other kind of item fails with EINVAL.
-    virtual int openForReading(const std::string& path) = 0;
+    // other kind of item fails with EINVAL. `size` (may be null) receives the
+    // file's size at opening.
+    virtual int openForReading(const std::string& path, uint64_t* size) = 0;
     virtual ssize_t read(int fd, void* buffer, size_t size) = 0;
     // Advice that the file is read once from start to end, and that the
     // pages of [offset, offset + length) are no longer needed.

@@ -282,7 +282,7 @@ int LinuxFileAttributesPort::listDirectory(const std::string& path, std::vector<
     return 0;
 }
 
-int LinuxFileAttributesPort::openForReading(const std::string& path) {
+int LinuxFileAttributesPort::openForReading(const std::string& path, uint64_t* size) {
     constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     // Reading for a digest should not change access times; only the owner or
     // root may ask for that, so fall back to a plain open.
@@ -297,6 +297,7 @@ int LinuxFileAttributesPort::openForReading(const std::string& path) {
         errno = EINVAL;
         return -1;
     }
+    if (size) *size = static_cast<uint64_t>(st.st_size);
     return fd;
 }
 

@@ -26,7 +26,7 @@ class LinuxFileAttributesPort : public FileAttributesPort {
                              size_t size) override;
     int readLink(const std::string& path, std::string* out) override;
     int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) override;
-    int openForReading(const std::string& path) override;
+    int openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseSequential(int fd) override;
     void adviseDone(int fd, off_t offset, off_t length) override;
