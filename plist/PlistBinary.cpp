@@ -45,6 +45,22 @@ constexpr uint64_t kExpansion = 32;
 constexpr uint64_t kExpansionFloor = 1 << 16;
 
 uint64_t readBE(const uint8_t* p, unsigned width) {
+    switch (width) {  // the common widths without a loop
+        case 1:
+            return p[0];
+        case 2:
+            return static_cast<uint64_t>(p[0]) << 8 | p[1];
+        case 4: {
+            uint32_t v;
+            memcpy(&v, p, 4);
+            return __builtin_bswap32(v);
+        }
+        case 8: {
+            uint64_t v;
+            memcpy(&v, p, 8);
+            return __builtin_bswap64(v);
+        }
+    }
     uint64_t v = 0;
     for (unsigned i = 0; i < width; ++i) v = (v << 8) | p[i];
     return v;
@@ -167,6 +183,12 @@ class BinaryReader {
     }
 
     bool decode(uint64_t ref, int depth, Value& out) {
+        if (const std::string* cached = cachedString(ref)) {
+            std::string s;
+            if (!copyCached(*cached, s)) return false;
+            out = Value(std::move(s));
+            return true;
+        }
         Body body;
         if (!locate(ref, body)) return false;
         switch (body.marker >> 4) {
@@ -183,7 +205,7 @@ class BinaryReader {
             case kASCIIString:
             case kUTF16String: {
                 std::string s;
-                if (!decodeString(ref, body, s)) return false;
+                if (!decodeStringCached(ref, body, s)) return false;
                 out = Value(std::move(s));
                 return true;
             }
@@ -285,10 +307,11 @@ class BinaryReader {
         if ((body.marker >> 4) == kASCIIString) {
             if (!fits(ref, body, 1) || !charge(1 + body.count)) return false;
             const char* p = reinterpret_cast<const char*>(b_.data() + body.start);
-            for (uint64_t i = 0; i < body.count; ++i)
-                if (static_cast<unsigned char>(p[i]) >= 0x80)
-                    return failed(ReadError::kCorrupt, at(ref, body.offset) + "ASCII string holds byte 0x" +
-                                                           hex(static_cast<uint8_t>(p[i])));
+            uint8_t high = 0;
+            for (uint64_t i = 0; i < body.count; ++i) high |= static_cast<uint8_t>(p[i]);
+            if (high & 0x80)
+                return failed(ReadError::kCorrupt,
+                              at(ref, body.offset) + "ASCII string holds non-ASCII bytes");
             out.assign(p, body.count);
             return true;
         }
@@ -305,13 +328,42 @@ class BinaryReader {
         return true;
     }
 
+    // Keys and many string values repeat in every record of a manifest, and
+    // writers store each text once: a string object is decoded once and
+    // copied after that.
+    // Only a string met a second time is kept, so unique texts (paths) are
+    // not copied for nothing.
+    const std::string* cachedString(uint64_t ref) const {
+        if (ref >= keyCache_.size() || keyCache_[ref] == 0 || keyCache_[ref] == kSeenOnce) return nullptr;
+        return &strings_[keyCache_[ref] - 1];
+    }
+
+    bool decodeStringCached(uint64_t ref, const Body& body, std::string& out) {
+        if (!decodeString(ref, body, out)) return false;
+        if (keyCache_.empty()) keyCache_.resize(numObjects_);
+        if (keyCache_[ref] == 0) {
+            keyCache_[ref] = kSeenOnce;
+        } else if (strings_.size() < kSeenOnce - 1) {
+            strings_.push_back(out);
+            keyCache_[ref] = static_cast<uint32_t>(strings_.size());
+        }
+        return true;
+    }
+
+    bool copyCached(const std::string& cached, std::string& out) {
+        if (!charge(1 + cached.size())) return false;
+        out = cached;
+        return true;
+    }
+
     bool decodeKey(uint64_t ref, std::string& out) {
+        if (const std::string* cached = cachedString(ref)) return copyCached(*cached, out);
         Body body;
         if (!locate(ref, body)) return false;
         const uint8_t kind = body.marker >> 4;
         if (kind != kASCIIString && kind != kUTF16String)
             return failed(ReadError::kCorrupt, at(ref, body.offset) + "dictionary key is not a string");
-        return decodeString(ref, body, out);
+        return decodeStringCached(ref, body, out);
     }
 
     bool decodeContainer(uint64_t ref, const Body& body, int depth, Value& out) {
@@ -360,6 +412,9 @@ class BinaryReader {
     uint64_t offsetTable_ = 0;
     uint64_t budget_ = 0;
     std::vector<uint64_t> ancestors_;  // containers being decoded, to refuse cycles
+    static constexpr uint32_t kSeenOnce = UINT32_MAX;
+    std::vector<uint32_t> keyCache_;  // object -> 1 + its slot in strings_, kSeenOnce, or 0
+    std::vector<std::string> strings_;
 };
 
 // ---------------------------------------------------------------------------
@@ -420,49 +475,52 @@ struct ObjectKey {
     }
 };
 
-// Open-addressing map from object key to object index. Far fewer allocations
-// than a node-based map, which matters with a million objects.
+// Open-addressing set of object indices, looked up by object key. A slot is
+// 8 bytes (high half of the hash, 1 + the index): far less memory and far
+// fewer allocations than a node-based map, which matters with a million
+// objects.
 class UniqueTable {
   public:
-    // The index stored for `key`, or `fresh` after storing it.
-    uint64_t findOrAdd(const ObjectKey& key, uint64_t fresh, bool& added) {
-        if (2 * (count_ + 1) > slots_.size()) grow();
+    // The index of an object equal to `key` (`keyAt` gives the key of an
+    // index), or `fresh` after recording it.
+    template <class KeyAt>
+    uint64_t findOrAdd(const ObjectKey& key, uint64_t fresh, bool& added, const KeyAt& keyAt) {
+        if (2 * (count_ + 1) > slots_.size()) grow(keyAt);
+        const uint64_t hash = key.hash();
         const size_t mask = slots_.size() - 1;
-        for (size_t i = key.hash() & mask;; i = (i + 1) & mask) {
-            Slot& slot = slots_[i];
-            if (!slot.used) {
-                slot = {key, fresh, true};
+        for (size_t i = hash & mask;; i = (i + 1) & mask) {
+            const uint64_t slot = slots_[i];
+            if (slot == 0) {
+                slots_[i] = (hash & kHigh) | (fresh + 1);
                 ++count_;
                 added = true;
                 return fresh;
             }
-            if (slot.key == key) {
+            const uint64_t index = (slot & ~kHigh) - 1;
+            if ((slot & kHigh) == (hash & kHigh) && keyAt(index) == key) {
                 added = false;
-                return slot.index;
+                return index;
             }
         }
     }
 
   private:
-    struct Slot {
-        ObjectKey key{};
-        uint64_t index = 0;
-        bool used = false;
-    };
+    static constexpr uint64_t kHigh = 0xFFFFFFFF00000000ull;
 
-    void grow() {
-        std::vector<Slot> old = std::move(slots_);
-        slots_.assign(std::max<size_t>(64, old.size() * 2), Slot{});
+    template <class KeyAt>
+    void grow(const KeyAt& keyAt) {
+        std::vector<uint64_t> old = std::move(slots_);
+        slots_.assign(std::max<size_t>(64, old.size() * 2), 0);
         const size_t mask = slots_.size() - 1;
-        for (const Slot& slot : old) {
-            if (!slot.used) continue;
-            size_t i = slot.key.hash() & mask;
-            while (slots_[i].used) i = (i + 1) & mask;
+        for (uint64_t slot : old) {
+            if (slot == 0) continue;
+            size_t i = keyAt((slot & ~kHigh) - 1).hash() & mask;
+            while (slots_[i] != 0) i = (i + 1) & mask;
             slots_[i] = slot;
         }
     }
 
-    std::vector<Slot> slots_;
+    std::vector<uint64_t> slots_;
     size_t count_ = 0;
 };
 
@@ -500,42 +558,59 @@ class BinaryWriter {
 
     // Adds `v` (and what it holds) to the object list; returns its index.
     std::optional<uint64_t> flatten(const Value& v, int depth) {
+        if (v.isArray() || v.isDictionary()) return flattenContainer(v, depth);
+        if (const std::string* s = v.asString()) return flattenString(*s, &v);
+        return unique(keyOfValue(v), &v);
+    }
+
+    // The uniquing key of an object already in the list.
+    ObjectKey keyOf(uint64_t index) const {
+        const Object& o = objects_[index];
+        if (!o.value) return {ObjectKey::kString, 0, *o.key};
+        return keyOfValue(*o.value);
+    }
+
+    static ObjectKey keyOfValue(const Value& v) {
         switch (v.kind()) {
             case Kind::String:
-                return flattenString(*v.asString(), &v);
+                return {ObjectKey::kString, 0, *v.asString()};
             case Kind::Data: {
                 const Data& d = *v.asData();
-                return unique({ObjectKey::kData, 0, {reinterpret_cast<const char*>(d.data()), d.size()}}, &v);
+                return {ObjectKey::kData, 0, {reinterpret_cast<const char*>(d.data()), d.size()}};
             }
             case Kind::Integer: {
                 const Integer& n = *v.asInteger();
                 const bool wide = !n.isNegative() && n.bits > static_cast<uint64_t>(INT64_MAX);
-                return unique({wide ? ObjectKey::kWideUnsigned : ObjectKey::kSigned, n.bits, {}}, &v);
+                return {wide ? ObjectKey::kWideUnsigned : ObjectKey::kSigned, n.bits, {}};
             }
             case Kind::Real:
-                return unique({ObjectKey::kRealBits, std::bit_cast<uint64_t>(*v.asReal()), {}}, &v);
+                return {ObjectKey::kRealBits, std::bit_cast<uint64_t>(*v.asReal()), {}};
             case Kind::Date:
-                return unique(
-                    {ObjectKey::kDateBits, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), {}}, &v);
+                return {ObjectKey::kDateBits, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), {}};
             case Kind::Boolean:
-                return unique({ObjectKey::kBool, *v.asBoolean() ? 1u : 0u, {}}, &v);
+                return {ObjectKey::kBool, *v.asBoolean() ? 1u : 0u, {}};
             case Kind::Array:
             case Kind::Dictionary:
-                return flattenContainer(v, depth);
+                break;
         }
-        return std::nullopt;
+        return {};
     }
 
-    uint64_t unique(const ObjectKey& key, const Value* v) {
+    std::optional<uint64_t> unique(const ObjectKey& key, const Value* v) {
+        // Slots keep 32-bit indices.
+        if (objects_.size() >= UINT32_MAX - 1) return std::nullopt;
         bool added;
-        const uint64_t index = table_.findOrAdd(key, objects_.size(), added);
+        const uint64_t index =
+            table_.findOrAdd(key, objects_.size(), added, [this](uint64_t i) { return keyOf(i); });
         if (added) objects_.push_back({v, nullptr, 0});
         return index;
     }
 
     std::optional<uint64_t> flattenString(const std::string& s, const Value* v) {
+        if (objects_.size() >= UINT32_MAX - 1) return std::nullopt;
         bool added;
-        const uint64_t index = table_.findOrAdd({ObjectKey::kString, 0, s}, objects_.size(), added);
+        const uint64_t index = table_.findOrAdd({ObjectKey::kString, 0, s}, objects_.size(), added,
+                                                [this](uint64_t i) { return keyOf(i); });
         if (!added) return index;
         Object object{v, v ? nullptr : &s, 0};
         const bool ascii =
