@@ -10,7 +10,9 @@
 #include <fstream>
 #include <iterator>
 
+#include "manifest/QVLDemoManifestCheck.h"
 #include "manifest/QVLSignedManifestTestSupport.h"
+#include "platform/containers/ContainerLookup.h"
 #include "plist/PropertyList.h"
 #include "qvald_helper/QVLLogCapture.h"
 
@@ -630,6 +632,40 @@ TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibIsRead) {
         ASSERT_TRUE(manifest);
         EXPECT_EQ(manifest->mergedBackupManifest({0, 2})->size(), 3u);
     }
+}
+
+// The real content checker behind verification: what the auto signing key
+// sends is inspected, what the manual key sends is not.
+TEST(QVLSignedManifestTest, ContentCheckerJudgesOnlyLessTrustedSigners) {
+    platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
+    QVLDemoManifestCheck::Services checkServices;
+    checkServices.containers = &containers;
+    auto checker = QVLDemoManifestCheck::create(checkServices);
+    ASSERT_TRUE(checker);
+
+    const auto clean = fileManifest({"/var/mobile/Documents/tool"});
+    auto files = clean;
+    Dictionary& record = *files.find("/var/mobile/Documents/tool")->asDictionary();
+    sub(record, "QVLManifestFileAttributes").set("NSFilePosixPermissions", Value(04755));
+    auto manifestSignedBy = [&](const std::string& signer, const Dictionary& content) {
+        auto outer = segmented(signer);
+        sub(outer, "Backup").set(kBase, signedComponent(kBase, "Main", signer, content));
+        return outer;
+    };
+
+    TestEnvironment env;
+    auto services = env.services();
+    services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
+    auto loadWith = [&](const Dictionary& outer) {
+        const std::string bytes = plist::writeBinary(Value(outer));
+        QVLSignedManifest manifest(services);
+        return manifest.initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+    };
+    QVLLogCapture capture;
+    EXPECT_FALSE(loadWith(manifestSignedBy("auto-signer", files)));
+    EXPECT_TRUE(capture.contains("rigorousTesting failed\n"));
+    EXPECT_TRUE(loadWith(manifestSignedBy("manual-signer", files)));
+    EXPECT_TRUE(loadWith(manifestSignedBy("auto-signer", clean)));
 }
 
 TEST(QVLSignedManifestTest, OrderItemHelpers) {
