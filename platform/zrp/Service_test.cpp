@@ -437,6 +437,9 @@ TEST_F(ChildServiceTest, SigtermIsTerminationImminentOnTheListener) {
 // Out of descriptors, accept fails with EMFILE: the listener reports it as an
 // "other error" and rests instead of spinning on the pending connection.
 TEST_F(ChildServiceTest, AcceptFailureIsReportedWithoutSpinning) {
+#if defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "the sanitizer runtimes need descriptors of their own and misreport once they run out";
+#endif
     const pid_t pid = start(-1, "ulimit -n 12;");
     std::vector<std::unique_ptr<Client>> clients;
     for (int i = 0; i < 6; ++i) clients.push_back(Client::connect("com.ostrel.zrptest", nullptr, dir_));
