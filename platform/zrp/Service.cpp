@@ -162,7 +162,8 @@ class ConnectionImpl final : public Endpoint {
     // Delivers every complete frame in the buffer; false when the stream is invalid.
     bool deliverFrames();
     std::vector<UniqueFd> takeDescriptorsFor(uint64_t frameStart, bool& ok);
-    void attachDescriptors(std::vector<UniqueFd> fds, uint64_t chunkStart, uint64_t chunkEnd);
+    // False when the descriptors belong to no frame or are too many.
+    bool attachDescriptors(std::vector<UniqueFd> fds, uint64_t chunkStart, uint64_t chunkEnd);
 
     const AuditToken token_;
     // Unconsumed bytes; in_[0] is stream offset inOffset_. Touched only on the
@@ -383,15 +384,17 @@ void ListenerImpl::unpause() {
 void ListenerImpl::acceptPending() {
     for (int i = 0; i < kAcceptsPerWakeup; ++i) {
         int fd;
+        int err = 0;
         {
             std::lock_guard lock(mu_);
             if (closed_) return;
             fd = ::accept4(fd_->get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+            if (fd < 0) err = errno;
         }
         if (fd < 0) {
-            if (errno == EINTR || errno == ECONNABORTED) continue;
-            if (errno == EAGAIN || errno == EWOULDBLOCK) return;
-            const std::string description = std::strerror(errno);
+            if (err == EINTR || err == ECONNABORTED) continue;
+            if (err == EAGAIN || err == EWOULDBLOCK) return;
+            const std::string description = std::strerror(err);
             pause();
             service_.armBackoff(id_);
             deliver(Event::error(Event::Error::Other, description));
@@ -457,7 +460,8 @@ void ConnectionImpl::readAvailable() {
         if (!service_.reserveBuffer(static_cast<size_t>(n))) return invalidate();
         const uint64_t chunkStart = inOffset_ + in_.size();
         in_.insert(in_.end(), scratch.begin(), scratch.begin() + n);
-        if (!fds.empty()) attachDescriptors(std::move(fds), chunkStart, chunkStart + n);
+        if (!fds.empty() && !attachDescriptors(std::move(fds), chunkStart, chunkStart + n))
+            return invalidate();
         if (!deliverFrames()) return invalidate();
     }
 }
@@ -466,7 +470,7 @@ void ConnectionImpl::readAvailable() {
 // of the sendmsg() they came with, and ends that read after it. Since a sender
 // writes one frame per sendmsg(), they belong to the last frame that starts
 // inside this chunk.
-void ConnectionImpl::attachDescriptors(std::vector<UniqueFd> fds, uint64_t chunkStart, uint64_t chunkEnd) {
+bool ConnectionImpl::attachDescriptors(std::vector<UniqueFd> fds, uint64_t chunkStart, uint64_t chunkEnd) {
     uint64_t pos = inOffset_;
     std::optional<uint64_t> owner;
     while (pos < chunkEnd) {
@@ -477,10 +481,11 @@ void ConnectionImpl::attachDescriptors(std::vector<UniqueFd> fds, uint64_t chunk
         if (!length) break;
         pos += kFrameHeaderSize + *length;
     }
-    // Descriptors that start no frame are kept under an offset no frame has,
-    // which makes the stream invalid when the frames get there.
-    const uint64_t key = owner ? *owner : UINT64_MAX;
-    for (UniqueFd& fd : fds) pendingFds_.emplace_back(key, std::move(fd));
+    // Refused at once rather than held: a peer must not be able to pile up
+    // descriptors in this process by sending them mid-frame.
+    if (!owner || pendingFds_.size() + fds.size() > kMaxDescriptors) return false;
+    for (UniqueFd& fd : fds) pendingFds_.emplace_back(*owner, std::move(fd));
+    return true;
 }
 
 std::vector<UniqueFd> ConnectionImpl::takeDescriptorsFor(uint64_t frameStart, bool& ok) {
@@ -488,7 +493,7 @@ std::vector<UniqueFd> ConnectionImpl::takeDescriptorsFor(uint64_t frameStart, bo
     ok = true;
     auto it = pendingFds_.begin();
     while (it != pendingFds_.end()) {
-        if (it->first < frameStart || it->first == UINT64_MAX) ok = false;
+        if (it->first < frameStart) ok = false;
         if (it->first <= frameStart) {
             mine.push_back(std::move(it->second));
             it = pendingFds_.erase(it);

@@ -18,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "platform/zrp/SocketIO.h"
 #include "platform/zrp/ZRP.h"
 
 namespace qvl::zrp {
@@ -340,6 +341,33 @@ TEST_F(ServiceTest, DescriptorsArriveWithTheirMessage) {
     char buf[2];
     EXPECT_EQ(read(fd->get(), buf, 2), 2);
     EXPECT_EQ(std::string(buf, 2), "hi");
+}
+
+// Descriptors must come with the first byte of a frame, at most 16 of them;
+// anything else would let a peer pile up descriptors in the service.
+TEST_F(ServiceTest, StrayOrExcessDescriptorsAreInvalid) {
+    std::optional<EncodedFrame> frame = encodeFrame(numbered(1));
+    ASSERT_TRUE(frame);
+    const int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
+
+    auto midFrame = connect();
+    EncodedFrame head{std::vector<uint8_t>(frame->bytes.begin(), frame->bytes.begin() + 9), {}};
+    EncodedFrame tail{std::vector<uint8_t>(frame->bytes.begin() + 9, frame->bytes.end()), {devnull}};
+    ASSERT_TRUE(sendFrame(midFrame->fd(), head, 1s));
+    std::this_thread::sleep_for(20ms);  // let the head be read on its own
+    ASSERT_TRUE(sendFrame(midFrame->fd(), tail, 1s));
+    EXPECT_EQ(midFrame->receive(5s).status, Client::Status::Closed);
+
+    auto tooMany = connect();
+    EncodedFrame crowded{frame->bytes, std::vector<int>(kMaxDescriptors + 1, devnull)};
+    ASSERT_TRUE(sendFrame(tooMany->fd(), crowded, 1s));
+    EXPECT_EQ(tooMany->receive(5s).status, Client::Status::Closed);
+
+    auto fine = connect();
+    EncodedFrame withFds{frame->bytes, std::vector<int>(kMaxDescriptors, devnull)};
+    ASSERT_TRUE(sendFrame(fine->fd(), withFds, 1s));
+    EXPECT_EQ(fine->receive(5s).status, Client::Status::Message);  // unreferenced ones are just closed
+    close(devnull);
 }
 
 TEST_F(ServiceTest, TenThousandConnectionsLeaveNoDescriptorsBehind) {
