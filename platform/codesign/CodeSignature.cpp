@@ -22,13 +22,15 @@ namespace qvl::platform {
 namespace {
 
 struct Deleter {
-    void operator()(BIO* p) const { BIO_free(p); }
     void operator()(CMS_ContentInfo* p) const { CMS_ContentInfo_free(p); }
     void operator()(X509_STORE* p) const { X509_STORE_free(p); }
     void operator()(X509_STORE_CTX* p) const { X509_STORE_CTX_free(p); }
     void operator()(X509* p) const { X509_free(p); }
     void operator()(STACK_OF(X509) * p) const { sk_X509_free(p); }
     void operator()(EXTENDED_KEY_USAGE* p) const { EXTENDED_KEY_USAGE_free(p); }
+};
+struct BioChainFree {
+    void operator()(BIO* p) const { BIO_free_all(p); }
 };
 struct CertStackFree {
     void operator()(STACK_OF(X509) * p) const { sk_X509_pop_free(p, X509_free); }
@@ -84,7 +86,7 @@ size_t loadAnchors(const std::string& folder, X509_STORE* store) {
     size_t count = 0;
     for (const std::string& name : names) {
         const std::string path = folder + "/" + name;
-        Owned<BIO> bio(BIO_new_file(path.c_str(), "rb"));
+        const std::unique_ptr<BIO, BioChainFree> bio(BIO_new_file(path.c_str(), "rb"));
         if (!bio) continue;
         while (count < ModuleSignatureValidator::kMaxAnchors) {
             Owned<X509> cert(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
@@ -162,20 +164,29 @@ int ModuleSignatureValidator::validateSignature(const uint8_t* content, size_t c
         return kCodeSignatureMalformed;
     }
 
-    Owned<X509_STORE> store(X509_STORE_new());
-    if (!store) return kCodeSignatureNoAnchors;
-    if (loadAnchors(anchorsFolder_, store.get()) == 0) return kCodeSignatureNoAnchors;
-
     // The content check first; the chain is judged below against the platform
-    // roots with the code-signing usage rather than the e-mail purpose that
-    // CMS_verify would apply.
-    Owned<BIO> data(BIO_new_mem_buf(content, static_cast<int>(contentLength)));
-    if (!data) return kCodeSignatureUnreadable;
+    // roots with the code-signing usage, rather than by the e-mail purpose
+    // that CMS_verify would apply.
+    // The content goes in through a buffering BIO: given a memory BIO
+    // directly, CMS_verify makes a private copy of it that it leaks when the
+    // signed data turns out to be malformed.
+    BIO* memory = BIO_new_mem_buf(content, static_cast<int>(contentLength));
+    BIO* buffer = BIO_new(BIO_f_buffer());
+    if (!memory || !buffer) {
+        BIO_free(memory);
+        BIO_free(buffer);
+        return kCodeSignatureUnreadable;
+    }
+    const std::unique_ptr<BIO, BioChainFree> data(BIO_push(buffer, memory));
     if (CMS_verify(cms.get(), nullptr, nullptr, data.get(), nullptr,
                    CMS_BINARY | CMS_NO_SIGNER_CERT_VERIFY) != 1) {
         ERR_clear_error();
         return kCodeSignatureBadSignature;
     }
+
+    Owned<X509_STORE> store(X509_STORE_new());
+    if (!store) return kCodeSignatureNoAnchors;
+    if (loadAnchors(anchorsFolder_, store.get()) == 0) return kCodeSignatureNoAnchors;
 
     Owned<STACK_OF(X509)> signers(CMS_get0_signers(cms.get()));
     if (!signers || sk_X509_num(signers.get()) == 0) return kCodeSignatureBadSignature;
