@@ -10,7 +10,7 @@ namespace {
 
 std::string be(uint64_t v, unsigned width) {
     std::string out;
-    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
+    for (unsigned i = width; i-- > 0;) out.push_back(i < 8 ? static_cast<char>(v >> (8 * i)) : 0);
     return out;
 }
 
