@@ -272,7 +272,9 @@ std::optional<Value> read(std::string_view bytes, ReadError* error, Format* form
 }
 
 std::optional<Value> readFile(const std::string& path, ReadError* error, Format* formatOut) {
-    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    // O_NONBLOCK so that a FIFO in place of the file is refused below
+    // instead of blocking the open; it changes nothing for a regular file.
+    FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (fd.get() < 0) return detail::fail(error, ReadError::kIO, path + ": cannot open: " + errnoText());
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0)

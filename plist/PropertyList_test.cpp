@@ -74,6 +74,10 @@ TEST(PropertyList, ReadFileReportsThePath) {
     EXPECT_FALSE(readFile(dir / "", &error));
     EXPECT_EQ(error.code, ReadError::kIO);
 
+    ASSERT_EQ(mkfifo((dir / "fifo").c_str(), 0600), 0);
+    EXPECT_FALSE(readFile(dir / "fifo", &error));
+    EXPECT_NE(error.message.find("not a regular file"), std::string::npos);
+
     std::ofstream(dir / "junk.plist") << "junk";
     EXPECT_FALSE(readFile(dir / "junk.plist", &error));
     EXPECT_EQ(error.code, ReadError::kUnknownFormat);
