@@ -83,14 +83,16 @@ class Endpoint : public Connection {
 
     // Runs the handler for one event, unless the endpoint was cancelled. The
     // handler is copied first so that it may cancel or replace itself.
-    void deliver(const Event& event) {
+    // Answers whether a handler ran.
+    bool deliver(const Event& event) {
         EventHandler handler;
         {
             std::lock_guard lock(mu_);
-            if (cancelled_ || !handler_) return;
+            if (cancelled_ || !resumed_ || !handler_) return false;
             handler = handler_;
         }
         handler(event);
+        return true;
     }
 
     // Stops watching and closes the descriptor. Answers false when it was
@@ -306,8 +308,14 @@ class Service {
         char buf[64];
         while (::read(signalRead_.get(), buf, sizeof buf) > 0) {
         }
+        bool heard = false;
         for (const std::shared_ptr<Endpoint>& e : snapshot())
-            if (e->isListener()) e->deliver(Event::error(Event::Error::TerminationImminent));
+            if (e->isListener() && e->deliver(Event::error(Event::Error::TerminationImminent))) heard = true;
+        if (!heard) {
+            // Nobody listens for it any more: SIGTERM does what it does by default.
+            ::signal(SIGTERM, SIG_DFL);
+            ::raise(SIGTERM);
+        }
     }
 
     void onBackoffEnd() {

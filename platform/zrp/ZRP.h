@@ -273,7 +273,8 @@ inline constexpr const char* kDefaultSocketDirectory = "/var/run/zrp";
 // made 0755 when missing, a stale socket replaced, the socket made 0666), or
 // descriptor 3 when started by socket activation (LISTEN_PID is this process
 // and LISTEN_FDS is 1). Answers null, with the reason in *error, on failure.
-// Also routes SIGTERM to the listener as TerminationImminent.
+// Also routes SIGTERM to the resumed listeners as TerminationImminent (with
+// none left to hear it, SIGTERM ends the process as it would by default).
 std::shared_ptr<Connection> createListener(std::string_view serviceName, std::string* error = nullptr,
                                            std::string_view socketDirectory = kDefaultSocketDirectory);
 
