@@ -218,9 +218,15 @@ bool QVLDemoManifestCheck::unsegmentedToSegmentedWithRigorousFlag(Dictionary& ma
     Dictionary backup;
     backup.set(std::string(kBaseBackup), defaultComponent(manifestCopy.find(kBackup)));
 
-    manifestCopy.set(std::string(kAppData), std::move(appData));
-    manifestCopy.set(std::string(kGroupData), std::move(groupData));
-    manifestCopy.set(std::string(kExtensionData), std::move(extensionData));
+    // A data section of another kind is left as it is, so that the check
+    // refuses it instead of the conversion dropping it unseen.
+    auto replaceSection = [&](std::string_view name, Dictionary converted) {
+        const Value* old = manifestCopy.find(name);
+        if (!old || old->isDictionary()) manifestCopy.set(std::string(name), std::move(converted));
+    };
+    replaceSection(kAppData, std::move(appData));
+    replaceSection(kGroupData, std::move(groupData));
+    replaceSection(kExtensionData, std::move(extensionData));
     manifestCopy.set(std::string(kBackup), std::move(backup));
     manifestCopy.set(std::string(kInstallationOrder),
                      plist::Array{Value(kBaseBackup), Value("systemappdata")});

@@ -310,6 +310,13 @@ TEST_F(QVLDemoManifestCheckTest, MonolithicManifestsAreConvertedOnACopy) {
     EXPECT_EQ(Value(raw), before);
     EXPECT_EQ(Value(*checker_->segmentedManifestWithRigorousFlag()), Value(converted));
 
+    // A data section of the wrong kind survives the conversion and is refused.
+    Dictionary oddSection = raw;
+    oddSection.set("GroupData", Array{Value("group.x")});
+    ASSERT_TRUE(checker_->unsegmentedToSegmentedWithRigorousFlag(oddSection));
+    EXPECT_EQ(*oddSection.find("GroupData"), Value(Array{Value("group.x")}));
+    EXPECT_FALSE(checker_->secureManifestCheckForUnsegmentedManifest(&oddSection));
+
     // Every part of a monolithic manifest is checked by default.
     raw.set("Backup", files({{"/var/mobile/Media/m", record("NSFileTypeRegular", 04755)}}));
     QVLLogCapture capture;

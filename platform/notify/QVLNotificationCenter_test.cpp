@@ -26,17 +26,6 @@ TEST(QVLNotificationCenterTest, DeliversByNameInOrderUntilRemoved) {
     EXPECT_EQ(calls, (std::vector<std::string>{"1A", "2A", "2A"}));
 }
 
-TEST(QVLNotificationCenterTest, PassesUserInfo) {
-    QVLNotificationCenter center;
-    std::shared_ptr<const plist::Dictionary> seen;
-    center.addObserver("N", [&](const QVLNotification& n) { seen = n.userInfo; });
-    plist::Dictionary info;
-    info.set("TypeOfFiles", "Backup");
-    center.post("N", std::make_shared<const plist::Dictionary>(info));
-    ASSERT_TRUE(seen);
-    EXPECT_EQ(*seen->getString("TypeOfFiles"), "Backup");
-}
-
 TEST(QVLNotificationCenterTest, ObserverMayRegisterAndPostWithoutDeadlock) {
     QVLNotificationCenter center;
     int inner = 0;
