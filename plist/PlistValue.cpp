@@ -21,43 +21,48 @@ Date Date::now() {
 
 Dictionary::Dictionary() = default;
 Dictionary::Dictionary(std::vector<Entry>&& entries) : entries_(std::move(entries)) {}
-Dictionary::~Dictionary() = default;
+Dictionary::~Dictionary() {
+    invalidateIndex();
+}
 Dictionary::Dictionary(const Dictionary& other) : entries_(other.entries_) {}
+// Moving a vector keeps its buffer, so the index's views stay valid.
 Dictionary::Dictionary(Dictionary&& other) noexcept
-    : entries_(std::move(other.entries_)), index_(std::move(other.index_)) {}
+    : entries_(std::move(other.entries_)), index_(other.index_.exchange(nullptr)) {}
 
 Dictionary& Dictionary::operator=(const Dictionary& other) {
     if (this != &other) {
         entries_ = other.entries_;
-        index_.reset();
+        invalidateIndex();
     }
     return *this;
 }
 
 Dictionary& Dictionary::operator=(Dictionary&& other) noexcept {
-    entries_ = std::move(other.entries_);
-    index_ = std::move(other.index_);
+    if (this != &other) {
+        invalidateIndex();
+        entries_ = std::move(other.entries_);
+        index_.store(other.index_.exchange(nullptr));
+    }
     return *this;
 }
 
 void Dictionary::invalidateIndex() {
-    index_.reset();
+    delete index_.exchange(nullptr);
 }
 
-const std::unordered_map<std::string_view, size_t>* Dictionary::index() const {
+const Dictionary::IndexMap* Dictionary::index() const {
     if (entries_.size() < kIndexThreshold) return nullptr;
-    // Lazily built. Concurrent readers of a const dictionary may race to build
-    // it, so the build is serialised on one process-wide mutex; it happens once
-    // per dictionary and is cheap relative to the lookups it saves.
+    if (const IndexMap* ready = index_.load(std::memory_order_acquire)) return ready;
+    // Readers of a const dictionary may race to build the index; the build
+    // is serialised on one process-wide mutex and happens once per dictionary.
     static std::mutex buildMutex;
     std::lock_guard<std::mutex> lock(buildMutex);
-    if (!index_) {
-        auto idx = std::make_unique<std::unordered_map<std::string_view, size_t>>();
-        idx->reserve(entries_.size());
-        for (size_t i = 0; i < entries_.size(); ++i) idx->emplace(entries_[i].first, i);
-        index_ = std::move(idx);
-    }
-    return index_.get();
+    if (const IndexMap* ready = index_.load(std::memory_order_acquire)) return ready;
+    auto* idx = new IndexMap();
+    idx->reserve(entries_.size());
+    for (size_t i = 0; i < entries_.size(); ++i) idx->emplace(entries_[i].first, i);
+    index_.store(idx, std::memory_order_release);
+    return idx;
 }
 
 const Value* Dictionary::find(std::string_view key) const {
@@ -83,10 +88,17 @@ void Dictionary::set(std::string key, Value value) {
 }
 
 void Dictionary::appendUnchecked(std::string key, Value value) {
-    // Appending may reallocate entries_, which moves the strings the index
-    // points into; drop the index and rebuild it on the next lookup.
-    invalidateIndex();
+    // A reallocation moves the keys the index points into: drop the index
+    // then (it is rebuilt on the next lookup, so building a large dictionary
+    // with set() stays linear overall); otherwise extend it in place.
+    const bool reallocates = entries_.size() == entries_.capacity();
     entries_.emplace_back(std::move(key), std::move(value));
+    IndexMap* idx = index_.load(std::memory_order_relaxed);
+    if (!idx) return;
+    if (reallocates)
+        invalidateIndex();
+    else
+        idx->emplace(entries_.back().first, entries_.size() - 1);
 }
 
 bool Dictionary::erase(std::string_view key) {

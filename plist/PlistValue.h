@@ -7,10 +7,11 @@
 // key lookup is linear for small dictionaries and hashed for large ones.
 //
 // Thread-safety: a const value may be read from any number of threads at once
-// (the lazily built key index of a large dictionary is built under a once-flag).
+// (the lazily built key index of a large dictionary is published atomically).
 // Mutation needs external synchronisation, as for any standard container.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -106,12 +107,15 @@ class Dictionary {
 
   private:
     static constexpr size_t kIndexThreshold = 16;
+    using IndexMap = std::unordered_map<std::string_view, size_t>;
     void invalidateIndex();
-    const std::unordered_map<std::string_view, size_t>* index() const;
+    const IndexMap* index() const;
 
     std::vector<Entry> entries_;
     // Key -> position, built on first lookup once the dictionary is large.
-    mutable std::unique_ptr<std::unordered_map<std::string_view, size_t>> index_;
+    // Owned; published with release/acquire so that concurrent readers of a
+    // const dictionary either see no index or a complete one.
+    mutable std::atomic<IndexMap*> index_{nullptr};
 };
 
 enum class Kind : uint8_t { Dictionary, Array, String, Data, Integer, Real, Boolean, Date };
@@ -187,6 +191,7 @@ inline bool Dictionary::empty() const {
     return entries_.empty();
 }
 inline void Dictionary::reserve(size_t n) {
+    if (n > entries_.capacity()) invalidateIndex();  // the keys are about to move
     entries_.reserve(n);
 }
 
