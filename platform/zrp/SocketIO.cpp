@@ -167,17 +167,22 @@ ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>
 }
 
 bool sendFrame(int fd, const EncodedFrame& frame, std::chrono::milliseconds timeout) {
+    // The kernel passes at most this many descriptors in one message.
+    constexpr size_t kKernelMaxDescriptors = 253;
+    if (frame.descriptors.size() > kKernelMaxDescriptors) return false;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
+    // Sized by the frame, not by the protocol's limit: the encoder keeps to
+    // that, and tests send more on purpose to see the receiver refuse them.
+    std::vector<cmsghdr> control(CMSG_SPACE(frame.descriptors.size() * sizeof(int)) / sizeof(cmsghdr) + 1);
     size_t sent = 0;
     while (sent < frame.bytes.size()) {
         iovec iov{const_cast<uint8_t*>(frame.bytes.data()) + sent, frame.bytes.size() - sent};
         msghdr msg{};
         msg.msg_iov = &iov;
         msg.msg_iovlen = 1;
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
         if (sent == 0 && !frame.descriptors.empty()) {
             const size_t bytes = frame.descriptors.size() * sizeof(int);
-            msg.msg_control = control;
+            msg.msg_control = control.data();
             msg.msg_controllen = CMSG_SPACE(bytes);
             cmsghdr* c = CMSG_FIRSTHDR(&msg);
             c->cmsg_level = SOL_SOCKET;
