@@ -172,10 +172,10 @@ class QvalctlRun : public ::testing::Test {
         EXPECT_TRUE(request);
         return runRequest(*request);
     }
-    int runRequest(const zrp::Dictionary& request) {
+    int runRequest(const zrp::Dictionary& request, bool terminal = false) {
         FILE* out = tmpfile();
         FILE* err = tmpfile();
-        const int status = run(options_, request, out, err, false);
+        const int status = run(options_, request, out, err, terminal);
         out_ = contents(out);
         err_ = contents(err);
         return status;
@@ -222,6 +222,15 @@ TEST_F(QvalctlRun, JsonLinesAndSeveralResponses) {
     two.setBool("fail:", true);
     EXPECT_EQ(runRequest(two), kExitFail);
     EXPECT_EQ(out_, "{\"Response\": true}\n{\"Response\": false}\n");
+}
+
+TEST_F(QvalctlRun, ProgressDrawsABarOnATerminal) {
+    zrp::Dictionary request;
+    request.setBool("progress:", true);
+    EXPECT_EQ(runRequest(request, true), kExitPass);
+    const std::string bar = "[" + std::string(20, '#') + std::string(20, ' ') + "]  50%";
+    EXPECT_NE(out_.find("\r" + bar + "\r"), std::string::npos) << out_;
+    EXPECT_TRUE(out_.ends_with(std::string(40, '#') + "] 100%\nResponse: true\n")) << out_;
 }
 
 TEST_F(QvalctlRun, RequestFileTravelsWithItsKinds) {
