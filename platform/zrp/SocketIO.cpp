@@ -173,7 +173,9 @@ bool sendFrame(int fd, const EncodedFrame& frame, std::chrono::milliseconds time
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     // Sized by the frame, not by the protocol's limit: the encoder keeps to
     // that, and tests send more on purpose to see the receiver refuse them.
-    std::vector<cmsghdr> control(CMSG_SPACE(frame.descriptors.size() * sizeof(int)) / sizeof(cmsghdr) + 1);
+    std::vector<cmsghdr> control;
+    if (!frame.descriptors.empty())
+        control.resize(CMSG_SPACE(frame.descriptors.size() * sizeof(int)) / sizeof(cmsghdr) + 1);
     size_t sent = 0;
     while (sent < frame.bytes.size()) {
         iovec iov{const_cast<uint8_t*>(frame.bytes.data()) + sent, frame.bytes.size() - sent};
