@@ -71,9 +71,10 @@ std::optional<plist::Data> fileHash(const std::string& path) {
     // files of a device tree are smaller, and the call is not free.
     if (size > kQVLFileHashPieceSize) port.adviseSequential(fd.get());
     MdCtx ctx = startSHA1();
+    if (!ctx) return std::nullopt;
     // One piece is held at a time: it is hashed before the next is read.
     std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
-    if (!ctx || !piece) {
+    if (!piece) {
         QVLLog("Cannot read data from %@.", path);
         return std::nullopt;
     }

@@ -1,9 +1,11 @@
 #include "metadata/QVLManifest.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <limits>
 
 #include "metadata/QVLAttributeDictionary.h"
+#include "metadata/QVLFileDigest.h"
 #include "platform/fileattrs/FileAttributesPort.h"
 #include "qvald_helper/QVLLog.h"
 
@@ -61,18 +63,27 @@ std::optional<ItemType> itemType(const std::string& path) {
     return st.type;
 }
 
+// How many files ahead of the one being read the walk asks the kernel to
+// fetch. Reading small files one at a time waits for the disk once per file;
+// with requests in flight for the next ones, a cold walk is several times
+// faster. Only the first piece of each is asked for, so the window stays small.
+constexpr size_t kPrefetchWindow = 32;
+
 // Visits every item below `top`, depth first, a folder before its contents,
 // without following links. Folders inside a skip folder are not opened: all
 // they hold would be skipped. `visit(path, type)` gets nullopt as the type
 // when it cannot be read, and stops the enumeration by answering false.
-// Memory: the listings of the folders from `top` down to the current item.
-template <class Visit>
+// `prefetch(path)` is told of each regular file some items before it is
+// visited. Memory: the listings of the folders from `top` down to the
+// current item.
+template <class Visit, class Prefetch>
 bool enumerateTree(const std::string& top, const std::vector<std::string>* skip, const char* signature,
-                   Visit visit) {
+                   Visit visit, Prefetch prefetch) {
     struct Level {
         std::string path;
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
+        size_t prefetched = 0;
     };
     FileAttributesPort& port = FileAttributesPort::current();
     std::vector<Level> stack;
@@ -92,6 +103,11 @@ bool enumerateTree(const std::string& top, const std::vector<std::string>* skip,
         if (level.next == level.entries.size()) {
             stack.pop_back();
             continue;
+        }
+        for (const size_t end = std::min(level.entries.size(), level.next + kPrefetchWindow);
+             level.prefetched < end; ++level.prefetched) {
+            const DirectoryEntry& ahead = level.entries[level.prefetched];
+            if (ahead.type == ItemType::kRegular) prefetch(childPath(level.path, ahead.name));
         }
         const DirectoryEntry& entry = level.entries[level.next++];
         const std::string item = childPath(level.path, entry.name);
@@ -165,7 +181,7 @@ std::optional<std::string> QVLManifest::keyForPath(std::string_view path, std::s
     if (first == std::string_view::npos) return std::nullopt;
     std::string key = first == 0 ? removingOccurrences(path, root)
                                  : removingOccurrences(path.substr(first + root.size()), root);
-    if (key.empty()) key = "/";
+    if (key.empty()) key.push_back('/');
     return key;
 }
 
@@ -229,7 +245,14 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         if (updater) addProgress(updater, size);
         return true;
     };
-    if (!enumerateTree(top, skip, kWalkSignature, handleItem)) return false;
+    // Only files the walk will read are fetched ahead: a superset may leave
+    // most of a tree out, and fetching those would flood the cache.
+    FileAttributesPort& port = FileAttributesPort::current();
+    auto prefetch = [&](const std::string& item) {
+        if (folder(skip, item) || (superSet && !QVLManifest::path(item, superSet))) return;
+        port.prefetch(item, static_cast<off_t>(kQVLFileHashPieceSize));
+    };
+    if (!enumerateTree(top, skip, kWalkSignature, handleItem, prefetch)) return false;
     return handleItem(top, itemType(top));
 }
 
@@ -255,7 +278,8 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
             total = size > std::numeric_limits<int64_t>::max() - total ? std::numeric_limits<int64_t>::max()
                                                                        : total + size;
             return true;
-        });
+        },
+        [](const std::string&) {});
     return complete ? total : 0;
 }
 

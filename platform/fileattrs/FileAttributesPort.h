@@ -97,6 +97,9 @@ class FileAttributesPort {
     // pages of [offset, offset + length) are no longer needed.
     virtual void adviseSequential(int fd) = 0;
     virtual void adviseDone(int fd, off_t offset, off_t length) = 0;
+    // Asks the kernel to start reading the first `length` bytes of a regular
+    // file that will be read soon, without waiting for them.
+    virtual void prefetch(const std::string& path, off_t length) = 0;
     virtual int close(int fd) = 0;
 
     virtual int changeOwner(const std::string& path, uint32_t uid, uint32_t gid) = 0;  // lchown

@@ -316,6 +316,11 @@ void LinuxFileAttributesPort::adviseDone(int fd, off_t offset, off_t length) {
     ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
 }
 
+void LinuxFileAttributesPort::prefetch(const std::string& path, off_t length) {
+    Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
+    if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
+}
+
 int LinuxFileAttributesPort::close(int fd) {
     return ::close(fd);
 }

@@ -30,6 +30,7 @@ class LinuxFileAttributesPort : public FileAttributesPort {
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseSequential(int fd) override;
     void adviseDone(int fd, off_t offset, off_t length) override;
+    void prefetch(const std::string& path, off_t length) override;
     int close(int fd) override;
     int changeOwner(const std::string& path, uint32_t uid, uint32_t gid) override;
     int changeMode(const std::string& path, uint32_t mode) override;

@@ -145,6 +145,9 @@ int scanVerb(Arguments args) {
     if (!std::filesystem::exists(std::filesystem::symlink_status(directory, ec))) {
         return fail("scan: " + options.directory + " does not exist");
     }
+    if (!QVLManifest::keyForPath(directory, root)) {
+        return fail("scan: " + directory + " is not below " + root + ", so its items would have no keys");
+    }
     std::optional<QVLManifest::PathSet> superset;
     if (!options.supersetFile.empty() && !(superset = readSuperset(options.supersetFile)))
         return kExitFailure;
