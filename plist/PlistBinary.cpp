@@ -456,6 +456,24 @@ void appendMarker(std::string& out, uint8_t kind, uint64_t count) {
     appendInteger(out, Integer::fromSigned(static_cast<int64_t>(count)));
 }
 
+// A quick multiply-mix over 8-byte words; the finaliser in ObjectKey::hash
+// spreads the result. Keys and paths are short, so this beats a general
+// purpose byte hash by a wide margin.
+uint64_t hashBytes(std::string_view s) {
+    uint64_t h = s.size() * 0x9E3779B97F4A7C15ull;
+    size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t word;
+        memcpy(&word, s.data() + i, 8);
+        h = (h ^ word) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 32;
+    }
+    uint64_t tail = 0;
+    if (i < s.size()) memcpy(&tail, s.data() + i, s.size() - i);
+    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+    return h ^ (h >> 29);
+}
+
 // What makes two objects the same for uniquing: strings by text, data by
 // bytes, other scalars by kind and exact bits.
 struct ObjectKey {
@@ -466,7 +484,7 @@ struct ObjectKey {
     bool operator==(const ObjectKey&) const = default;
 
     uint64_t hash() const {
-        uint64_t h = tag == kString || tag == kData ? std::hash<std::string_view>()(bytes) : bits;
+        uint64_t h = tag == kString || tag == kData ? hashBytes(bytes) : bits;
         // splitmix64 finaliser: spreads close integers and doubles over the table.
         h += 0x9E3779B97F4A7C15ull * (tag + 1);
         h = (h ^ (h >> 30)) * 0xBF58476D1CE4E5B9ull;
@@ -478,26 +496,27 @@ struct ObjectKey {
 // Open-addressing set of object indices, looked up by object key. A slot is
 // 8 bytes (high half of the hash, 1 + the index): far less memory and far
 // fewer allocations than a node-based map, which matters with a million
-// objects.
+// objects. The position comes from the top bits of the hash, which the slot
+// keeps, so growing the table never hashes a key again.
 class UniqueTable {
   public:
     // The index of an object equal to `key` (`keyAt` gives the key of an
     // index), or `fresh` after recording it.
     template <class KeyAt>
     uint64_t findOrAdd(const ObjectKey& key, uint64_t fresh, bool& added, const KeyAt& keyAt) {
-        if (2 * (count_ + 1) > slots_.size()) grow(keyAt);
-        const uint64_t hash = key.hash();
+        if (2 * (count_ + 1) > slots_.size()) grow();
+        const uint64_t high = key.hash() & kHigh;
         const size_t mask = slots_.size() - 1;
-        for (size_t i = hash & mask;; i = (i + 1) & mask) {
+        for (size_t i = high >> shift_;; i = (i + 1) & mask) {
             const uint64_t slot = slots_[i];
             if (slot == 0) {
-                slots_[i] = (hash & kHigh) | (fresh + 1);
+                slots_[i] = high | (fresh + 1);
                 ++count_;
                 added = true;
                 return fresh;
             }
             const uint64_t index = (slot & ~kHigh) - 1;
-            if ((slot & kHigh) == (hash & kHigh) && keyAt(index) == key) {
+            if ((slot & kHigh) == high && keyAt(index) == key) {
                 added = false;
                 return index;
             }
@@ -507,14 +526,15 @@ class UniqueTable {
   private:
     static constexpr uint64_t kHigh = 0xFFFFFFFF00000000ull;
 
-    template <class KeyAt>
-    void grow(const KeyAt& keyAt) {
+    void grow() {
         std::vector<uint64_t> old = std::move(slots_);
-        slots_.assign(std::max<size_t>(64, old.size() * 2), 0);
-        const size_t mask = slots_.size() - 1;
+        const size_t size = std::max<size_t>(64, old.size() * 2);
+        slots_.assign(size, 0);
+        shift_ = 64 - std::countr_zero(size);
+        const size_t mask = size - 1;
         for (uint64_t slot : old) {
             if (slot == 0) continue;
-            size_t i = keyAt((slot & ~kHigh) - 1).hash() & mask;
+            size_t i = (slot & kHigh) >> shift_;
             while (slots_[i] != 0) i = (i + 1) & mask;
             slots_[i] = slot;
         }
@@ -522,6 +542,7 @@ class UniqueTable {
 
     std::vector<uint64_t> slots_;
     size_t count_ = 0;
+    int shift_ = 64;
 };
 
 class BinaryWriter {
