@@ -5,6 +5,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -57,8 +58,26 @@ std::string expandTilde(const std::string& path) {
     return std::string(home) + path.substr(1);
 }
 
+// Whether a system-log daemon listens. Without one, syslog(3) would try (and
+// fail) to connect on every call, which triples the system calls of a
+// request; the answer is looked up again at most once a second, so a daemon
+// that starts later is found.
+bool systemLogAvailable() {
+    static std::atomic<int64_t> nextCheck{0};
+    static std::atomic<bool> available{false};
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+    if (ts.tv_sec >= nextCheck.load(std::memory_order_relaxed)) {
+        struct stat st {};
+        available.store(stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode), std::memory_order_relaxed);
+        nextCheck.store(ts.tv_sec + 1, std::memory_order_relaxed);
+    }
+    return available.load(std::memory_order_relaxed);
+}
+
 // The system-log copy; also what tests capture.
 void writeSystemLog(std::string_view message) {
+    if (!systemLogAvailable()) return;
     syslog(LOG_NOTICE, "%.*s", static_cast<int>(message.size()), message.data());
 }
 
