@@ -364,6 +364,15 @@ TEST(QVLFileMetadataRestore, AsRootOwnersProtectionClassAndLinksOwnOwner) {
     ASSERT_TRUE(QVLFileMetadata(byName).restoreAttribuesToPath(path));
     ASSERT_EQ(::stat(path.c_str(), &st), 0);
     EXPECT_EQ(st.st_uid, 0u);
+
+    // An immutable item still takes a new mode: the flag is lifted and put back.
+    plist::Dictionary immutable = withAttribute(record("NSFileTypeRegular"), "NSFileImmutable", true);
+    ASSERT_TRUE(QVLFileMetadata(immutable).restoreAttribuesToPath(path));
+    ASSERT_TRUE(QVLFileMetadata(withAttribute(immutable, "NSFilePosixPermissions", 0600))
+                    .restoreAttribuesToPath(path));
+    QVLFileMetadata locked = collect(path);
+    EXPECT_EQ(locked.getFileAttributes()->getBoolean("NSFileImmutable"), true);
+    EXPECT_EQ(attribute(locked, "NSFilePosixPermissions"), 0600);
 }
 
 }  // namespace
