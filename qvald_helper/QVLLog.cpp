@@ -116,13 +116,13 @@ uint64_t integerBits(const QVLLogArg& arg, const std::string& length) {
 // snprintf into a string of the size the conversion needs (widths are
 // bounded to four digits by the parser, so this stays small).
 template <class T>
-std::string printed(const std::string& spec, T value) {
+std::string printed(const std::string& pattern, T value) {
     char small[128];
-    const int n = snprintf(small, sizeof small, spec.c_str(), value);
+    const int n = snprintf(small, sizeof small, pattern.c_str(), value);
     if (n < 0) return {};
     if (static_cast<size_t>(n) < sizeof small) return std::string(small, static_cast<size_t>(n));
     std::string out(static_cast<size_t>(n) + 1, '\0');
-    snprintf(out.data(), out.size(), spec.c_str(), value);
+    snprintf(out.data(), out.size(), pattern.c_str(), value);
     out.resize(static_cast<size_t>(n));
     return out;
 }
@@ -133,7 +133,7 @@ bool signedConversion(char c) {
 
 std::string formatInteger(const Conversion& c, const QVLLogArg& arg) {
     const uint64_t bits = integerBits(arg, c.length);
-    std::string spec = "%" + c.flags + c.width + c.precision;
+    std::string pattern = "%" + c.flags + c.width + c.precision;
     if (signedConversion(c.conversion)) {
         int64_t value;
         if (c.length.empty())
@@ -144,12 +144,12 @@ std::string formatInteger(const Conversion& c, const QVLLogArg& arg) {
             value = static_cast<int8_t>(bits);
         else
             value = static_cast<int64_t>(bits);
-        spec += "lld";
-        return printed(spec, static_cast<long long>(value));
+        pattern += "lld";
+        return printed(pattern, static_cast<long long>(value));
     }
-    spec += "ll";
-    spec += c.conversion;
-    return printed(spec, static_cast<unsigned long long>(bits));
+    pattern += "ll";
+    pattern += c.conversion;
+    return printed(pattern, static_cast<unsigned long long>(bits));
 }
 
 std::string formatReal(const Conversion& c, const QVLLogArg& arg) {

@@ -226,9 +226,9 @@ class Service {
             std::lock_guard lock(mu_);
             restingListeners_.push_back(listenerId);
         }
-        itimerspec spec{};
-        spec.it_value.tv_nsec = kAcceptBackoffNanoseconds;
-        ::timerfd_settime(backoff_.get(), 0, &spec, nullptr);
+        itimerspec delay{};
+        delay.it_value.tv_nsec = kAcceptBackoffNanoseconds;
+        ::timerfd_settime(backoff_.get(), 0, &delay, nullptr);
     }
 
     // Budget of buffered bytes across connections.

@@ -167,25 +167,25 @@ std::optional<Dictionary> segmentedManifest(const Recipe& recipe,
     if (const Value* order = recipe.root->find("InstallationOrder")) outer.set("InstallationOrder", *order);
 
     std::map<std::string, Dictionary> sections;
-    for (ComponentSpec& spec : components) {
-        const auto entry = certs.find(spec.certificate);
+    for (ComponentSpec& wanted : components) {
+        const auto entry = certs.find(wanted.certificate);
         if (entry == certs.end()) {
-            fail("sign: component \"" + spec.name + "\" names no known certificate");
+            fail("sign: component \"" + wanted.name + "\" names no known certificate");
             return std::nullopt;
         }
         Dictionary component;
-        auto files = asWritten(std::move(spec.files), recipe.format);
+        auto files = asWritten(std::move(wanted.files), recipe.format);
         if (!files) {
-            fail("sign: the file manifest of \"" + spec.name + "\" does not read back from its encoding");
+            fail("sign: the file manifest of \"" + wanted.name + "\" does not read back from its encoding");
             return std::nullopt;
         }
         component.set("Manifest", Value(std::move(*files)));
-        if (!QVLManifestSigner::signComponent(component, spec.name, spec.certificate,
+        if (!QVLManifestSigner::signComponent(component, wanted.name, wanted.certificate,
                                               entry->second.identity)) {
-            fail("sign: cannot sign component \"" + spec.name + "\"");
+            fail("sign: cannot sign component \"" + wanted.name + "\"");
             return std::nullopt;
         }
-        sections[spec.section].set(spec.name, Value(std::move(component)));
+        sections[wanted.section].set(wanted.name, Value(std::move(component)));
     }
     for (auto& [section, dictionary] : sections) outer.set(section, Value(std::move(dictionary)));
     return outer;
@@ -206,7 +206,7 @@ std::optional<Dictionary> monolithicManifest(const Recipe& recipe,
     raw.set("Info", info ? *info : Value(Dictionary()));
     if (const Value* order = recipe.root->find("InstallationOrder")) raw.set("InstallationOrder", *order);
     std::map<std::string, Dictionary> sections;
-    for (ComponentSpec& spec : components) {
+    for (ComponentSpec& component_ : components) {
         if (spec.section == "Backup") {
             if (raw.contains("Backup")) {
                 fail("sign: a version 2 manifest has one backup");
