@@ -206,20 +206,20 @@ std::optional<Dictionary> monolithicManifest(const Recipe& recipe,
     raw.set("Info", info ? *info : Value(Dictionary()));
     if (const Value* order = recipe.root->find("InstallationOrder")) raw.set("InstallationOrder", *order);
     std::map<std::string, Dictionary> sections;
-    for (ComponentSpec& component_ : components) {
-        if (spec.section == "Backup") {
+    for (ComponentSpec& wanted : components) {
+        if (wanted.section == "Backup") {
             if (raw.contains("Backup")) {
                 fail("sign: a version 2 manifest has one backup");
                 return std::nullopt;
             }
-            raw.set("Backup", Value(std::move(spec.files)));
+            raw.set("Backup", Value(std::move(wanted.files)));
             continue;
         }
         Dictionary entry;
-        if (spec.extra)
-            for (const auto& [k, v] : *spec.extra) entry.set(k, v);
-        entry.set("Manifest", Value(std::move(spec.files)));
-        sections[spec.section].set(spec.name, Value(std::move(entry)));
+        if (wanted.extra)
+            for (const auto& [k, v] : *wanted.extra) entry.set(k, v);
+        entry.set("Manifest", Value(std::move(wanted.files)));
+        sections[wanted.section].set(wanted.name, Value(std::move(entry)));
     }
     for (auto& [section, dictionary] : sections) raw.set(section, Value(std::move(dictionary)));
     const std::string bytes = plist::writeBinary(Value(std::move(raw)));
