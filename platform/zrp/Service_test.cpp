@@ -55,6 +55,7 @@ struct Recorder {
     std::condition_variable cv;
     std::vector<std::string> log;  // "message <value of "n">", "invalid", ...
     std::vector<std::shared_ptr<Connection>> connections;
+    bool keepConnections = true;
     int invalid = 0;
     int inHandler = 0;
     int maxInHandler = 0;
@@ -77,36 +78,40 @@ class ServiceTest : public ::testing::Test {
         std::string error;
         listener_ = createListener("test.service", &error, dir_);
         ASSERT_TRUE(listener_) << error;
-        listener_->setEventHandler([this](const Event& e) { onListenerEvent(e); });
+        // The handlers hold the recorder, never the fixture: the service is
+        // process-wide, and a late event of one test may arrive after its
+        // fixture is gone.
+        listener_->setEventHandler([rec = rec_](const Event& e) { onListenerEvent(rec, e); });
         listener_->resume();
     }
     void TearDown() override {
         listener_->cancel();
-        std::lock_guard lock(rec_.mu);
-        for (auto& c : rec_.connections) c->cancel();
-        rec_.connections.clear();
+        std::lock_guard lock(rec_->mu);
+        for (auto& c : rec_->connections) c->cancel();
+        rec_->connections.clear();
         std::filesystem::remove_all(dir_);
     }
 
-    void onListenerEvent(const Event& e) {
+    static void onListenerEvent(const std::shared_ptr<Recorder>& rec, const Event& e) {
         if (e.kind() != Event::Kind::Connection) return;
         std::shared_ptr<Connection> c = e.connection();
         size_t index;
         {
-            std::lock_guard lock(rec_.mu);
-            index = rec_.connections.size();
-            if (keepConnections_) rec_.connections.push_back(c);
+            std::lock_guard lock(rec->mu);
+            index = rec->connections.size();
+            if (rec->keepConnections) rec->connections.push_back(c);
         }
         std::weak_ptr<Connection> weak = c;
-        c->setEventHandler([this, weak, index](const Event& ev) { onConnectionEvent(weak, index, ev); });
+        c->setEventHandler([rec, weak, index](const Event& ev) { onConnectionEvent(rec, weak, index, ev); });
         c->resume();
     }
 
-    void onConnectionEvent(const std::weak_ptr<Connection>& weak, size_t index, const Event& ev) {
+    static void onConnectionEvent(const std::shared_ptr<Recorder>& rec, const std::weak_ptr<Connection>& weak,
+                                  size_t index, const Event& ev) {
         {
-            std::lock_guard lock(rec_.mu);
-            rec_.maxInHandler = std::max(rec_.maxInHandler, ++rec_.inHandler);
-            if (std::this_thread::get_id() == rec_.mainThread) rec_.onMainThread = true;
+            std::lock_guard lock(rec->mu);
+            rec->maxInHandler = std::max(rec->maxInHandler, ++rec->inHandler);
+            if (std::this_thread::get_id() == rec->mainThread) rec->onMainThread = true;
         }
         std::string entry = "invalid";
         if (ev.kind() == Event::Kind::Message) {
@@ -120,11 +125,11 @@ class ServiceTest : public ::testing::Test {
                 c->send(reply);
             }
         }
-        std::lock_guard lock(rec_.mu);
-        --rec_.inHandler;
-        if (entry == "invalid") ++rec_.invalid;
-        rec_.log.push_back(entry);
-        rec_.cv.notify_all();
+        std::lock_guard lock(rec->mu);
+        --rec->inHandler;
+        if (entry == "invalid") ++rec->invalid;
+        rec->log.push_back(entry);
+        rec->cv.notify_all();
     }
 
     std::unique_ptr<Client> connect() {
@@ -142,8 +147,7 @@ class ServiceTest : public ::testing::Test {
 
     std::string dir_;
     std::shared_ptr<Connection> listener_;
-    Recorder rec_;
-    bool keepConnections_ = true;
+    std::shared_ptr<Recorder> rec_ = std::make_shared<Recorder>();
 };
 
 TEST_F(ServiceTest, SocketIsWorldWritableInA0755Folder) {
@@ -200,9 +204,9 @@ TEST_F(ServiceTest, DeliveryIsSerialOffTheMainThreadAndInOrder) {
         // Replies go to the connection that sent the request.
         EXPECT_NE(*ra.message.find("on")->asInt64(), *rb.message.find("on")->asInt64());
     }
-    std::lock_guard lock(rec_.mu);
-    EXPECT_EQ(rec_.maxInHandler, 1);
-    EXPECT_FALSE(rec_.onMainThread);
+    std::lock_guard lock(rec_->mu);
+    EXPECT_EQ(rec_->maxInHandler, 1);
+    EXPECT_FALSE(rec_->onMainThread);
 }
 
 TEST_F(ServiceTest, DisconnectGivesConnectionInvalidOnce) {
@@ -210,11 +214,11 @@ TEST_F(ServiceTest, DisconnectGivesConnectionInvalidOnce) {
     ASSERT_TRUE(a->send(numbered(1)));
     ASSERT_EQ(a->receive(5s).status, Client::Status::Message);
     a.reset();
-    ASSERT_TRUE(rec_.waitFor([&] { return rec_.invalid == 1; }));
+    ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == 1; }));
     std::this_thread::sleep_for(50ms);
-    std::lock_guard lock(rec_.mu);
-    EXPECT_EQ(rec_.invalid, 1);
-    EXPECT_EQ(rec_.log.back(), "invalid");
+    std::lock_guard lock(rec_->mu);
+    EXPECT_EQ(rec_->invalid, 1);
+    EXPECT_EQ(rec_->log.back(), "invalid");
 }
 
 TEST_F(ServiceTest, InvalidFrameClosesOnlyThatConnection) {
@@ -230,7 +234,7 @@ TEST_F(ServiceTest, InvalidFrameClosesOnlyThatConnection) {
         EXPECT_EQ(bad->receive(5s).status, Client::Status::Closed);
         bad = connect();
     }
-    ASSERT_TRUE(rec_.waitFor([&] { return rec_.invalid == 3; }));
+    ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == 3; }));
     ASSERT_TRUE(good->send(numbered(7)));
     Client::Received r = good->receive(5s);
     ASSERT_EQ(r.status, Client::Status::Message);
@@ -241,7 +245,7 @@ TEST_F(ServiceTest, TruncatedFrameThenHangupIsInvalid) {
     auto a = connect();
     ASSERT_TRUE(a->sendRaw(std::vector<uint8_t>{'Z', 'R', 'P', '1', 0x10, 0, 0, 0, 0x0B}));
     a.reset();
-    EXPECT_TRUE(rec_.waitFor([&] { return rec_.invalid == 1; }));
+    EXPECT_TRUE(rec_->waitFor([&] { return rec_->invalid == 1; }));
 }
 
 TEST_F(ServiceTest, SendingToAGonePeerIsDroppedQuietly) {
@@ -250,11 +254,11 @@ TEST_F(ServiceTest, SendingToAGonePeerIsDroppedQuietly) {
     ASSERT_EQ(a->receive(5s).status, Client::Status::Message);
     std::shared_ptr<Connection> server;
     {
-        std::lock_guard lock(rec_.mu);
-        server = rec_.connections.at(0);
+        std::lock_guard lock(rec_->mu);
+        server = rec_->connections.at(0);
     }
     a.reset();
-    ASSERT_TRUE(rec_.waitFor([&] { return rec_.invalid == 1; }));
+    ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == 1; }));
     for (int i = 0; i < 100; ++i) server->send(numbered(i));  // no SIGPIPE, no error
     server->cancel();
     server->send(numbered(1));
@@ -266,8 +270,8 @@ TEST_F(ServiceTest, AuditTokenNamesThePeer) {
     ASSERT_EQ(a->receive(5s).status, Client::Status::Message);
     AuditToken token;
     {
-        std::lock_guard lock(rec_.mu);
-        token = rec_.connections.at(0)->auditToken();
+        std::lock_guard lock(rec_->mu);
+        token = rec_->connections.at(0)->auditToken();
     }
     EXPECT_EQ(token.pid, getpid());
     EXPECT_EQ(token.uid, getuid());
@@ -292,11 +296,11 @@ TEST_F(ServiceTest, AuditTokenOfAnExitedPeerShowsNoProcess) {
     char byte = 0;
     ASSERT_EQ(read(ready[0], &byte, 1), 1);
     close(ready[0]);
-    ASSERT_TRUE(rec_.waitFor([&] { return !rec_.connections.empty(); }));
+    ASSERT_TRUE(rec_->waitFor([&] { return !rec_->connections.empty(); }));
     AuditToken token;
     {
-        std::lock_guard lock(rec_.mu);
-        token = rec_.connections.at(0)->auditToken();
+        std::lock_guard lock(rec_->mu);
+        token = rec_->connections.at(0)->auditToken();
     }
     EXPECT_EQ(token.pid, child);
     EXPECT_TRUE(token.processAlive());
@@ -371,13 +375,13 @@ TEST_F(ServiceTest, StrayOrExcessDescriptorsAreInvalid) {
 }
 
 TEST_F(ServiceTest, TenThousandConnectionsLeaveNoDescriptorsBehind) {
-    keepConnections_ = false;
+    rec_->keepConnections = false;
     {  // warm up lazily made things (the scratch buffer, the thread)
         auto a = connect();
         a->send(numbered(0));
         a->receive(5s);
     }
-    ASSERT_TRUE(rec_.waitFor([&] { return rec_.invalid == 1; }));
+    ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == 1; }));
     const int before = openFdCount();
     [[maybe_unused]] const long rssBefore = residentKiB();
     constexpr int kCycles = 10'000;
@@ -386,7 +390,7 @@ TEST_F(ServiceTest, TenThousandConnectionsLeaveNoDescriptorsBehind) {
         ASSERT_TRUE(c);
         if (i % 2) c->sendRaw(std::vector<uint8_t>{'Z', 'R'});  // half of them leave a partial frame
     }
-    ASSERT_TRUE(rec_.waitFor([&] { return rec_.invalid == kCycles + 1; }, 60s)) << rec_.invalid;
+    ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == kCycles + 1; }, 60s)) << rec_->invalid;
     // The last connection's pidfd goes when the delivery thread lets go of it,
     // just after its final event.
     for (int i = 0; i < 100 && openFdCount() != before; ++i) std::this_thread::sleep_for(10ms);
