@@ -111,13 +111,9 @@ TEST(PlexaHeader, FreshHeaderLayout) {
     EXPECT_EQ(std::memcmp(rec(h, 0), kHFSPlusType, 16), 0);
     const uint8_t name[12] = {'P', 0, 'l', 0, 'e', 0, 'x', 0, 'a', 0, 0, 0};
     EXPECT_EQ(std::memcmp(rec(h, 0) + hdr::kRecordName, name, sizeof name), 0);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 0), 0xF000);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 1), 0x0000);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 968), 967);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 969), 0xF111);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 975), 0xF111);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 976), 0xF3FF);
-    EXPECT_EQ(hdr::chunkEntry(h.data(), 1023), 0xF3FF);
+    const std::pair<uint32_t, uint16_t> entries[] = {
+        {0, 0xF000}, {1, 0x0000}, {968, 967}, {969, 0xF111}, {975, 0xF111}, {976, 0xF3FF}, {1023, 0xF3FF}};
+    for (auto [i, key] : entries) EXPECT_EQ(hdr::chunkEntry(h.data(), i), key) << "entry " << i;
     EXPECT_EQ(check(g, h), "");
 
     // A record filled by the library is accepted whatever its padding holds.
@@ -234,81 +230,13 @@ TEST_F(PlexaAcquire, ReportsWhatItFound) {
     close(pipeFds[1]);
 }
 
-TEST(PlexaCheck, NamesTheFirstViolation) {
-    PlexaMediaProperties g = geometry();
-    const uint64_t base = 16384 + 8192, cs = g.chunkSize;
-    std::mt19937_64 rng(1);
-    // Partition 0: 3 chunks, partition 1: 2 chunks and a half.
-    const Header good =
-        *consistentHeader(g, {{base, base + 3 * cs}, {base + 4 * cs, base + 6 * cs + 4096}}, rng);
-    ASSERT_EQ(check(g, good), "");
-    auto entryOf = [&](const Header& h, uint16_t key) {
-        for (uint32_t i = 1; i < g.chunkCount; i++)
-            if (hdr::chunkEntry(h.data(), i) == key) return i;
-        return 0u;
-    };
-    const uint32_t spare = entryOf(good, hdr::kChunkFree);
-
-    struct Case {
-        std::string message;
-        std::function<void(Header&)> mutate;
-    };
-    const std::vector<Case> cases = {
-        {"plexa: media header mismatch\n", [](Header& h) { h[0] ^= 1; }},
-        {"plexa: media size mismatch\n", [](Header& h) { h[hdr::kMediaSize] ^= 1; }},
-        {"plexa: illegal partition count\n",
-         [](Header& h) { storeLE32(h.data() + hdr::kPartitionCount, 9); }},
-        {"plexa: partition 1 has type zero\n", [](Header& h) { std::memset(rec(h, 1), 0, 16); }},
-        {"plexa: partition 0 has identity zero\n", [](Header& h) { std::memset(rec(h, 0) + 16, 0, 16); }},
-        {"plexa: partition 0 starts too low\n",
-         [&](Header& h) { setRange(h, 0, base - 4096, base + 3 * cs); }},
-        {"plexa: partition 1 ends too high\n",
-         [&](Header& h) { setRange(h, 1, base + 4 * cs, base + g.partitionSpace + 4096); }},
-        {"plexa: partition 1 start/end not in order\n",
-         [&](Header& h) { setRange(h, 1, base + 4 * cs, base + 4 * cs); }},
-        {"plexa: partition 1 start/end not block aligned\n",
-         [&](Header& h) { setRange(h, 1, base + 4 * cs, base + 6 * cs + 512); }},
-        {"plexa: partition 1 overlaps partition 0\n",
-         [&](Header& h) { setRange(h, 1, base + 2 * cs, base + 5 * cs); }},
-        {"plexa: partition 1 missing chunk 0x0002\n",
-         [&](Header& h) { hdr::setChunkEntry(h.data(), entryOf(h, 0x1002), hdr::kChunkFree); }},
-        // A chunk held twice is reported the same way.
-        {"plexa: partition 0 missing chunk 0x0001\n",
-         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0001); }},
-        // Two bad partitions: the lower one is named.
-        {"plexa: partition 0 has type zero\n",
-         [&](Header& h) {
-             std::memset(rec(h, 1), 0, 16);
-             std::memset(rec(h, 0), 0, 16);
-         }},
-        {"plexa: partition 5 orphaned\n", [](Header& h) { rec(h, 5)[hdr::kRecordEnd] = 1; }},
-        {"plexa: chunk zero not marked reserved\n",
-         [](Header& h) { hdr::setChunkEntry(h.data(), 0, 0xF111); }},
-        {format("plexa: chunk 0x%04x claims nonexistent partition (0x2000)\n", spare),
-         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x2000); }},
-        {format("plexa: chunk 0x%04x assigned to invalid partition offset (0x0003)\n", spare),
-         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0003); }},
-        // Bits 10 and 11 of an entry are never part of a valid offset.
-        {format("plexa: chunk 0x%04x assigned to invalid partition offset (0x0c00)\n", spare),
-         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0C00); }},
-        {"plexa: chunk 0x03d0 not invalid (0x0000)\n",
-         [](Header& h) { hdr::setChunkEntry(h.data(), 976, 0); }},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.message);
-        Header h = good;
-        c.mutate(h);
-        EXPECT_EQ(check(g, h), c.message);
-    }
-}
-
-class PlexaRepair : public testing::Test {
+// Partition 0 holds 5 chunks, partition 1 two and a half, spread at random.
+class PlexaMap : public testing::Test {
   protected:
     void SetUp() override {
-        base_ = 16384 + 8192;
-        cs_ = g_.chunkSize;
         std::mt19937_64 rng(2);
-        good_ = *consistentHeader(g_, {{base_, base_ + 5 * cs_}, {base_ + 6 * cs_, base_ + 8 * cs_}}, rng);
+        good_ =
+            *consistentHeader(g_, {{base_, base_ + 5 * cs_}, {base_ + 6 * cs_, base_ + 8 * cs_ + 4096}}, rng);
         ASSERT_EQ(check(g_, good_), "");
     }
     uint32_t entryOf(const Header& h, uint16_t key) {
@@ -326,11 +254,68 @@ class PlexaRepair : public testing::Test {
     }
 
     PlexaMediaProperties g_ = geometry();
-    uint64_t base_ = 0, cs_ = 0;
+    const uint64_t base_ = 16384 + 8192, cs_ = g_.chunkSize;
     Header good_{};
 };
 
-TEST_F(PlexaRepair, DeletesFromTheFirstBadPartitionOn) {
+TEST_F(PlexaMap, CheckNamesTheFirstViolation) {
+    const uint64_t base = base_, cs = cs_;
+    const uint32_t spare = entryOf(good_, hdr::kChunkFree);
+
+    struct Case {
+        std::string message;
+        std::function<void(Header&)> mutate;
+    };
+    const std::vector<Case> cases = {
+        {"plexa: media header mismatch\n", [](Header& h) { h[0] ^= 1; }},
+        {"plexa: media size mismatch\n", [](Header& h) { h[hdr::kMediaSize] ^= 1; }},
+        {"plexa: illegal partition count\n",
+         [](Header& h) { storeLE32(h.data() + hdr::kPartitionCount, 9); }},
+        {"plexa: partition 1 has type zero\n", [](Header& h) { std::memset(rec(h, 1), 0, 16); }},
+        {"plexa: partition 0 has identity zero\n", [](Header& h) { std::memset(rec(h, 0) + 16, 0, 16); }},
+        {"plexa: partition 0 starts too low\n",
+         [&](Header& h) { setRange(h, 0, base - 4096, base + 5 * cs); }},
+        {"plexa: partition 1 ends too high\n",
+         [&](Header& h) { setRange(h, 1, base + 6 * cs, base + g_.partitionSpace + 4096); }},
+        {"plexa: partition 1 start/end not in order\n",
+         [&](Header& h) { setRange(h, 1, base + 6 * cs, base + 6 * cs); }},
+        {"plexa: partition 1 start/end not block aligned\n",
+         [&](Header& h) { setRange(h, 1, base + 6 * cs, base + 8 * cs + 512); }},
+        {"plexa: partition 1 overlaps partition 0\n",
+         [&](Header& h) { setRange(h, 1, base + 4 * cs, base + 7 * cs); }},
+        {"plexa: partition 1 missing chunk 0x0002\n",
+         [&](Header& h) { hdr::setChunkEntry(h.data(), entryOf(h, 0x1002), hdr::kChunkFree); }},
+        // A chunk held twice is reported the same way.
+        {"plexa: partition 0 missing chunk 0x0001\n",
+         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0001); }},
+        // Two bad partitions: the lower one is named.
+        {"plexa: partition 0 has type zero\n",
+         [&](Header& h) {
+             std::memset(rec(h, 1), 0, 16);
+             std::memset(rec(h, 0), 0, 16);
+         }},
+        {"plexa: partition 5 orphaned\n", [](Header& h) { rec(h, 5)[hdr::kRecordEnd] = 1; }},
+        {"plexa: chunk zero not marked reserved\n",
+         [](Header& h) { hdr::setChunkEntry(h.data(), 0, 0xF111); }},
+        {format("plexa: chunk 0x%04x claims nonexistent partition (0x2000)\n", spare),
+         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x2000); }},
+        {format("plexa: chunk 0x%04x assigned to invalid partition offset (0x0005)\n", spare),
+         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0005); }},
+        // Bits 10 and 11 of an entry are never part of a valid offset.
+        {format("plexa: chunk 0x%04x assigned to invalid partition offset (0x0c00)\n", spare),
+         [&](Header& h) { hdr::setChunkEntry(h.data(), spare, 0x0C00); }},
+        {"plexa: chunk 0x03d0 not invalid (0x0000)\n",
+         [](Header& h) { hdr::setChunkEntry(h.data(), 976, 0); }},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.message);
+        Header h = good_;
+        c.mutate(h);
+        EXPECT_EQ(check(g_, h), c.message);
+    }
+}
+
+TEST_F(PlexaMap, RepairDeletesFromTheFirstBadPartitionOn) {
     Header h = good_;
     setRange(h, 1, base_ + cs_, base_ + 3 * cs_);  // inside partition 0
     Header strict = h;
@@ -340,7 +325,7 @@ TEST_F(PlexaRepair, DeletesFromTheFirstBadPartitionOn) {
     EXPECT_EQ(repair(g_, h, 0, 0),
               "plexa: partition 1 out of order or overlapping\n"
               "plexa: deleting partition(s) and fixing partition count\n" +
-                  reclaimed(good_, {0x1000, 0x1001},
+                  reclaimed(good_, {0x1000, 0x1001, 0x1002},
                             "plexa: reclaiming chunk 0x%04x not assigned to valid partition\n"));
     EXPECT_EQ(loadLE32(h.data() + hdr::kPartitionCount), 1u);
     EXPECT_EQ(std::memcmp(hdr::record(h.data(), 0), hdr::record(good_.data(), 0), hdr::kRecordSize), 0);
@@ -352,11 +337,12 @@ TEST_F(PlexaRepair, DeletesFromTheFirstBadPartitionOn) {
     hdr::setChunkEntry(h.data(), entryOf(h, 0x1000), hdr::kChunkFree);
     EXPECT_EQ(repair(g_, h, 0, 0),
               "plexa: deleting partition(s) and fixing partition count\n" +
-                  reclaimed(h, {0x1001}, "plexa: reclaiming chunk 0x%04x not assigned to valid partition\n"));
+                  reclaimed(h, {0x1001, 0x1002},
+                            "plexa: reclaiming chunk 0x%04x not assigned to valid partition\n"));
     EXPECT_EQ(loadLE32(h.data() + hdr::kPartitionCount), 1u);
 }
 
-TEST_F(PlexaRepair, TruncatesAtTheFirstGapOnly) {
+TEST_F(PlexaMap, RepairTruncatesAtTheFirstGapOnly) {
     Header h = good_;
     hdr::setChunkEntry(h.data(), entryOf(h, 0x0001), hdr::kChunkFree);
     hdr::setChunkEntry(h.data(), entryOf(h, 0x0003), hdr::kChunkFree);
@@ -373,7 +359,7 @@ TEST_F(PlexaRepair, TruncatesAtTheFirstGapOnly) {
     EXPECT_EQ(check(g_, h), "");
 }
 
-TEST_F(PlexaRepair, DuplicatesAreFreedOrRefused) {
+TEST_F(PlexaMap, RepairDuplicatesAreFreedOrRefused) {
     Header h = good_;
     const uint32_t spare = entryOf(h, hdr::kChunkFree);
     hdr::setChunkEntry(h.data(), spare, 0x1001);
@@ -384,7 +370,7 @@ TEST_F(PlexaRepair, DuplicatesAreFreedOrRefused) {
     EXPECT_EQ(hdr::chunkEntry(h.data(), std::min(spare, entryOf(good_, 0x1001))), 0x1001);
 }
 
-TEST_F(PlexaRepair, HeaderFields) {
+TEST_F(PlexaMap, RepairHeaderFields) {
     Header h = good_;
     storeLE64(h.data() + hdr::kMediaSize, g_.mediaSize - 4096);
     EXPECT_EQ(repair(g_, h, 1, 0), "plexa: adjusting header media size\n");
