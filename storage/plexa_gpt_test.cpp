@@ -60,38 +60,21 @@ int adjust(View& v, int index, uint64_t size, std::string* err = nullptr) {
     return rc;
 }
 
-TEST(PlexaGeometry, DerivesChunksFromMediaSize) {
-    PlexaMediaProperties g{};
-    CaptureStderr();
-    ASSERT_EQ(plexaInitMediaGeometry(&g, 4'096'000'000ull, 4096), 0);
-    EXPECT_EQ(GetCapturedStderr(), "");
-    EXPECT_EQ(g.mediaSize, 4'096'000'000ull);
-    EXPECT_EQ(g.blockShift, 12u);
-    EXPECT_EQ(g.chunkShift, 22u);
-    EXPECT_EQ(g.chunkSize, 4u << 20);
-    EXPECT_EQ(g.chunkCount, 976u);
-    EXPECT_EQ(g.partitionSpace, 968ull << 22);
-
-    // A medium of exactly 1024 chunks still fits; one byte more doubles the chunk.
-    ASSERT_EQ(plexaInitMediaGeometry(&g, 1024ull << 22, 4096), 0);
-    EXPECT_EQ(g.chunkShift, 22u);
-    EXPECT_EQ(g.chunkCount, 1024u);
-    ASSERT_EQ(plexaInitMediaGeometry(&g, (1024ull << 22) + 1, 4096), 0);
-    EXPECT_EQ(g.chunkShift, 23u);
-    EXPECT_EQ(g.chunkCount, 512u);
-}
-
-TEST(PlexaGeometry, RejectsUnsupportedMedia) {
+TEST(PlexaGeometry, DerivesChunksOrRefusesTheMedia) {
     struct Case {
         uint64_t mediaSize;
         uint32_t blockSize;
         int rc;
         const char* message;
+        uint32_t chunkShift = 0, chunkCount = 0;  // checked when set
     } cases[] = {
+        {4'096'000'000ull, 4096, 0, "", 22, 976},
+        // A medium of exactly 1024 chunks still fits; one byte more doubles the chunk.
+        {1024ull << 22, 4096, 0, "", 22, 1024},
+        {(1024ull << 22) + 1, 4096, 0, "", 23, 512},
         {(1ull << 42) + 1, 2048, -1, "plexa: media too large\n"},  // size is judged before the block
         {1ull << 30, 2048, -1, "plexa: media block size too small\n"},
         {1ull << 30, 32768, -1, "plexa: media block size too large\n"},
-        {1ull << 30, 4096, 0, ""},
         {1ull << 30, 16384, 0, ""},
         {1ull << 30, 5000, 0, ""},  // not a power of two, still accepted
         // Above 2 TiB the chunk would need 4 GiB.
@@ -112,6 +95,12 @@ TEST(PlexaGeometry, RejectsUnsupportedMedia) {
         // Even a rejected record says what was asked for.
         EXPECT_EQ(g.mediaSize, c.mediaSize);
         EXPECT_EQ(g.blockSize, c.blockSize);
+        if (c.chunkCount == 0) continue;
+        EXPECT_EQ(g.blockShift, 12u);
+        EXPECT_EQ(g.chunkShift, c.chunkShift);
+        EXPECT_EQ(g.chunkSize, 1ull << c.chunkShift);
+        EXPECT_EQ(g.chunkCount, c.chunkCount);
+        EXPECT_EQ(g.partitionSpace, uint64_t(c.chunkCount - 8) << c.chunkShift);
     }
     CaptureStderr();
     EXPECT_EQ(plexaInitMediaGeometry(nullptr, 1ull << 30, 4096), -1);
@@ -144,33 +133,37 @@ TEST(PlexaAdjust, CreateAppendsANewHFSPartition) {
     EXPECT_EQ(std::memcmp(v.entry(2) + gpt::kTypeGUID, typeGPTOrder, 16), 0);
 }
 
-TEST(PlexaAdjust, RefusesWithOneLine) {
-    std::string err;
-    View v = makeView(6, 105, {{6, 55}, {56, 95}});
-    const auto before = v;
-    EXPECT_EQ(adjust(v, 3, kBlock, &err), -1);
-    EXPECT_EQ(err, "plexa: cannot adjust partition 3 - out of range\n");
-    EXPECT_EQ(adjust(v, -1, kBlock, &err), -1);
-    EXPECT_EQ(err, "plexa: cannot adjust partition -1 - out of range\n");
-    EXPECT_EQ(adjust(v, 2, 0, &err), -1);
-    EXPECT_EQ(err, "plexa: cannot create zero-sized partition\n");
-
-    // 10 free blocks; growing partition 1 by 26 leaves 16 missing.
-    EXPECT_EQ(adjust(v, 1, 66 * kBlock, &err), -1);
-    EXPECT_EQ(err, "plexa: new layout does not fit, overflows by 0x10 blocks\n");
-    EXPECT_EQ(v.count(), 2u);
-    EXPECT_EQ(v.header, before.header);
-
+TEST(PlexaAdjust, RefusesWithOneLineAndChangesNothing) {
+    const View two = makeView(6, 105, {{6, 55}, {56, 95}});
     // Index 8 is out of range whatever the header claims; a claim above 8 is
     // refused without reading past the table.
     View many = makeView(6, 9999, {{6, 15}});
     storeLE32(many.header.data() + gpt::kEntryCount, 12);
-    const auto manyBefore = many;
-    EXPECT_EQ(adjust(many, 8, kBlock, &err), -1);
-    EXPECT_EQ(err, "plexa: cannot adjust partition 8 - out of range\n");
-    EXPECT_EQ(adjust(many, 0, kBlock, &err), -1);
-    EXPECT_EQ(err, "plexa: partition count 12 exceeds the 8-entry table\n");
-    EXPECT_EQ(many.table, manyBefore.table);
+    const struct {
+        View view;
+        int index;
+        uint64_t size;
+        const char* err;
+    } cases[] = {
+        {two, 3, kBlock, "plexa: cannot adjust partition 3 - out of range\n"},
+        {two, -1, kBlock, "plexa: cannot adjust partition -1 - out of range\n"},
+        {two, 2, 0, "plexa: cannot create zero-sized partition\n"},
+        // 10 free blocks; growing partition 1 by 26 leaves 16 missing.
+        {two, 1, 66 * kBlock, "plexa: new layout does not fit, overflows by 0x10 blocks\n"},
+        {many, 8, kBlock, "plexa: cannot adjust partition 8 - out of range\n"},
+        {many, 0, kBlock, "plexa: partition count 12 exceeds the 8-entry table\n"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.err);
+        View v = c.view;
+        std::string err;
+        EXPECT_EQ(adjust(v, c.index, c.size, &err), -1);
+        EXPECT_EQ(err, c.err);
+        EXPECT_EQ(v.header, c.view.header);
+        // An oversized count claim must not let the table be touched at all.
+        if (loadLE32(c.view.header.data() + gpt::kEntryCount) > gpt::kMaxEntries)
+            EXPECT_EQ(v.table, c.view.table);
+    }
 }
 
 TEST(PlexaAdjust, CorruptEntriesNeverWrapIntoAFit) {
