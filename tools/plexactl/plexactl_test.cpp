@@ -43,19 +43,6 @@ Result shell(const std::string& dir, const std::string& command) {
     return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
 }
 
-class TempDir {
-  public:
-    TempDir() {
-        char pattern[] = "/tmp/plexactl_test_XXXXXX";
-        path_ = mkdtemp(pattern);
-    }
-    ~TempDir() { std::system(("rm -rf " + path_).c_str()); }
-    const std::string& path() const { return path_; }
-
-  private:
-    std::string path_;
-};
-
 // A loop device with 4096-byte sectors over an image, detached on every path.
 class LoopDevice {
   public:
@@ -76,10 +63,21 @@ class LoopDevice {
 
 class Plexactl : public testing::Test {
   protected:
-    Result run(const std::string& args) {
-        return shell(dir_.path(), std::string(PLEXACTL_PATH) + " " + args);
+    void SetUp() override {
+        char pattern[] = "/tmp/plexactl_test_XXXXXX";
+        ASSERT_NE(mkdtemp(pattern), nullptr);
+        dir_ = pattern;
     }
-    std::string image() const { return dir_.path() + "/disk.img"; }
+    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
+    Result run(const std::string& args) { return shell(dir_, std::string(PLEXACTL_PATH) + " " + args); }
+    // Runs plexactl and expects the exit status and, word for word, the errors.
+    Result expectRun(const std::string& args, int status, const std::string& err) {
+        Result r = run(args);
+        EXPECT_EQ(r.status, status) << args;
+        EXPECT_EQ(r.err, err) << args;
+        return r;
+    }
+    std::string image() const { return dir_ + "/disk.img"; }
     void makeImage(uint64_t size) {
         int fd = open(image().c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
@@ -105,7 +103,29 @@ class Plexactl : public testing::Test {
         patch32(kBlock + gpt::kEntryCount, inUse);
     }
 
-    TempDir dir_;
+    // A minimal view written by hand: "EFI PART", usable LBAs 6 to `lastUsable`,
+    // and `parts` as HFS Plus entries named P0, P1, ...
+    void writeView(uint64_t lastUsable, const std::vector<std::pair<uint64_t, uint64_t>>& parts) {
+        std::vector<uint8_t> blocks(3 * kBlock, 0);
+        storeLE32(blocks.data() + gpt::kMBRSignatureOffset, gpt::kMBRSignature);
+        uint8_t* h = blocks.data() + kBlock;
+        std::memcpy(h, "EFI PART", 8);
+        storeLE64(h + gpt::kFirstUsableLBA, 6);
+        storeLE64(h + gpt::kLastUsableLBA, lastUsable);
+        storeLE32(h + gpt::kEntryCount, uint32_t(parts.size()));
+        for (size_t i = 0; i < parts.size(); i++) {
+            uint8_t* e = blocks.data() + 2 * kBlock + i * gpt::kEntrySize;
+            guidSwapByteOrder(kHFSPlusType, e + gpt::kTypeGUID);
+            e[gpt::kUniqueGUID] = uint8_t(0xA0 + i);
+            storeLE64(e + gpt::kFirstLBA, parts[i].first);
+            storeLE64(e + gpt::kLastLBA, parts[i].second);
+            e[gpt::kName] = 'P';
+            e[gpt::kName + 2] = uint8_t('0' + i);
+        }
+        patch(0, blocks.data(), blocks.size());
+    }
+
+    std::string dir_;
 };
 
 // One row of "gpt show".
@@ -126,49 +146,22 @@ std::map<int, Row> showRows(const std::string& out) {
     return rows;
 }
 
-// A minimal view written by hand: "EFI PART", usable LBAs 6 to `lastUsable`,
-// and `parts` as HFS Plus entries named P0, P1, ...
-void writeView(Plexactl& t, const std::string& path, uint64_t lastUsable,
-               const std::vector<std::pair<uint64_t, uint64_t>>& parts) {
-    std::vector<uint8_t> blocks(3 * kBlock, 0);
-    storeLE32(blocks.data() + gpt::kMBRSignatureOffset, gpt::kMBRSignature);
-    uint8_t* h = blocks.data() + kBlock;
-    std::memcpy(h, "EFI PART", 8);
-    storeLE64(h + gpt::kFirstUsableLBA, 6);
-    storeLE64(h + gpt::kLastUsableLBA, lastUsable);
-    storeLE32(h + gpt::kEntryCount, uint32_t(parts.size()));
-    for (size_t i = 0; i < parts.size(); i++) {
-        uint8_t* e = blocks.data() + 2 * kBlock + i * gpt::kEntrySize;
-        guidSwapByteOrder(kHFSPlusType, e + gpt::kTypeGUID);
-        e[gpt::kUniqueGUID] = uint8_t(0xA0 + i);
-        storeLE64(e + gpt::kFirstLBA, parts[i].first);
-        storeLE64(e + gpt::kLastLBA, parts[i].second);
-        e[gpt::kName] = 'P';
-        e[gpt::kName + 2] = uint8_t('0' + i);
-    }
-    int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(pwrite(fd, blocks.data(), blocks.size(), 0), ssize_t(blocks.size()));
-    close(fd);
-}
-
 TEST_F(Plexactl, SgdiskLayoutIsReadAndPackedAsExpected) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root for a 4096-byte-sector loop device";
-    if (shell(dir_.path(), "command -v sgdisk").status != 0)
-        GTEST_SKIP() << "sgdisk (gdisk) is not installed";
+    if (shell(dir_, "command -v sgdisk").status != 0) GTEST_SKIP() << "sgdisk (gdisk) is not installed";
     makeImage(64 << 20);
-    LoopDevice loop(dir_.path(), image());
+    LoopDevice loop(dir_, image());
     if (loop.device().empty()) GTEST_SKIP() << "no loop device available";
     // Three partitions with gaps before each, in table order 0, 1, 2.
-    Result made = shell(dir_.path(),
+    Result made = shell(dir_,
                         "sgdisk -o -n 1:0:+8M -c 1:System -t 1:AF00 -n 2:+1M:+16M -c 2:Data -t 2:AF00"
                         " -n 3:+2M:+4M -c 3:Update " +
                             loop.device());
     ASSERT_EQ(made.status, 0) << made.err;
-    Result printed = shell(dir_.path(), "sgdisk -p " + loop.device());
+    Result printed = shell(dir_, "sgdisk -p " + loop.device());
     std::vector<std::string> info;
     for (int n = 1; n <= 3; n++)
-        info.push_back(shell(dir_.path(), "sgdisk -i " + std::to_string(n) + " " + loop.device()).out);
+        info.push_back(shell(dir_, "sgdisk -i " + std::to_string(n) + " " + loop.device()).out);
     Result onDevice = run("gpt show " + loop.device());
     loop.detach();
     ASSERT_EQ(onDevice.status, 0) << onDevice.err;
@@ -207,16 +200,12 @@ TEST_F(Plexactl, SgdiskLayoutIsReadAndPackedAsExpected) {
     Result resized = run("gpt resize " + image() + " 1 20M");
     ASSERT_EQ(resized.status, 0) << resized.err;
     std::map<int, Row> after = showRows(resized.out);
-    const uint64_t firstUsable = 6;
-    const uint64_t len0 = rows[0].last - rows[0].first, len1 = 20 * 256 - 1,
-                   len2 = rows[2].last - rows[2].first;
-    EXPECT_EQ(after[0].first, firstUsable);
-    EXPECT_EQ(after[0].last, firstUsable + len0);
-    EXPECT_EQ(after[1].first, after[0].last + 1);
-    EXPECT_EQ(after[1].last, after[1].first + len1);
-    EXPECT_EQ(after[2].first, after[1].last + 1);
-    EXPECT_EQ(after[2].last, after[2].first + len2);
+    const uint64_t lengths[] = {rows[0].last - rows[0].first, 20 * 256 - 1, rows[2].last - rows[2].first};
+    uint64_t next = 6;  // the first usable LBA
     for (int i = 0; i < 3; i++) {
+        EXPECT_EQ(after[i].first, next);
+        EXPECT_EQ(after[i].last, next + lengths[i]);
+        next = after[i].last + 1;
         EXPECT_EQ(after[i].unique, rows[i].unique);
         EXPECT_EQ(after[i].name, rows[i].name);
     }
@@ -235,7 +224,7 @@ TEST_F(Plexactl, SgdiskLayoutIsReadAndPackedAsExpected) {
 
 TEST_F(Plexactl, FailedAdjustmentsLeaveTheImageAlone) {
     makeImage(8 << 20);
-    writeView(*this, image(), 1000, {{6, 105}, {200, 299}});
+    writeView(1000, {{6, 105}, {200, 299}});
     const std::string before = bytes();
     struct Case {
         std::string args, err;
@@ -254,9 +243,7 @@ TEST_F(Plexactl, FailedAdjustmentsLeaveTheImageAlone) {
     for (const Case& c : cases) {
         std::string args = std::regex_replace(c.args, std::regex("IMG"), image());
         SCOPED_TRACE(args);
-        Result r = run(args);
-        EXPECT_EQ(r.status, c.status);
-        EXPECT_EQ(r.err, std::regex_replace(c.err, std::regex("IMG"), image()));
+        expectRun(args, c.status, std::regex_replace(c.err, std::regex("IMG"), image()));
         EXPECT_EQ(bytes(), before);
     }
 
@@ -270,33 +257,26 @@ TEST_F(Plexactl, FailedAdjustmentsLeaveTheImageAlone) {
     EXPECT_EQ(rows[2].last, 461u);
 
     patch32(gpt::kMBRSignatureOffset, 0);
-    Result unmanaged = run("gpt delete " + image() + " 0");
-    EXPECT_EQ(unmanaged.status, 1);
-    EXPECT_EQ(unmanaged.err,
+    expectRun("gpt delete " + image() + " 0", 1,
               "plexactl: " + image() + ": not managed by Plexa (no signature at byte 440 of block 0)\n");
 }
 
 TEST_F(Plexactl, HeaderLifecycle) {
     makeImage(16 << 20);  // 16 KiB chunks: the backup copy sits at 12 KiB
     const uint64_t backup = 12 << 10;
-    Result created = run("header create " + image());
-    ASSERT_EQ(created.status, 0) << created.err;
-    EXPECT_NE(created.out.find("Partitions:       1\n"), std::string::npos);
+    EXPECT_NE(expectRun("header create " + image(), 0, "").out.find("Partitions:       1\n"),
+              std::string::npos);
     std::string disk = bytes();
     EXPECT_EQ(disk.compare(0, 4096, disk, backup, 4096), 0);
-    Result again = run("header create " + image());
-    EXPECT_EQ(again.status, 1);
-    EXPECT_EQ(again.err, "plexactl: " + image() + ": already holds a volume header (--force replaces it)\n");
+    expectRun("header create " + image(), 1,
+              "plexactl: " + image() + ": already holds a volume header (--force replaces it)\n");
 
-    Result checked = run("header check " + image());
-    EXPECT_EQ(checked.status, 0);
-    EXPECT_EQ(checked.out, image() + ": volume header consistent\n");
+    EXPECT_EQ(expectRun("header check " + image(), 0, "").out, image() + ": volume header consistent\n");
 
     // A damaged main copy: read from the backup, and repair restores it.
     patch(3000, "x", 1);
     EXPECT_EQ(run("header check " + image()).status, 0);
-    Result repaired = run("header repair " + image());
-    EXPECT_EQ(repaired.status, 0) << repaired.err;
+    expectRun("header repair " + image(), 0, "");
     EXPECT_EQ(bytes(), disk);
     EXPECT_EQ(run("header repair " + image()).out, image() + ": nothing to repair\n");
 
@@ -308,12 +288,8 @@ TEST_F(Plexactl, HeaderLifecycle) {
     patch(0, h.data(), h.size());
     patch(backup, h.data(), h.size());
     const std::string broken = bytes();
-    Result bad = run("header check " + image());
-    EXPECT_EQ(bad.status, 1);
-    EXPECT_EQ(bad.err, "plexa: partition 0 missing chunk 0x0005\n");
-    Result strict = run("header repair --strict " + image());
-    EXPECT_EQ(strict.status, 1);
-    EXPECT_EQ(strict.err, "plexa: partition 0 missing chunk 0x0005\n");
+    expectRun("header check " + image(), 1, "plexa: partition 0 missing chunk 0x0005\n");
+    expectRun("header repair --strict " + image(), 1, "plexa: partition 0 missing chunk 0x0005\n");
     EXPECT_EQ(bytes(), broken);
     Result fixed = run("header repair " + image());
     EXPECT_EQ(fixed.status, 0);
@@ -327,8 +303,7 @@ TEST_F(Plexactl, HeaderLifecycle) {
     Result shown = run("header show " + image());
     EXPECT_NE(shown.out.find("  0  bytes 24576-106496 (81920)"), std::string::npos) << shown.out;
 
-    Result empty = run("header show " + dir_.path() + "/stdout");
-    EXPECT_EQ(empty.status, 1);
+    EXPECT_EQ(run("header show " + dir_ + "/stdout").status, 1);  // an empty file
 }
 
 }  // namespace
