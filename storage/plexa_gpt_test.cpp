@@ -75,6 +75,7 @@ TEST(PlexaGeometry, DerivesChunksOrRefusesTheMedia) {
         {(1ull << 42) + 1, 2048, -1, "plexa: media too large\n"},  // size is judged before the block
         {1ull << 30, 2048, -1, "plexa: media block size too small\n"},
         {1ull << 30, 32768, -1, "plexa: media block size too large\n"},
+        {1ull << 30, 4096, 0, ""},
         {1ull << 30, 16384, 0, ""},
         {1ull << 30, 5000, 0, ""},  // not a power of two, still accepted
         // Above 2 TiB the chunk would need 4 GiB.
