@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -37,8 +38,9 @@ struct CachedFile {
 };
 
 // The registry is consulted on every request and parsing its files was most
-// of a request's cost, so parsed files are kept and each lookup only lists the
-// folder and compares stamps: a changed, added or removed file still takes
+// of a request's cost, so parsed files are kept. A lookup compares the
+// folder's stamp and each known file's stamp; only when one of them changed
+// is the folder listed again, so a changed, added or removed file still takes
 // effect at the very next lookup.
 class RegistryCache {
   public:
@@ -49,6 +51,65 @@ class RegistryCache {
 
     // The parsed registry files of `dir`, in name order.
     std::vector<std::shared_ptr<const plist::Value>> load(const std::string& dir) {
+        struct stat dirStat;
+        if (::stat(dir.c_str(), &dirStat) != 0 || !S_ISDIR(dirStat.st_mode)) return {};
+        const Stamp dirStamp = stampOf(dirStat);
+        {
+            std::lock_guard lock(mu_);
+            auto it = folders_.find(dir);
+            if (it != folders_.end() && it->second.settled && it->second.stamp == dirStamp &&
+                filesUnchanged(dir, it->second.files))
+                return rootsOf(it->second.files);
+        }
+        return relist(dir, dirStamp);
+    }
+
+  private:
+    static constexpr size_t kMaxFolders = 16;
+
+    // Timestamps only move on at the file system's clock tick, so a folder
+    // changed twice within one tick keeps its stamp. A folder is trusted
+    // without listing only once its modification time is further in the past
+    // than a tick; any later change of its entries sets it to the present
+    // again. Ticks are a few milliseconds, but a file system that keeps whole
+    // seconds only (a time without nanoseconds) gets two of them.
+    static constexpr int64_t kSettleNs = 100'000'000LL;
+    static constexpr int64_t kWholeSecondSettleNs = 2'000'000'000LL;
+
+    struct Folder {
+        Stamp stamp;
+        bool settled = false;
+        std::map<std::string, CachedFile> files;
+    };
+
+    static bool filesUnchanged(const std::string& dir, const std::map<std::string, CachedFile>& files) {
+        std::string path;
+        for (const auto& [name, file] : files) {
+            path.assign(dir).append("/").append(name);
+            struct stat st;
+            if (::stat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode) || !(stampOf(st) == file.stamp))
+                return false;
+        }
+        return true;
+    }
+
+    static std::vector<std::shared_ptr<const plist::Value>> rootsOf(
+        const std::map<std::string, CachedFile>& files) {
+        std::vector<std::shared_ptr<const plist::Value>> roots;
+        roots.reserve(files.size());
+        for (const auto& entry : files) roots.push_back(entry.second.root);
+        return roots;
+    }
+
+    static bool settledAt(const Stamp& stamp) {
+        timespec ts{};
+        clock_gettime(CLOCK_REALTIME, &ts);
+        const int64_t now = ts.tv_sec * 1'000'000'000LL + ts.tv_nsec;
+        const bool wholeSeconds = stamp.mtimeNs % 1'000'000'000LL == 0;
+        return stamp.mtimeNs < now - (wholeSeconds ? kWholeSecondSettleNs : kSettleNs);
+    }
+
+    std::vector<std::shared_ptr<const plist::Value>> relist(const std::string& dir, const Stamp& dirStamp) {
         std::vector<std::shared_ptr<const plist::Value>> roots;
         std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
         if (!d) return roots;
@@ -66,22 +127,22 @@ class RegistryCache {
 
         std::lock_guard lock(mu_);
         if (folders_.size() > kMaxFolders && !folders_.contains(dir)) folders_.clear();
-        std::map<std::string, CachedFile>& cached = folders_[dir];
+        Folder& folder = folders_[dir];
         std::map<std::string, CachedFile> current;
         for (auto& [name, stamp] : listing) {
-            auto it = cached.find(name);
-            if (it == cached.end() || !(it->second.stamp == stamp))
+            auto it = folder.files.find(name);
+            if (it == folder.files.end() || !(it->second.stamp == stamp))
                 current[name] = CachedFile{stamp, parse(dir + "/" + name)};
             else
                 current[name] = std::move(it->second);
             roots.push_back(current[name].root);
         }
-        cached = std::move(current);  // forgets removed files
+        folder.files = std::move(current);  // forgets removed files
+        folder.stamp = dirStamp;
+        // A folder past its limit was only partly listed: keep listing it.
+        folder.settled = settledAt(dirStamp) && listing.size() < kMaxRegistryFiles;
         return roots;
     }
-
-  private:
-    static constexpr size_t kMaxFolders = 16;
 
     static std::shared_ptr<const plist::Value> parse(const std::string& path) {
         std::optional<plist::Value> root = plist::readFile(path);
@@ -95,7 +156,7 @@ class RegistryCache {
     }
 
     std::mutex mu_;
-    std::map<std::string, std::map<std::string, CachedFile>> folders_;
+    std::map<std::string, Folder> folders_;
 };
 
 bool entryApplies(const plist::Dictionary& entry, const std::string& executable, uid_t uid) {

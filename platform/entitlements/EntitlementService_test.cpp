@@ -1,5 +1,7 @@
 #include "platform/entitlements/EntitlementService.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -106,6 +108,42 @@ TEST_F(RegistryTest, RegistryIsReadAfreshForEveryLookup) {
 
     std::filesystem::remove_all(dir_);
     EXPECT_FALSE(lookup());  // no registry at all
+}
+
+// A folder whose last change is long past is not listed again while it and
+// its files keep their stamps; every kind of change must still show at once.
+TEST_F(RegistryTest, SettledFolderStillSeesEveryChange) {
+    const auto settle = [this] {
+        // Files too, so that an edit within the same clock tick still
+        // changes their stamp.
+        const timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
+        for (const auto& entry : std::filesystem::directory_iterator(dir_))
+            ASSERT_EQ(utimensat(AT_FDCWD, entry.path().c_str(), times, 0), 0);
+        ASSERT_EQ(utimensat(AT_FDCWD, dir_.c_str(), times, 0), 0);
+        lookup();  // lists the folder with its old modification time
+    };
+    writeEntry("b.plist", kProgram, std::nullopt, plist::Value("true"));
+    settle();
+    EXPECT_EQ(lookup(), plist::Value("true"));
+
+    writeEntry("tmp.plist", kProgram, std::nullopt, plist::Value("fals"));
+    settle();
+    std::filesystem::copy_file(dir_ + "/tmp.plist", dir_ + "/b.plist",
+                               std::filesystem::copy_options::overwrite_existing);
+    EXPECT_EQ(lookup(), plist::Value("fals"));  // edited in place, same size
+
+    std::filesystem::remove(dir_ + "/tmp.plist");
+    settle();
+    writeEntry("a.plist", kProgram, std::nullopt, plist::Value(7));
+    EXPECT_EQ(lookup(), plist::Value(7));  // added, and first in name order
+
+    settle();
+    std::filesystem::remove(dir_ + "/a.plist");
+    EXPECT_EQ(lookup(), plist::Value("fals"));
+
+    settle();
+    std::filesystem::remove(dir_ + "/b.plist");
+    EXPECT_FALSE(lookup());
 }
 
 TEST_F(RegistryTest, NonIntegerUserIDBindsNobody) {
