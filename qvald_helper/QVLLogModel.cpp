@@ -24,6 +24,8 @@ namespace {
 
 constexpr const char* kFinishDemoRestoreLog = "finish-demo-retore.log";
 constexpr const char* kWritabilityProbe = "testWritability.log";
+// A line buffer grown past this by one long line is given back afterwards.
+constexpr size_t kKeptLineCapacity = 4096;
 
 double unixNow() {
     timespec ts{};
@@ -75,6 +77,26 @@ bool systemLogAvailable() {
     return available.load(std::memory_order_relaxed);
 }
 
+// The date text of a second, "2026-11-22 21:04:05 +0000". Every line starts
+// with it and it changes once a second, so each thread keeps the last one.
+std::string_view cachedDateText(double unixSeconds) {
+    struct Cache {
+        bool valid = false;
+        time_t second = 0;
+        char text[64] = {};
+    };
+    thread_local Cache cache;
+    const time_t t = static_cast<time_t>(std::floor(unixSeconds));
+    if (!cache.valid || cache.second != t) {
+        tm parts{};
+        gmtime_r(&t, &parts);
+        strftime(cache.text, sizeof cache.text, "%Y-%m-%d %H:%M:%S +0000", &parts);
+        cache.second = t;
+        cache.valid = true;
+    }
+    return cache.text;
+}
+
 // The system-log copy; also what tests capture.
 void writeSystemLog(std::string_view message) {
     if (!systemLogAvailable()) return;
@@ -89,12 +111,7 @@ QVLLogModel& QVLLogModel::sharedInstance() {
 }
 
 std::string QVLLogModel::dateText(double unixSeconds) {
-    time_t t = static_cast<time_t>(std::floor(unixSeconds));
-    tm parts{};
-    gmtime_r(&t, &parts);
-    char buf[64];
-    strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &parts);
-    return buf;
+    return std::string(cachedDateText(unixSeconds));
 }
 
 void QVLLogModel::systemLog(std::string_view message) {
@@ -108,7 +125,11 @@ void QVLLogModel::systemLog(std::string_view message) {
 }
 
 void QVLLogModel::logMessage(std::string_view message) {
-    std::string line = QVLStringWithFormat("%@ %@\n", dateText(now()), message);
+    // Every request logs a few lines: the line is built in a buffer kept per
+    // thread, so a line costs no allocation.
+    thread_local std::string line;
+    line.clear();
+    line.append(cachedDateText(now())).append(1, ' ').append(message).append(1, '\n');
     {
         std::lock_guard<std::mutex> guard(lock_);
         if (logFP_) {
@@ -116,6 +137,7 @@ void QVLLogModel::logMessage(std::string_view message) {
             fflush(logFP_);
         }
     }
+    if (line.capacity() > kKeptLineCapacity) std::string().swap(line);  // a rare long line
     systemLog(message);
 }
 

@@ -52,6 +52,25 @@ TEST_F(LogModelTest, DateTextAndFileName) {
         << name;
 }
 
+// Lines carry the date of their own second, whatever was logged before, and
+// a long line between short ones leaves them whole.
+TEST_F(LogModelTest, EachLineCarriesItsOwnSecond) {
+    const std::string path = dir_ + "/lines.log";
+    ASSERT_TRUE(model().enableLogToFile(path));
+    double clock = 1795381445.25;
+    model().setClockForTesting([&clock] { return clock; });
+    const std::string longText(10000, 'x');
+    model().logMessage("one");
+    clock = 1795381445.999;
+    model().logMessage(longText);
+    clock = 1795381446.0;
+    model().logMessage("two");
+    clock = 1795381444.5;  // the clock was set back
+    model().logMessage("three");
+    EXPECT_EQ(readAll(path), "2026-11-22 21:04:05 +0000 one\n2026-11-22 21:04:05 +0000 " + longText +
+                                 "\n2026-11-22 21:04:06 +0000 two\n2026-11-22 21:04:04 +0000 three\n");
+}
+
 TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
     touch("qvald_helper-20200101.log");
     touch("finish-demo-retore.log");
