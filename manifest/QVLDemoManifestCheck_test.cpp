@@ -41,11 +41,18 @@ Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644, s
     return r;
 }
 
-Dictionary withAttribute(Dictionary r, const char* key, Value value) {
-    Dictionary attributes = *r.getDictionary("QVLManifestFileAttributes");
-    attributes.set(key, std::move(value));
-    r.set("QVLManifestFileAttributes", attributes);
-    return r;
+// `d` with `key` set, or removed when `value` is empty.
+Dictionary with(Dictionary d, const char* key, std::optional<Value> value) {
+    if (value)
+        d.set(key, std::move(*value));
+    else
+        d.erase(key);
+    return d;
+}
+
+Dictionary withAttribute(const Dictionary& r, const char* key, std::optional<Value> value) {
+    return with(r, "QVLManifestFileAttributes",
+                with(*r.getDictionary("QVLManifestFileAttributes"), key, value));
 }
 
 Dictionary files(std::initializer_list<std::pair<std::string, Dictionary>> entries) {
@@ -119,11 +126,7 @@ TEST_F(QVLDemoManifestCheckTest, SetIdBitsAreRefusedInEverySection) {
     // A mode that is not a number is refused; no mode at all restores none.
     EXPECT_FALSE(checkOne("GroupData", "/x", withAttribute(record(), "NSFilePosixPermissions", "0644")));
     EXPECT_TRUE(capture.contains("File permissions failed for file:/x(-1)"));
-    Dictionary noMode = record();
-    Dictionary attributes = *noMode.getDictionary("QVLManifestFileAttributes");
-    attributes.erase("NSFilePosixPermissions");
-    noMode.set("QVLManifestFileAttributes", attributes);
-    EXPECT_TRUE(checkOne("GroupData", "/x", noMode));
+    EXPECT_TRUE(checkOne("GroupData", "/x", withAttribute(record(), "NSFilePosixPermissions", std::nullopt)));
 }
 
 TEST_F(QVLDemoManifestCheckTest, FileTypesAndMissingAttributes) {
@@ -136,11 +139,7 @@ TEST_F(QVLDemoManifestCheckTest, FileTypesAndMissingAttributes) {
     }
     EXPECT_TRUE(capture.contains("Not a valid fileType(NSFileTypeSocket) for file:/var/mobile/Media/s"));
 
-    Dictionary noType = record();
-    Dictionary attributes = *noType.getDictionary("QVLManifestFileAttributes");
-    attributes.erase("NSFileType");
-    noType.set("QVLManifestFileAttributes", attributes);
-    EXPECT_FALSE(checkOne("AppData", "/notype", noType));
+    EXPECT_FALSE(checkOne("AppData", "/notype", withAttribute(record(), "NSFileType", std::nullopt)));
     EXPECT_TRUE(capture.containsPrefix("Not a valid fileType("));
 
     Dictionary noAttributes = record();
@@ -348,60 +347,51 @@ TEST_F(LayoutTest, OnlyMobileOwnedIconLayoutFiles) {
     EXPECT_EQ(layoutFailure(files({{other, record()}, {kIconState, record()}})), notAllowed);
     EXPECT_EQ(layoutFailure(Dictionary()), "");
     EXPECT_FALSE(checker_->runAppLayoutSecurityCheck(nullptr));
-
-    const std::string at = std::string(" for ") + kIconState;
-    Dictionary fifth = record();
-    fifth.set("Extra", 1);
-    EXPECT_EQ(layoutFailure(files({{kIconState, fifth}})),
-              "Vantor signed compoennt in wrong format (manifest keys)" + at);
-    Dictionary noXattrs = record();
-    noXattrs.erase("QVLManifestFileExtendedAttributes");
-    EXPECT_EQ(layoutFailure(files({{kIconState, noXattrs}})),
-              "Vantor signed compoennt in wrong format (manifest keys)" + at);
-    EXPECT_EQ(layoutFailure(files({{kIconState, record("NSFileTypeRegular", 0644, "/etc/shadow")}})),
-              "Vantor signed compoennt in wrong format (symlink target)" + at);
-    Dictionary attrsNotDict = record();
-    attrsNotDict.set("QVLManifestFileAttributes", "attributes");
-    EXPECT_EQ(layoutFailure(files({{kIconState, attrsNotDict}})),
-              "Vantor signed compoennt in wrong format (no file attributes)" + at);
     Dictionary stringRecord;
     stringRecord.set(kIconState, "record");
-    EXPECT_EQ(layoutFailure(stringRecord), "Vantor signed component in wrong format (no manifest)" + at);
+    EXPECT_EQ(layoutFailure(stringRecord),
+              std::string("Vantor signed component in wrong format (no manifest) for ") + kIconState);
 }
 
-TEST_F(LayoutTest, AttributesOfIconLayoutFiles) {
-    const std::string at = std::string(" for ") + kIconState;
+TEST_F(LayoutTest, RecordsAndAttributesOfIconLayoutFiles) {
     const std::string notMobile =
         std::string("Vantor signed compoennt can only contain mobile owned file - ") + kIconState;
-    auto with = [](const char* key, Value v) {
-        return files({{kIconState, withAttribute(record(), key, std::move(v))}});
+    const struct {
+        Dictionary record;
+        std::string logLine;  // a short text is a wrong format reason
+    } cases[] = {
+        {with(record(), "Extra", Value(1)), "manifest keys"},
+        {with(record(), "QVLManifestFileExtendedAttributes", std::nullopt), "manifest keys"},
+        {record("NSFileTypeRegular", 0644, "/etc/shadow"), "symlink target"},
+        {with(record(), "QVLManifestFileAttributes", Value("attributes")), "no file attributes"},
+        {withAttribute(record(), "NSFileType", Value(1)), "file type"},
+        {withAttribute(record(), "NSFileType", Value("NSFileTypeDirectory")),
+         std::string("Vantor signed compoennt can only contain regular files - ") + kIconState},
+        {withAttribute(record(), "NSFileOwnerAccountID", Value("501")), "owner ID"},
+        {withAttribute(record(), "NSFileOwnerAccountID", Value(0)), notMobile},
+        {withAttribute(record(), "NSFileGroupOwnerAccountID", Value("501")), "owner ID"},
+        {withAttribute(record(), "NSFileGroupOwnerAccountID", Value(0)), notMobile},
+        {withAttribute(record(), "NSFileOwnerAccountName", Value(501)), "owner name"},
+        {withAttribute(record(), "NSFileOwnerAccountName", Value("root")), notMobile},
+        {withAttribute(record(), "NSFileGroupOwnerAccountName", Value(501)), "onwer name"},
+        {withAttribute(record(), "NSFileGroupOwnerAccountName", Value("wheel")), notMobile},
+        {withAttribute(record(), "NSFilePosixPermissions", Value("0644")), "permission"},
+        {withAttribute(record(), "NSFilePosixPermissions", Value(02755)),
+         std::string("Vantor signed compoennt contains setuid item: ") + kIconState},
     };
-
-    EXPECT_EQ(layoutFailure(with("NSFileType", 1)),
-              "Vantor signed compoennt in wrong format (file type)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFileType", "NSFileTypeDirectory")),
-              std::string("Vantor signed compoennt can only contain regular files - ") + kIconState);
-    EXPECT_EQ(layoutFailure(with("NSFileOwnerAccountID", "501")),
-              "Vantor signed compoennt in wrong format (owner ID)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFileOwnerAccountID", 0)), notMobile);
-    EXPECT_EQ(layoutFailure(with("NSFileGroupOwnerAccountID", "501")),
-              "Vantor signed compoennt in wrong format (owner ID)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFileGroupOwnerAccountID", 0)), notMobile);
-    EXPECT_EQ(layoutFailure(with("NSFileOwnerAccountName", 501)),
-              "Vantor signed compoennt in wrong format (owner name)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFileOwnerAccountName", "root")), notMobile);
-    EXPECT_EQ(layoutFailure(with("NSFileGroupOwnerAccountName", 501)),
-              "Vantor signed compoennt in wrong format (onwer name)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFileGroupOwnerAccountName", "wheel")), notMobile);
-    EXPECT_EQ(layoutFailure(with("NSFilePosixPermissions", "0644")),
-              "Vantor signed compoennt in wrong format (permission)" + at);
-    EXPECT_EQ(layoutFailure(with("NSFilePosixPermissions", 02755)),
-              std::string("Vantor signed compoennt contains setuid item: ") + kIconState);
+    for (const auto& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases) + ": " + c.logLine);
+        const std::string expected =
+            c.logLine.starts_with("Vantor")
+                ? c.logLine
+                : "Vantor signed compoennt in wrong format (" + c.logLine + ") for " + kIconState;
+        EXPECT_EQ(layoutFailure(files({{kIconState, c.record}})), expected);
+    }
 
     // A Vantor component is checked by layout within the whole check.
     Dictionary manifest;
     manifest.set("Backup",
-                 section({{"backup.Icons", component("AppLayout", with("NSFileGroupOwnerAccountID", 0))}}));
+                 section({{"backup.Icons", component("AppLayout", files({{kIconState, cases[9].record}}))}}));
     EXPECT_FALSE(checkSegmented(manifest));
     manifest.set("Backup",
                  section({{"backup.Icons", component("AppLayout", files({{kIconState, record()}}))}}));
@@ -444,18 +434,14 @@ class EntitlementTest : public QVLDemoManifestCheckTest {
     }
 };
 
-TEST_F(EntitlementTest, NothingAnnouncedEverythingPasses) {
-    codeSignature_.status = platform::kCodeSignatureValid;
-    EXPECT_TRUE(check("/var/mobile/Media/first"));
-    EXPECT_TRUE(codeSignature_.validated.empty());
-}
-
 TEST_F(EntitlementTest, LatestBackupHoldingTheFileDecides) {
+    codeSignature_.status = platform::kCodeSignatureValid;
+    EXPECT_TRUE(check("/var/mobile/Media/first"));  // nothing announced yet
+    EXPECT_TRUE(codeSignature_.validated.empty());
     QVLLogCapture capture;
     announce("Backup", range(2, 2));
     EXPECT_TRUE(
         capture.containsPrefix("Notification received for entitlement check for: CheckEntitlementsNotify "));
-    codeSignature_.status = platform::kCodeSignatureValid;
     // In backups 1 (Skip) and 3 (Default): index 3 decides.
     EXPECT_FALSE(check("/var/mobile/Media/shared"));
     EXPECT_EQ(codeSignature_.validated, std::vector<std::string>{"/device/var/mobile/Media/shared"});
