@@ -68,10 +68,6 @@ Dictionary component(const char* checkType, Dictionary manifest) {
     return c;
 }
 
-Dictionary section(std::initializer_list<std::pair<std::string, Dictionary>> components) {
-    return files(components);
-}
-
 class FakeContainers : public platform::ContainerLookup {
   public:
     std::optional<platform::ContainerInfo> containerPath(std::string_view id,
@@ -213,10 +209,10 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
     QVLLogCapture capture;
     Dictionary manifest;
     manifest.set("Version", 3);
-    manifest.set("App", section({{"com.example.app", component("Bogus", Dictionary())}}));
-    manifest.set("AppData", section({{"com.example.ok", component("Skip", Dictionary())},
-                                     {"com.example.bad", component("Strict", Dictionary())},
-                                     {"com.example.never", component("Also bad", Dictionary())}}));
+    manifest.set("App", files({{"com.example.app", component("Bogus", Dictionary())}}));
+    manifest.set("AppData", files({{"com.example.ok", component("Skip", Dictionary())},
+                                   {"com.example.bad", component("Strict", Dictionary())},
+                                   {"com.example.never", component("Also bad", Dictionary())}}));
     EXPECT_FALSE(checkSegmented(manifest));
     EXPECT_EQ(
         capture.lines(),
@@ -233,9 +229,9 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
 
     capture.clear();
     Dictionary good;
-    good.set("AppData", section({{"com.example.ok", component("Skip", Dictionary())}}));
+    good.set("AppData", files({{"com.example.ok", component("Skip", Dictionary())}}));
     good.set("Backup",
-             section({{"backup.A", component("Default", files({{"/var/mobile/Media/x", record()}}))}}));
+             files({{"backup.A", component("Default", files({{"/var/mobile/Media/x", record()}}))}}));
     EXPECT_TRUE(checkSegmented(good));
     EXPECT_EQ(capture.lines(),
               (std::vector<std::string>{
@@ -247,7 +243,7 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
 
 TEST_F(QVLDemoManifestCheckTest, ManifestsWithoutCheckedComponentsFail) {
     Dictionary onlyApps;
-    onlyApps.set("App", section({{"com.example.app", component("Skip", Dictionary())}}));
+    onlyApps.set("App", files({{"com.example.app", component("Skip", Dictionary())}}));
     onlyApps.set("Backup", Dictionary());
     EXPECT_FALSE(checkSegmented(onlyApps));
     EXPECT_FALSE(checkSegmented(Dictionary()));
@@ -283,8 +279,8 @@ TEST_F(QVLDemoManifestCheckTest, MonolithicManifestsAreConvertedOnACopy) {
     appEntry.set("Extra", true);
     Dictionary raw;
     raw.set("Version", 2);
-    raw.set("AppData", section({{"com.example.app", appEntry}}));
-    raw.set("GroupData", section({{"group.empty", Dictionary()}, {"group.full", files({{"/g", record()}})}}));
+    raw.set("AppData", files({{"com.example.app", appEntry}}));
+    raw.set("GroupData", files({{"group.empty", Dictionary()}, {"group.full", files({{"/g", record()}})}}));
     raw.set("Backup", files({{"/var/mobile/Media/m", record()}}));
     raw.set("InstallationOrder", Array{Value("whatever")});
 
@@ -293,13 +289,13 @@ TEST_F(QVLDemoManifestCheckTest, MonolithicManifestsAreConvertedOnACopy) {
     Dictionary expectedApp = appEntry;
     expectedApp.erase("CFBundleShortVersionString");
     expectedApp.set("RigorousCheckType", "Default");
-    EXPECT_EQ(Value(*converted.getDictionary("AppData")), Value(section({{"com.example.app", expectedApp}})));
+    EXPECT_EQ(Value(*converted.getDictionary("AppData")), Value(files({{"com.example.app", expectedApp}})));
     EXPECT_EQ(Value(*converted.getDictionary("GroupData")),
-              Value(section({{"group.full", component("Default", files({{"/g", record()}}))}})));
+              Value(files({{"group.full", component("Default", files({{"/g", record()}}))}})));
     EXPECT_EQ(Value(*converted.getDictionary("ExtensionData")), Value(Dictionary()));
     EXPECT_EQ(Value(*converted.getDictionary("Backup")),
-              Value(section({{"backup.BaseBackup",
-                              component("Default", files({{"/var/mobile/Media/m", record()}}))}})));
+              Value(files({{"backup.BaseBackup",
+                            component("Default", files({{"/var/mobile/Media/m", record()}}))}})));
     EXPECT_EQ(Value(*converted.getArray("InstallationOrder")),
               Value(Array{Value("backup.BaseBackup"), Value("systemappdata")}));
     EXPECT_EQ(*converted.find("Version"), Value(2));
@@ -391,10 +387,10 @@ TEST_F(LayoutTest, RecordsAndAttributesOfIconLayoutFiles) {
     // A Vantor component is checked by layout within the whole check.
     Dictionary manifest;
     manifest.set("Backup",
-                 section({{"backup.Icons", component("AppLayout", files({{kIconState, cases[9].record}}))}}));
+                 files({{"backup.Icons", component("AppLayout", files({{kIconState, cases[9].record}}))}}));
     EXPECT_FALSE(checkSegmented(manifest));
     manifest.set("Backup",
-                 section({{"backup.Icons", component("AppLayout", files({{kIconState, record()}}))}}));
+                 files({{"backup.Icons", component("AppLayout", files({{kIconState, record()}}))}}));
     EXPECT_TRUE(checkSegmented(manifest));
 }
 
@@ -408,13 +404,13 @@ class EntitlementTest : public QVLDemoManifestCheckTest {
                      Array{Value("backup.B0"), Value("backup.B1"), Value("backup.B2"), Value("backup.B3")});
         manifest.set(
             "Backup",
-            section({{"backup.B0", component("Default", files({{"/var/mobile/Media/first", record()}}))},
-                     {"backup.B1", component("Skip", files({{"/var/mobile/Media/shared", record()}}))},
-                     {"backup.B2", component("Skip", files({{"/var/mobile/Media/other", record()}}))},
-                     {"backup.B3", component("Default", files({{"/var/mobile/Media/shared", record()}}))}}));
+            files({{"backup.B0", component("Default", files({{"/var/mobile/Media/first", record()}}))},
+                   {"backup.B1", component("Skip", files({{"/var/mobile/Media/shared", record()}}))},
+                   {"backup.B2", component("Skip", files({{"/var/mobile/Media/other", record()}}))},
+                   {"backup.B3", component("Default", files({{"/var/mobile/Media/shared", record()}}))}}));
         manifest.set("AppData",
-                     section({{"com.example.checked", component("Default", files({{"/bin", record()}}))},
-                              {"com.example.trusted", component("Skip", Dictionary())}}));
+                     files({{"com.example.checked", component("Default", files({{"/bin", record()}}))},
+                            {"com.example.trusted", component("Skip", Dictionary())}}));
         ASSERT_TRUE(checkSegmented(manifest));
     }
     void announce(const char* type, Value identifier) {
@@ -495,7 +491,7 @@ TEST_F(EntitlementTest, DataContainersDecideByTheirCheckType) {
 
 TEST_F(EntitlementTest, EachPassingCheckAddsAnObserver) {
     Dictionary again;
-    again.set("AppData", section({{"com.example.trusted", component("Skip", Dictionary())}}));
+    again.set("AppData", files({{"com.example.trusted", component("Skip", Dictionary())}}));
     ASSERT_TRUE(checkSegmented(again));
     EXPECT_EQ(center_.observerCount(), 2u);
     QVLLogCapture capture;
@@ -535,8 +531,7 @@ TEST(EntitlementSignatureTest, RealSignaturesInACheckedContainer) {
     auto checker = QVLDemoManifestCheck::create({&containers, &validator, &center});
     ASSERT_TRUE(checker);
     Dictionary manifest;
-    manifest.set("AppData",
-                 section({{"com.example.app", component("Default", files({{"/tool", record()}}))}}));
+    manifest.set("AppData", files({{"com.example.app", component("Default", files({{"/tool", record()}}))}}));
     ASSERT_TRUE(checker->secureManifestCheckForSegmentedManifest(&manifest));
     Dictionary info;
     info.set("TypeOfFiles", "AppData");

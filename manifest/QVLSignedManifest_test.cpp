@@ -425,13 +425,11 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     EXPECT_EQ(manifest->mergedBackupManifest({3, 2}), nullptr);
     EXPECT_EQ(manifest->mergedBackupManifest({0xFFFFFFFF, 2}), nullptr);
     EXPECT_EQ(manifest->mergedBackupManifest({QVLRange::kNotFound, 0}), nullptr);
-}
 
-TEST(QVLSignedManifestTest, OlderSegmentedVersionsUseTheWholeBackupSection) {
-    TestEnvironment env;
+    // Older segmented versions use the whole backup section.
     auto outer = groupedManifest();
     outer.set("Version", Value(4));
-    auto manifest = load(outer, env);
+    manifest = load(outer, env);
     ASSERT_TRUE(manifest);
     const auto backup = manifest->getBackup();
     ASSERT_TRUE(backup);
@@ -593,9 +591,7 @@ TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibIsRead) {
 // sends is inspected, what the manual key sends is not.
 TEST(QVLSignedManifestTest, ContentCheckerJudgesOnlyLessTrustedSigners) {
     platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
-    QVLDemoManifestCheck::Services checkServices;
-    checkServices.containers = &containers;
-    auto checker = QVLDemoManifestCheck::create(checkServices);
+    auto checker = QVLDemoManifestCheck::create({&containers});
     ASSERT_TRUE(checker);
 
     const auto clean = fileManifest({"/var/mobile/Documents/tool"});
