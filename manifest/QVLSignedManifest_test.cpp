@@ -338,7 +338,9 @@ TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
         services.trust = &faulty;
         QVLLogCapture capture;
         EXPECT_EQ(loadsWith(services, segmented(f.signer)), f.logLine.empty());
-        if (!f.logLine.empty()) EXPECT_TRUE(capture.contains(f.logLine));
+        if (!f.logLine.empty()) {
+            EXPECT_TRUE(capture.contains(f.logLine));
+        }
     }
 }
 

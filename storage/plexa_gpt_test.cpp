@@ -162,8 +162,9 @@ TEST(PlexaAdjust, RefusesWithOneLineAndChangesNothing) {
         EXPECT_EQ(err, c.err);
         EXPECT_EQ(v.header, c.view.header);
         // An oversized count claim must not let the table be touched at all.
-        if (loadLE32(c.view.header.data() + gpt::kEntryCount) > gpt::kMaxEntries)
+        if (loadLE32(c.view.header.data() + gpt::kEntryCount) > gpt::kMaxEntries) {
             EXPECT_EQ(v.table, c.view.table);
+        }
     }
 }
 
