@@ -392,9 +392,11 @@ TEST_F(ServiceTest, TenThousandConnectionsLeaveNoDescriptorsBehind) {
     }
     ASSERT_TRUE(rec_->waitFor([&] { return rec_->invalid == kCycles + 1; }, 60s)) << rec_->invalid;
     // The last connection's pidfd goes when the delivery thread lets go of it,
-    // just after its final event.
-    for (int i = 0; i < 100 && openFdCount() != before; ++i) std::this_thread::sleep_for(10ms);
-    EXPECT_EQ(openFdCount(), before);
+    // just after its final event. The baseline may still hold a descriptor of
+    // an earlier test's connection that closes meanwhile, so fewer is fine:
+    // a leak shows as more.
+    for (int i = 0; i < 100 && openFdCount() > before; ++i) std::this_thread::sleep_for(10ms);
+    EXPECT_LE(openFdCount(), before);
 #if !defined(__SANITIZE_ADDRESS__)
     // (AddressSanitizer keeps freed memory in quarantine, so only a plain build can tell.)
     EXPECT_LT(residentKiB() - rssBefore, 4096);
