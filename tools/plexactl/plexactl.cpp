@@ -1,5 +1,6 @@
 // plexactl: looks at and works on disk images and devices with the volume
 // library: media geometry, the GPT view and the volume manager's header.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <string>
@@ -122,6 +123,52 @@ int header(const std::string& verb, Args a) {
     return kUsageError;
 }
 
+bool isHelpFlag(const std::string& arg) {
+    return arg == "--help" || arg == "-h";
+}
+
+// "--help" after a command, or after a command and its verb, prints the usage
+// lines of what was named instead of taking the flag for an image name. The
+// words are matched against the usage text, so a new command is covered once
+// it is listed there.
+int helpFor(const Args& args) {
+    std::vector<std::string> forms, notes;
+    const std::string_view text = kUsage;
+    for (size_t start = 0, end; start < text.size(); start = end + 1) {
+        end = std::min(text.find('\n', start), text.size());
+        const std::string_view line = text.substr(start, end - start);
+        const size_t at = line.find("plexactl ");
+        if (at == std::string_view::npos) {
+            notes.emplace_back(line);
+        } else {
+            forms.emplace_back(line.substr(at));
+        }
+    }
+    auto matching = [&](const std::string& prefix) {
+        std::vector<std::string> found;
+        for (const std::string& form : forms) {
+            if (form == prefix || form.starts_with(prefix + " ")) found.push_back(form);
+        }
+        return found;
+    };
+    std::string prefix = "plexactl";
+    std::vector<std::string> found;
+    for (const std::string& word : args) {
+        if (isHelpFlag(word)) continue;
+        std::vector<std::string> narrower = matching(prefix + " " + word);
+        if (narrower.empty()) break;
+        prefix += " " + word;
+        found = std::move(narrower);
+    }
+    if (found.empty()) {
+        complain("unknown command '%s' (geometry, gpt, header; --help lists them)", args[0].c_str());
+        return kUsageError;
+    }
+    for (size_t i = 0; i < found.size(); ++i) std::printf("%s%s\n", i ? "       " : "usage: ", found[i].c_str());
+    for (const std::string& note : notes) std::printf("%s\n", note.c_str());
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -130,6 +177,7 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? kUsageError : 0;
     }
+    if (std::any_of(args.begin(), args.end(), isHelpFlag)) return helpFor(args);
     const std::string command = args[0];
     if (command == "geometry") return geometry(Args(args.begin() + 1, args.end()));
     if (command == "gpt" || command == "header") {

@@ -319,6 +319,8 @@ std::optional<Options> parseArguments(const std::vector<std::string>& args, cons
         }
     }
     o.words.assign(args.begin() + static_cast<std::ptrdiff_t>(std::min(i, args.size())), args.end());
+    // "--help" after the command asks for this text too; it is never sent as a parameter.
+    for (const std::string& word : o.words) o.help = o.help || word == "-h" || word == "--help";
     if (o.help) return o;
     if (!o.requestFile.empty() && !o.words.empty())
         return fail(error, "give either --request FILE or COMMAND [ARG...], not both"), std::nullopt;

@@ -35,6 +35,15 @@ void printUsage(FILE* stream) {
                  "does, 2 on errors. -v shows the log lines of the walk on the standard error stream.\n");
 }
 
+// "--help" anywhere after the verb asks for that verb's usage, so it is never
+// taken for a file name.
+bool asksForHelp(const std::vector<std::string>& args) {
+    for (const std::string& arg : args) {
+        if (arg == "-h" || arg == "--help") return true;
+    }
+    return false;
+}
+
 }  // namespace
 
 int fail(const std::string& message) {
@@ -68,7 +77,12 @@ int main(int argc, char** argv) {
     }
     const std::vector<std::string> args(argv + 2, argv + argc);
     for (const Verb& verb : kVerbs) {
-        if (name == verb.name) return verb.run(args);
+        if (name != verb.name) continue;
+        if (asksForHelp(args)) {
+            std::printf("usage: qvlmanifest %s %s\n      %s\n", verb.name, verb.usage, verb.summary);
+            return kExitSuccess;
+        }
+        return verb.run(args);
     }
     fail("unknown verb \"" + name + "\"");
     printUsage(stderr);
