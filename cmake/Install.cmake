@@ -85,8 +85,11 @@ set(CPACK_PACKAGE_NAME qvald-helper)
 set(CPACK_PACKAGE_VERSION ${QVL_VERSION})
 set(CPACK_PACKAGE_CONTACT "qvald_helper maintainers <root@localhost>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "Root helper of the retail demonstration daemon, and its tools")
-set(CPACK_PACKAGE_DESCRIPTION
-    "qvald_helper runs, started by its socket, the steps of the retail demonstration daemon that need root, for a client that holds its entitlement. The package also holds qvalctl, qvlplist, qvlmanifest and plexactl, and the volume library for C programs.")
+string(CONCAT CPACK_PACKAGE_DESCRIPTION
+    "qvald_helper carries out the steps of the retail demonstration daemon that\n"
+    "need root, for a client that holds its entitlement; its socket starts it.\n"
+    "With the tools qvalctl, qvlplist, qvlmanifest and plexactl, and the volume\n"
+    "library for C programs.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
