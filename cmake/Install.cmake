@@ -96,6 +96,8 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS systemd)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+# The registry entry is a conffile, as everything in /etc: an administrator's
+# edit survives upgrades, and removal keeps it until purge.
 file(WRITE ${qvl_generated}/conffiles "${QVL_ENTITLEMENT_DIR}/qvalctl-root.plist\n")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
     ${QVL_PACKAGING_DIR}/debian/postinst ${QVL_PACKAGING_DIR}/debian/prerm ${QVL_PACKAGING_DIR}/debian/postrm
