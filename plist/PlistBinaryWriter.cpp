@@ -1,0 +1,335 @@
+// Writer of the binary ("bplist00") encoding: equal strings, data and scalars
+// are stored once, integers and references take the smallest width, and
+// reals and dates are kept bit for bit.
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+
+#include "plist/PlistBinaryFormat.h"
+#include "plist/PlistCodec.h"
+
+namespace qvl::plist {
+
+namespace detail {
+namespace {
+
+unsigned widthFor(uint64_t maxValue) {
+    // Only power-of-two widths: every reader accepts those.
+    if (maxValue <= 0xFF) return 1;
+    if (maxValue <= 0xFFFF) return 2;
+    if (maxValue <= 0xFFFFFFFF) return 4;
+    return 8;
+}
+
+void appendBE(std::string& out, uint64_t v, unsigned width) {
+    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
+}
+
+void appendInteger(std::string& out, const Integer& n) {
+    if (n.isNegative()) {
+        out.push_back(0x13);
+        appendBE(out, n.bits, 8);
+    } else if (n.bits > static_cast<uint64_t>(INT64_MAX)) {
+        out.push_back(0x14);
+        appendBE(out, 0, 8);
+        appendBE(out, n.bits, 8);
+    } else {
+        const unsigned width = widthFor(n.bits);
+        out.push_back(static_cast<char>(0x10 | std::countr_zero(width)));
+        appendBE(out, n.bits, width);
+    }
+}
+
+void appendMarker(std::string& out, uint8_t kind, uint64_t count) {
+    if (count < kCountFollows) {
+        out.push_back(static_cast<char>(kind << 4 | count));
+        return;
+    }
+    out.push_back(static_cast<char>(kind << 4 | kCountFollows));
+    appendInteger(out, Integer::fromSigned(static_cast<int64_t>(count)));
+}
+
+// A quick multiply-mix over 8-byte words; the finaliser in ObjectKey::hash
+// spreads the result. Keys and paths are short, so this beats a general
+// purpose byte hash by a wide margin.
+uint64_t hashBytes(std::string_view s) {
+    uint64_t h = s.size() * 0x9E3779B97F4A7C15ull;
+    size_t i = 0;
+    for (; i + 8 <= s.size(); i += 8) {
+        uint64_t word;
+        memcpy(&word, s.data() + i, 8);
+        h = (h ^ word) * 0xFF51AFD7ED558CCDull;
+        h ^= h >> 32;
+    }
+    uint64_t tail = 0;
+    if (i < s.size()) memcpy(&tail, s.data() + i, s.size() - i);
+    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
+    return h ^ (h >> 29);
+}
+
+// What makes two objects the same for uniquing: strings by text, data by
+// bytes, other scalars by kind and exact bits.
+struct ObjectKey {
+    enum Tag : uint8_t { kString, kData, kSigned, kWideUnsigned, kRealBits, kDateBits, kBool };
+    Tag tag;
+    uint64_t bits;           // scalars
+    std::string_view bytes;  // strings and data
+    bool operator==(const ObjectKey&) const = default;
+
+    uint64_t hash() const {
+        uint64_t h = tag == kString || tag == kData ? hashBytes(bytes) : bits;
+        // splitmix64 finaliser: spreads close integers and doubles over the table.
+        h += 0x9E3779B97F4A7C15ull * (tag + 1);
+        h = (h ^ (h >> 30)) * 0xBF58476D1CE4E5B9ull;
+        h = (h ^ (h >> 27)) * 0x94D049BB133111EBull;
+        return h ^ (h >> 31);
+    }
+};
+
+// Open-addressing set of object indices, looked up by object key. A slot is
+// 8 bytes (high half of the hash, 1 + the index): far less memory and far
+// fewer allocations than a node-based map, which matters with a million
+// objects. The position comes from the top bits of the hash, which the slot
+// keeps, so growing the table never hashes a key again.
+class UniqueTable {
+  public:
+    // The index of an object equal to `key` (`keyAt` gives the key of an
+    // index), or `fresh` after recording it.
+    template <class KeyAt>
+    uint64_t findOrAdd(const ObjectKey& key, uint64_t fresh, bool& added, const KeyAt& keyAt) {
+        if (2 * (count_ + 1) > slots_.size()) grow();
+        const uint64_t high = key.hash() & kHigh;
+        const size_t mask = slots_.size() - 1;
+        for (size_t i = high >> shift_;; i = (i + 1) & mask) {
+            const uint64_t slot = slots_[i];
+            if (slot == 0) {
+                slots_[i] = high | (fresh + 1);
+                ++count_;
+                added = true;
+                return fresh;
+            }
+            const uint64_t index = (slot & ~kHigh) - 1;
+            if ((slot & kHigh) == high && keyAt(index) == key) {
+                added = false;
+                return index;
+            }
+        }
+    }
+
+  private:
+    static constexpr uint64_t kHigh = 0xFFFFFFFF00000000ull;
+
+    void grow() {
+        std::vector<uint64_t> old = std::move(slots_);
+        const size_t size = std::max<size_t>(64, old.size() * 2);
+        slots_.assign(size, 0);
+        shift_ = 64 - std::countr_zero(size);
+        const size_t mask = size - 1;
+        for (uint64_t slot : old) {
+            if (slot == 0) continue;
+            size_t i = (slot & kHigh) >> shift_;
+            while (slots_[i] != 0) i = (i + 1) & mask;
+            slots_[i] = slot;
+        }
+    }
+
+    std::vector<uint64_t> slots_;
+    size_t count_ = 0;
+    int shift_ = 64;
+};
+
+class BinaryWriter {
+  public:
+    std::string run(const Value& top) {
+        if (!flatten(top, 0)) return {};
+        const unsigned refSize = widthFor(objects_.size() - 1);
+        std::string out(kMagic);
+        std::vector<uint64_t> offsets(objects_.size());
+        for (size_t i = 0; i < objects_.size(); ++i) {
+            offsets[i] = out.size();
+            encode(objects_[i], refSize, out);
+        }
+        const uint64_t tablePosition = out.size();
+        const unsigned offsetSize = widthFor(offsets.back());
+        for (uint64_t off : offsets) appendBE(out, off, offsetSize);
+        out.append(6, '\0');
+        out.push_back(static_cast<char>(offsetSize));
+        out.push_back(static_cast<char>(refSize));
+        appendBE(out, objects_.size(), 8);
+        appendBE(out, 0, 8);  // the top object is always written first
+        appendBE(out, tablePosition, 8);
+        return out;
+    }
+
+  private:
+    struct Object {
+        const Value* value;      // null for a dictionary key
+        const std::string* key;  // the key text when `value` is null
+        // Containers: where their references start in refs_. Non-ASCII
+        // strings: 1 + their slot in utf16_. Otherwise 0.
+        size_t extra;
+    };
+
+    // Adds `v` (and what it holds) to the object list; returns its index.
+    std::optional<uint64_t> flatten(const Value& v, int depth) {
+        if (v.isArray() || v.isDictionary()) return flattenContainer(v, depth);
+        if (const std::string* s = v.asString()) return flattenString(*s, &v);
+        return unique(keyOfValue(v), &v);
+    }
+
+    // The uniquing key of an object already in the list.
+    ObjectKey keyOf(uint64_t index) const {
+        const Object& o = objects_[index];
+        if (!o.value) return {ObjectKey::kString, 0, *o.key};
+        return keyOfValue(*o.value);
+    }
+
+    static ObjectKey keyOfValue(const Value& v) {
+        switch (v.kind()) {
+            case Kind::String:
+                return {ObjectKey::kString, 0, *v.asString()};
+            case Kind::Data: {
+                const Data& d = *v.asData();
+                return {ObjectKey::kData, 0, {reinterpret_cast<const char*>(d.data()), d.size()}};
+            }
+            case Kind::Integer: {
+                const Integer& n = *v.asInteger();
+                const bool wide = !n.isNegative() && n.bits > static_cast<uint64_t>(INT64_MAX);
+                return {wide ? ObjectKey::kWideUnsigned : ObjectKey::kSigned, n.bits, {}};
+            }
+            case Kind::Real:
+                return {ObjectKey::kRealBits, std::bit_cast<uint64_t>(*v.asReal()), {}};
+            case Kind::Date:
+                return {ObjectKey::kDateBits, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), {}};
+            case Kind::Boolean:
+                return {ObjectKey::kBool, *v.asBoolean() ? 1u : 0u, {}};
+            case Kind::Array:
+            case Kind::Dictionary:
+                break;
+        }
+        return {};
+    }
+
+    std::optional<uint64_t> unique(const ObjectKey& key, const Value* v) {
+        // Slots keep 32-bit indices.
+        if (objects_.size() >= UINT32_MAX - 1) return std::nullopt;
+        bool added;
+        const uint64_t index =
+            table_.findOrAdd(key, objects_.size(), added, [this](uint64_t i) { return keyOf(i); });
+        if (added) objects_.push_back({v, nullptr, 0});
+        return index;
+    }
+
+    std::optional<uint64_t> flattenString(const std::string& s, const Value* v) {
+        if (objects_.size() >= UINT32_MAX - 1) return std::nullopt;
+        bool added;
+        const uint64_t index = table_.findOrAdd({ObjectKey::kString, 0, s}, objects_.size(), added,
+                                                [this](uint64_t i) { return keyOf(i); });
+        if (!added) return index;
+        Object object{v, v ? nullptr : &s, 0};
+        const bool ascii =
+            std::all_of(s.begin(), s.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+        if (!ascii) {
+            std::vector<uint16_t> units;
+            if (!appendUTF16(s, units)) return std::nullopt;  // not UTF-8: cannot be encoded
+            utf16_.push_back(std::move(units));
+            object.extra = utf16_.size();
+        }
+        objects_.push_back(object);
+        return index;
+    }
+
+    std::optional<uint64_t> flattenContainer(const Value& v, int depth) {
+        if (depth + 1 > kMaxDepth) return std::nullopt;
+        const uint64_t index = objects_.size();
+        const size_t first = refs_.size();
+        objects_.push_back({&v, nullptr, first});
+        if (const Array* a = v.asArray()) {
+            refs_.resize(first + a->size());
+            for (size_t i = 0; i < a->size(); ++i) {
+                auto child = flatten((*a)[i], depth + 1);
+                if (!child) return std::nullopt;
+                refs_[first + i] = *child;
+            }
+            return index;
+        }
+        const Dictionary& d = *v.asDictionary();
+        const size_t n = d.size();
+        refs_.resize(first + 2 * n);
+        for (size_t i = 0; i < n; ++i) {
+            auto key = flattenString(d.entries()[i].first, nullptr);
+            if (!key) return std::nullopt;
+            refs_[first + i] = *key;
+        }
+        for (size_t i = 0; i < n; ++i) {
+            auto child = flatten(d.entries()[i].second, depth + 1);
+            if (!child) return std::nullopt;
+            refs_[first + n + i] = *child;
+        }
+        return index;
+    }
+
+    void encodeString(const Object& o, const std::string& s, std::string& out) {
+        if (o.extra == 0) {
+            appendMarker(out, kASCIIString, s.size());
+            out += s;
+            return;
+        }
+        const std::vector<uint16_t>& units = utf16_[o.extra - 1];
+        appendMarker(out, kUTF16String, units.size());
+        for (uint16_t unit : units) appendBE(out, unit, 2);
+    }
+
+    void encode(const Object& o, unsigned refSize, std::string& out) {
+        if (!o.value) return encodeString(o, *o.key, out);
+        const Value& v = *o.value;
+        switch (v.kind()) {
+            case Kind::String:
+                return encodeString(o, *v.asString(), out);
+            case Kind::Data:
+                appendMarker(out, kData, v.asData()->size());
+                out.append(reinterpret_cast<const char*>(v.asData()->data()), v.asData()->size());
+                return;
+            case Kind::Integer:
+                return appendInteger(out, *v.asInteger());
+            case Kind::Real:
+                out.push_back(0x23);
+                appendBE(out, std::bit_cast<uint64_t>(*v.asReal()), 8);
+                return;
+            case Kind::Date:
+                out.push_back(0x33);
+                appendBE(out, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), 8);
+                return;
+            case Kind::Boolean:
+                out.push_back(static_cast<char>(*v.asBoolean() ? kTrue : kFalse));
+                return;
+            case Kind::Array: {
+                const size_t n = v.asArray()->size();
+                appendMarker(out, kArray, n);
+                for (size_t i = 0; i < n; ++i) appendBE(out, refs_[o.extra + i], refSize);
+                return;
+            }
+            case Kind::Dictionary: {
+                const size_t n = v.asDictionary()->size();
+                appendMarker(out, kDict, n);
+                for (size_t i = 0; i < 2 * n; ++i) appendBE(out, refs_[o.extra + i], refSize);
+                return;
+            }
+        }
+    }
+
+    std::vector<Object> objects_;
+    std::vector<uint64_t> refs_;
+    std::vector<std::vector<uint16_t>> utf16_;
+    UniqueTable table_;
+};
+
+}  // namespace
+}  // namespace detail
+
+std::string writeBinary(const Value& value) {
+    return detail::BinaryWriter().run(value);
+}
+
+}  // namespace qvl::plist
