@@ -144,7 +144,7 @@ class Decoder {
     std::optional<Dictionary> decodeMessage() {
         if (left() == 0) return fail("empty body");
         uint8_t tag;
-        readU8(tag);
+        readLE(tag);
         if (tag != static_cast<uint8_t>(Type::Dictionary)) return fail("body is not a dictionary");
         Dictionary d;
         if (!decodeDictionary(d, 1)) return std::nullopt;
@@ -166,29 +166,19 @@ class Decoder {
 
     size_t left() const { return static_cast<size_t>(end_ - p_); }
 
-    bool readU8(uint8_t& v) {
-        if (left() < 1) return failed("value runs past the end of the body");
-        v = *p_++;
-        return true;
-    }
-    bool readU32(uint32_t& v) {
-        if (left() < 4) return failed("value runs past the end of the body");
+    // A little-endian unsigned integer of T's width.
+    template <class T>
+    bool readLE(T& v) {
+        if (left() < sizeof(T)) return failed("value runs past the end of the body");
         v = 0;
-        for (int i = 0; i < 4; ++i) v |= static_cast<uint32_t>(p_[i]) << (8 * i);
-        p_ += 4;
-        return true;
-    }
-    bool readU64(uint64_t& v) {
-        if (left() < 8) return failed("value runs past the end of the body");
-        v = 0;
-        for (int i = 0; i < 8; ++i) v |= static_cast<uint64_t>(p_[i]) << (8 * i);
-        p_ += 8;
+        for (size_t i = 0; i < sizeof(T); ++i) v |= static_cast<T>(static_cast<T>(p_[i]) << (8 * i));
+        p_ += sizeof(T);
         return true;
     }
     // A u32 length and that many bytes.
     bool readBytes(std::string_view& out, bool allowNul) {
         uint32_t length;
-        if (!readU32(length)) return false;
+        if (!readLE(length)) return false;
         if (length > left()) return failed("length runs past the end of the body");
         out = std::string_view(reinterpret_cast<const char*>(p_), length);
         p_ += length;
@@ -199,7 +189,7 @@ class Decoder {
     // Every element takes at least `minElementSize` bytes, so a count that
     // could not fit in what is left is refused before any reservation.
     bool readCount(uint32_t& count, size_t minElementSize) {
-        if (!readU32(count)) return false;
+        if (!readLE(count)) return false;
         if (count > left() / minElementSize) return failed("count runs past the end of the body");
         return true;
     }
@@ -239,7 +229,7 @@ class Decoder {
     bool decodeValue(Value& out, int depth) {
         if (++values_ > kMaxValues) return failed("more than 2^20 values in one message");
         uint8_t tag;
-        if (!readU8(tag)) return false;
+        if (!readLE(tag)) return false;
         uint64_t u = 0;
         std::string_view bytes;
         switch (static_cast<Type>(tag)) {
@@ -248,28 +238,28 @@ class Decoder {
                 return true;
             case Type::Boolean: {
                 uint8_t b;
-                if (!readU8(b)) return false;
+                if (!readLE(b)) return false;
                 if (b > 1) return failed("boolean byte is neither 0 nor 1");
                 out = Value(b == 1);
                 return true;
             }
             case Type::Int64:
-                if (!readU64(u)) return false;
+                if (!readLE(u)) return false;
                 out = Value(static_cast<int64_t>(u));
                 return true;
             case Type::Uint64:
-                if (!readU64(u)) return false;
+                if (!readLE(u)) return false;
                 out = Value(u);
                 return true;
             case Type::Double: {
-                if (!readU64(u)) return false;
+                if (!readLE(u)) return false;
                 double d;
                 std::memcpy(&d, &u, sizeof d);
                 out = Value(d);
                 return true;
             }
             case Type::Date:
-                if (!readU64(u)) return false;
+                if (!readLE(u)) return false;
                 out = Value(Date{static_cast<int64_t>(u)});
                 return true;
             case Type::Data: {
@@ -292,7 +282,7 @@ class Decoder {
             }
             case Type::FileDescriptor: {
                 uint32_t index;
-                if (!readU32(index)) return false;
+                if (!readLE(index)) return false;
                 if (index >= descriptors_.size() || !descriptors_[index].valid())
                     return failed("descriptor index without a descriptor");
                 auto shared = std::make_shared<const UniqueFd>(std::move(descriptors_[index]));

@@ -18,11 +18,11 @@
 
 namespace qvl::zrp {
 
-namespace {
-
 std::string errnoText(std::string_view what) {
     return std::string(what) + ": " + std::strerror(errno);
 }
+
+namespace {
 
 bool setError(std::string* error, std::string text) {
     if (error) *error = std::move(text);

@@ -24,6 +24,9 @@ inline constexpr ssize_t kReceiveWouldBlock = -2;
 // How long a send waits for a peer that does not read before it gives up.
 inline constexpr std::chrono::milliseconds kSendTimeout{10'000};
 
+// "WHAT: " and the text of errno.
+std::string errnoText(std::string_view what);
+
 // SOCKETDIR/NAME, or nullopt when the name is empty, ".", "..", holds a "/" or
 // a NUL, or the path does not fit a socket address.
 std::optional<std::string> servicePath(std::string_view serviceName, std::string_view socketDirectory,

@@ -14,6 +14,10 @@
 //   createListener      opens a listener for a service name.
 //   Client              a blocking client connection (tools and tests).
 //
+// Behind createListener, internal to the library: DeliveryQueue (the delivery
+// thread), ListenerEndpoint and ConnectionEndpoint (the two kinds of
+// Connection), TerminationSignal (SIGTERM as an event), SocketIO (sockets).
+//
 // Thread-safety: values are plain values (copy = deep copy; file descriptors are
 // shared between copies and closed by the last one). Connection methods may be
 // called from any thread. Every event of every connection of the process is
