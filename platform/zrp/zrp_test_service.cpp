@@ -5,7 +5,6 @@
 //   "echo:"      sends {"Echo": <the whole request>}, then {"Response": true}
 //   "silent:"    answers nothing
 //   "hangup:"    closes the connection
-//   "quit:"      exits with status 0
 //   anything else answers {"Response": true}
 // SIGTERM prints "termination imminent" and exits with status 0. Any other
 // listener error prints "listener error: DESCRIPTION" (the first time) and
@@ -53,8 +52,6 @@ void handleRequest(Connection& c, const Dictionary& request) {
         } else if (key == "hangup:") {
             c.cancel();
             return;
-        } else if (key == "quit:") {
-            std::exit(0);
         } else {
             sendResponse(c, true);
         }
