@@ -18,7 +18,7 @@ class QvlplistTool : public ::testing::Test {
     void SetUp() override {
         std::string tmpl = (fs::temp_directory_path() / "qvlplist-XXXXXX").string();
         dir_ = mkdtemp(tmpl.data());
-        sample_ = dir_ / "sample.plist";
+        sample_ = (dir_ / "sample.plist").string();
         fs::copy_file(fs::path(QVLPLIST_SAMPLES) / "sample-manifest.plist", sample_);
     }
     void TearDown() override { fs::remove_all(dir_); }
@@ -26,33 +26,29 @@ class QvlplistTool : public ::testing::Test {
     // Runs qvlplist with `args` (already quoted for the shell); keeps its
     // output in out_ and err_ and returns its exit status.
     int run(const std::string& args) {
-        const std::string command = std::string(QVLPLIST_PATH) + " " + args + " >" + (dir_ / "out").string() +
-                                    " 2>" + (dir_ / "err").string();
-        const int status = std::system(command.c_str());
-        out_ = slurp(dir_ / "out");
-        err_ = slurp(dir_ / "err");
+        const fs::path out = dir_ / "out", err = dir_ / "err";
+        const int status =
+            std::system((QVLPLIST_PATH " " + args + " >" + out.string() + " 2>" + err.string()).c_str());
+        out_ = slurp(out);
+        err_ = slurp(err);
         return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
     }
 
-    fs::path dir_, sample_;
-    std::string out_, err_;
+    fs::path dir_;
+    std::string sample_, out_, err_;
 };
 
-TEST_F(QvlplistTool, PrintsAndLints) {
-    ASSERT_EQ(run("print " + sample_.string()), 0) << err_;
+TEST_F(QvlplistTool, PrintsLintsAndConvertsBothWaysWithoutLoss) {
+    ASSERT_EQ(run("print " + sample_), 0) << err_;
     EXPECT_NE(out_.find("QVLManifestSymbolicLinkTargetFile = Faces/demo-face.bundle;"), std::string::npos);
-    ASSERT_EQ(run("lint " + sample_.string()), 0) << err_;
-    EXPECT_EQ(out_, sample_.string() + ": OK (XML)\n");
-}
+    ASSERT_EQ(run("lint " + sample_), 0) << err_;
+    EXPECT_EQ(out_, sample_ + ": OK (XML)\n");
 
-TEST_F(QvlplistTool, ConvertsBothWaysWithoutLoss) {
-    const std::string original = slurp(sample_);
-    const fs::path binary = dir_ / "sample.bplist";
-    ASSERT_EQ(run("convert --to binary -o " + binary.string() + " " + sample_.string()), 0) << err_;
+    const std::string original = slurp(sample_), binary = (dir_ / "sample.bplist").string();
+    ASSERT_EQ(run("convert --to binary -o " + binary + " " + sample_), 0) << err_;
     EXPECT_EQ(slurp(binary).substr(0, 8), "bplist00");
-    EXPECT_EQ(slurp(sample_), original);  // the input is untouched with -o
-
-    ASSERT_EQ(run("convert " + binary.string() + " --to=xml"), 0) << err_;  // in place
+    EXPECT_EQ(slurp(sample_), original);                           // the input is untouched with -o
+    ASSERT_EQ(run("convert " + binary + " --to=xml"), 0) << err_;  // in place
     EXPECT_EQ(slurp(binary), original);
     EXPECT_EQ(std::distance(fs::directory_iterator(dir_), {}), 4);  // sample, bplist, out, err
 }
@@ -60,7 +56,6 @@ TEST_F(QvlplistTool, ConvertsBothWaysWithoutLoss) {
 TEST_F(QvlplistTool, BadInputsAndUsage) {
     EXPECT_EQ(run("lint " + (dir_ / "missing").string()), 1);
     EXPECT_NE(err_.find("missing: cannot open"), std::string::npos);
-
     std::ofstream(dir_ / "junk") << "<plist><string>unterminated";
     EXPECT_EQ(run("lint " + (dir_ / "junk").string()), 1);
     EXPECT_NE(err_.find("junk: XML property list"), std::string::npos);
