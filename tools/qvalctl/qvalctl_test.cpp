@@ -115,18 +115,17 @@ class QvalctlRun : public ::testing::Test {
         EXPECT_TRUE(request);
         return runRequest(*request, terminal);
     }
+    // Runs the request with its messages into out_ and its diagnostics into err_.
     int runRequest(const zrp::Dictionary& request, bool terminal = false) {
-        char *out = nullptr, *err = nullptr;
-        size_t outSize = 0, errSize = 0;
-        FILE* outStream = open_memstream(&out, &outSize);
-        FILE* errStream = open_memstream(&err, &errSize);
-        const int status = run(options_, request, outStream, errStream, terminal);
-        fclose(outStream);
-        fclose(errStream);
-        out_.assign(out, outSize);
-        err_.assign(err, errSize);
-        free(out);
-        free(err);
+        char* text[2] = {};
+        size_t size[2] = {};
+        FILE* streams[2] = {open_memstream(&text[0], &size[0]), open_memstream(&text[1], &size[1])};
+        const int status = run(options_, request, streams[0], streams[1], terminal);
+        for (int i : {0, 1}) {
+            fclose(streams[i]);
+            (i ? err_ : out_).assign(text[i], size[i]);
+            free(text[i]);
+        }
         return status;
     }
 
