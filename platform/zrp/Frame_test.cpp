@@ -44,6 +44,10 @@ std::optional<Dictionary> decode(const Body& body, std::string* error = nullptr)
     return decodeFrameBody(body.b, {}, error);
 }
 
+int openDevNull() {
+    return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
 std::span<const uint8_t> bodyOf(const EncodedFrame& f) {
     return std::span(f.bytes).subspan(kFrameHeaderSize);
 }
@@ -80,13 +84,13 @@ TEST(ZRPFrame, EveryKindRoundTripsInWireOrder) {
 // closes those the body does not reference.
 TEST(ZRPFrame, DescriptorsTravelBesideTheBody) {
     Dictionary d;
-    d.set("fd", Value(FileDescriptor{std::make_shared<const UniqueFd>(dup(0))}));
+    d.set("fd", Value(FileDescriptor{std::make_shared<const UniqueFd>(openDevNull())}));
     std::optional<EncodedFrame> frame = encodeFrame(d);
     ASSERT_TRUE(frame);
     ASSERT_EQ(frame->descriptors, (std::vector<int>{d.find("fd")->asFileDescriptor()->get()}));
     std::vector<UniqueFd> received;
-    received.emplace_back(dup(0));
-    received.emplace_back(dup(0));
+    received.emplace_back(openDevNull());
+    received.emplace_back(openDevNull());
     const int referenced = received[0].get(), unused = received[1].get();
     std::optional<Dictionary> back = decodeFrameBody(bodyOf(*frame), std::move(received));
     ASSERT_TRUE(back);
@@ -99,7 +103,7 @@ TEST(ZRPFrame, EncoderRefusesWhatCannotTravel) {
     Dictionary tooMany;
     for (int i = 0; i < 17; ++i)
         tooMany.set("fd" + std::to_string(i),
-                    Value(FileDescriptor{std::make_shared<const UniqueFd>(dup(0))}));
+                    Value(FileDescriptor{std::make_shared<const UniqueFd>(openDevNull())}));
     EXPECT_FALSE(encodeFrame(tooMany, &error));
     EXPECT_EQ(error, "more than 16 file descriptors");
 
