@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <unordered_set>
 
 #include "metadata/QVLFileMetadata.h"
 #include "metadata/WhitelistChecker.h"
@@ -73,6 +74,72 @@ std::optional<std::pair<int64_t, int64_t>> rangeOf(const Value* value) {
         return std::nullopt;
     }
     return std::pair{static_cast<int64_t>(loc->asUnsigned()), static_cast<int64_t>(len->asUnsigned())};
+}
+
+// The device's "/var" is "/private/var": both spellings name one place.
+std::string_view withoutPrivate(std::string_view path) {
+    if (path == "/private/var" || path.starts_with("/private/var/")) path.remove_prefix(8);
+    return path;
+}
+
+bool atOrBelow(std::string_view path, std::string_view place) {
+    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
+    return path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/');
+}
+
+// Whether the resolved link target `place` stays in the place a rule's target
+// fragment allows. An absolute fragment names a folder (or file) the target
+// must lie in. A relative one ("OPS/images") names folders inside the rule's
+// own place ("/var/mobile/Media/Books"), so the target must stay there and
+// pass through them.
+bool targetWithin(std::string_view place, std::string_view fragment, std::string_view rulePath) {
+    if (fragment.starts_with('/')) return atOrBelow(place, withoutPrivate(fragment));
+    if (!atOrBelow(place, rulePath)) return false;
+    const std::string inner = "/" + std::string(fragment) + "/";
+    return std::string(place).append("/").find(inner) != std::string::npos;
+}
+
+// The collection of paths in `files` whose records are symbolic links.
+std::unordered_set<std::string_view> symbolicLinksOf(const Dictionary& files) {
+    std::unordered_set<std::string_view> links;
+    for (const auto& [path, record] : files) {
+        const Dictionary* dict = record.asDictionary();
+        const Dictionary* attributes = dict ? dict->getDictionary(kQVLManifestFileAttributes) : nullptr;
+        const std::string* type = attributes ? attributes->getString(kNSFileType) : nullptr;
+        if (type && *type == kNSFileTypeSymbolicLink) links.insert(path);
+    }
+    return links;
+}
+
+// A link's target, resolved by text alone as the file system would resolve it
+// from the link's folder: relative targets are joined to that folder, "." and
+// ".." folded ("/.." stays "/"), and "/private/var" read as "/var". Nothing is
+// looked up on this machine. Nullopt for an empty target or one holding NUL.
+std::optional<std::string> linkTargetPlace(std::string_view linkPath, std::string_view target) {
+    if (target.empty() || target.find('\0') != std::string_view::npos) return std::nullopt;
+    std::string joined;
+    if (!target.starts_with('/')) {
+        const size_t slash = linkPath.rfind('/');
+        joined.assign(linkPath.substr(0, slash == std::string_view::npos ? 0 : slash));
+        joined.push_back('/');
+    }
+    joined.append(target);
+    std::vector<std::string_view> parts;
+    for (size_t start = 0; start <= joined.size();) {
+        size_t end = joined.find('/', start);
+        if (end == std::string::npos) end = joined.size();
+        const std::string_view part(joined.data() + start, end - start);
+        if (part == "..") {
+            if (!parts.empty()) parts.pop_back();
+        } else if (!part.empty() && part != ".") {
+            parts.push_back(part);
+        }
+        start = end + 1;
+    }
+    std::string place;
+    for (std::string_view part : parts) place.append("/").append(part);
+    if (place.empty()) place = "/";
+    return std::string(withoutPrivate(place));
 }
 
 }  // namespace
@@ -189,30 +256,30 @@ bool QVLDemoManifestCheck::secureManifestCheckForUnsegmentedManifest(const Dicti
 }
 
 bool QVLDemoManifestCheck::unsegmentedToSegmentedWithRigorousFlag(Dictionary& manifestCopy) {
-    // Entries of another kind than expected are carried over unchanged; the
-    // security check then refuses them.
-    Dictionary appData;
-    if (const Dictionary* old = manifestCopy.getDictionary(kAppData)) {
-        for (const auto& [identifier, entry] : *old) {
-            Value converted = entry;
-            if (Dictionary* d = converted.asDictionary()) {
-                d->erase("CFBundleShortVersionString");
-                d->set(std::string(kRigorousCheckType), std::string(kDefault));
-            }
-            appData.set(identifier, std::move(converted));
-        }
-    }
+    // Each data section entry becomes a component holding the file manifest
+    // that readers of the old layout take from it: its "Manifest" when it has
+    // one, else the entry itself. Inspecting that, and nothing else, means no
+    // record can be restored unseen. An entry of another kind than a
+    // dictionary is carried over unchanged, and the security check refuses it.
     auto wrapSection = [&](std::string_view name) {
         Dictionary section;
         if (const Dictionary* old = manifestCopy.getDictionary(name)) {
             for (const auto& [identifier, entry] : *old) {
-                const Dictionary* files = entry.asDictionary();
-                if (files && files->empty()) continue;  // nothing to install
-                section.set(identifier, defaultComponent(&entry));
+                const Dictionary* fields = entry.asDictionary();
+                if (!fields) {
+                    section.set(identifier, entry);
+                    continue;
+                }
+                const Value* files = fields->find(kManifest);
+                if (!files) files = &entry;
+                const Dictionary* filesDict = files->asDictionary();
+                if (filesDict && filesDict->empty()) continue;  // nothing to install
+                section.set(identifier, defaultComponent(files));
             }
         }
         return section;
     };
+    Dictionary appData = wrapSection(kAppData);
     Dictionary groupData = wrapSection(kGroupData);
     Dictionary extensionData = wrapSection(kExtensionData);
     Dictionary backup;
@@ -296,14 +363,28 @@ bool QVLDemoManifestCheck::runSecurityChecksForSection(const Value* fileManifest
         QVLLog("Whitelist checker failed\n");
         return false;
     }
+    const std::unordered_set<std::string_view> links = symbolicLinksOf(*files);
     for (const auto& [path, record] : *files) {
         if (!checkFileRecord(path, record, dataType)) return false;
+        // Restoring below a link would act on wherever the link points.
+        for (size_t slash = path.find('/', 1); slash != std::string::npos;
+             slash = path.find('/', slash + 1)) {
+            const std::string_view parent(path.data(), slash);
+            if (links.contains(parent)) {
+                QVLLog("File %@ lies below the symbolic link %@", path, parent);
+                return false;
+            }
+        }
     }
     return true;
 }
 
 bool QVLDemoManifestCheck::checkFileRecord(const std::string& path, const Value& record,
                                            std::string_view section) {
+    if (!WhitelistChecker::isCanonicalAbsolutePath(path)) {
+        QVLLog(WhitelistChecker::kNotCanonicalPathMessage, path);
+        return false;
+    }
     const Dictionary* dict = record.asDictionary();
     const Dictionary* attributes = dict ? dict->getDictionary(kQVLManifestFileAttributes) : nullptr;
     if (!attributes) {
@@ -343,10 +424,12 @@ bool QVLDemoManifestCheck::checkFileRecord(const std::string& path, const Value&
 bool QVLDemoManifestCheck::symLinkAllowed(std::string_view path, const Dictionary& record) const {
     const std::string* target = record.getString(kQVLManifestSymbolicLinkTargetFile);
     if (!target) return false;
+    const std::optional<std::string> place = linkTargetPlace(path, *target);
+    if (!place) return false;
     for (const SymLinkRule& rule : allowedSymLinks_) {
-        if (path.find(rule.pathFragment) == std::string_view::npos) continue;
+        if (!path.starts_with(rule.pathFragment)) continue;
         for (const std::string& fragment : rule.targetFragments) {
-            if (target->find(fragment) != std::string::npos) return true;
+            if (targetWithin(*place, fragment, rule.pathFragment)) return true;
         }
     }
     return false;

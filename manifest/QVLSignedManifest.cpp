@@ -46,15 +46,6 @@ bool readStream(int fd, std::string& bytes, plist::ReadError& error) {
     }
 }
 
-// The file manifest of a backup or data container entry: its "Manifest" when
-// it has one, else the entry itself.
-const plist::Dictionary* fileManifestOf(const plist::Value& entry) {
-    const plist::Dictionary* d = entry.asDictionary();
-    if (!d) return nullptr;
-    if (const plist::Value* inner = d->find("Manifest")) return inner->asDictionary();
-    return d;
-}
-
 }  // namespace
 
 QVLSignedManifest::QVLSignedManifest(Services services) : services_(std::move(services)) {}
@@ -103,6 +94,7 @@ bool QVLSignedManifest::initWithBytes(std::span<const uint8_t> bytes) {
         QVLLog("%s: signed manifest version %d is not supported yet", kInit, v);
         return false;
     }
+    monolithic_ = v == 2;
     auto verified =
         v == 2 ? verifyMonolithicManifestSignature(*outer) : verifyManifestSignature(std::move(*outer));
     if (!verified) return false;
@@ -255,6 +247,18 @@ std::shared_ptr<const plist::Dictionary> QVLSignedManifest::mergedBackupManifest
     merged->reserve(pairs.size());
     for (const auto& [path, record] : pairs) merged->appendUnchecked(std::string(path), *record);
     return merged;
+}
+
+// In the old layout an entry is either a file manifest or holds one under
+// "Manifest". A component of the segmented form is signed over its
+// "Manifest" only, so nothing else in it may ever be read as a file record:
+// without a dictionary there, it stands for an empty manifest.
+const plist::Dictionary* QVLSignedManifest::fileManifestOf(const plist::Value& entry) const {
+    const plist::Dictionary* fields = entry.asDictionary();
+    if (!fields) return nullptr;
+    const plist::Value* inner = fields->find("Manifest");
+    if (inner) return inner->asDictionary();
+    return monolithic_ ? fields : nullptr;
 }
 
 bool QVLSignedManifest::isItemBackup(std::string_view item) {

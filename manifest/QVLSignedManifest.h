@@ -110,6 +110,11 @@ class QVLSignedManifest {
     // winning. Null when the range lies outside the installation order.
     std::shared_ptr<const plist::Dictionary> mergedBackupManifest(QVLRange range) const;
 
+    // The file manifest of a backup or data container entry of this
+    // manifest's sections: its "Manifest", or, in a version 2 manifest only,
+    // the entry itself when it has none. Null stands for an empty manifest.
+    const plist::Dictionary* fileManifestOf(const plist::Value& entry) const;
+
     static bool isItemBackup(std::string_view item);
     static bool isItemSystemAppData(std::string_view item);
     static std::optional<std::string> appIdentifierFromOrderItem(std::string_view item);
@@ -149,6 +154,7 @@ class QVLSignedManifest {
     platform::DeviceInfo& deviceInfo() const;
 
     Services services_;
+    bool monolithic_ = false;  // loaded from a version 2 manifest
     std::shared_ptr<const plist::Dictionary> payload_;
 };
 

@@ -1,11 +1,13 @@
-// Helpers for the signed-manifest tests: the development PKI's identities, a
-// device whose signing fuse the test sets, recording content checks, and
-// builders of signed manifests.
+// Helpers for the signed-manifest and content-check tests: the development
+// PKI's identities, a device whose signing fuse the test sets, recording
+// content checks, file records and builders of signed manifests.
 #pragma once
 
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "manifest/QVLManifestSigner.h"
@@ -36,23 +38,30 @@ struct TestEnvironment {
     int unsegmentedChecks = 0;
     std::shared_ptr<const plist::Dictionary> lastChecked;
     QVLSignedManifest::Services services();
-
-    void setDevelopmentHardware() { device.fuse = false; }
-    void setProductionHardware() { device.fuse = true; }
 };
 
-// A file record with a hash derived from `path`.
-plist::Value fileRecord(const std::string& path);
+// A file record as the device manifest writes it, owned by mobile (501).
+plist::Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644,
+                         std::string target = "");
+// `r` with the attribute `key` set, or removed when `value` is nullopt.
+plist::Dictionary withAttribute(plist::Dictionary r, std::string_view key, std::optional<plist::Value> value);
+plist::Dictionary files(std::initializer_list<std::pair<std::string, plist::Dictionary>> entries);
+// Regular files at `paths`.
 plist::Dictionary fileManifest(const std::vector<std::string>& paths);
+plist::Dictionary& sub(plist::Dictionary& d, const std::string& key);
 
 // A certificate entry of `signer`, with "TypeOfSignature" when given.
 plist::Value certificateEntry(const std::string& signer, std::optional<std::string> type = std::nullopt);
-
-// A component of `files`, signed under `name` by `signer` and naming `certificate`.
+// A component holding `manifest`, signed under `name` by `signer` and naming `certificate`.
 plist::Value signedComponent(const std::string& name, const std::string& certificate,
-                             const std::string& signer, const plist::Dictionary& files);
+                             const std::string& signer, const plist::Value& manifest);
+// A version 5 manifest: certificate "Main" of `signer`, one base backup of `backup`.
+plist::Dictionary segmented(const std::string& signer, std::optional<std::string> type = std::nullopt,
+                            const plist::Dictionary& backup = fileManifest({"/var/mobile/Media/a",
+                                                                            "/var/mobile/Media/b"}));
 
 // Serializes and loads.
 std::unique_ptr<QVLSignedManifest> load(const plist::Dictionary& outer, TestEnvironment& env);
+bool loadsWith(const QVLSignedManifest::Services& services, const plist::Dictionary& outer);
 
 }  // namespace qvl::testing

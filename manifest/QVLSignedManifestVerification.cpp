@@ -127,6 +127,14 @@ bool QVLSignedManifest::verifyComponent(const std::string& name, plist::Value& c
         QVLLog("%s: component %@ in wrong format.", kVerifySegmented, name);
         return false;
     }
+    // Nothing but the name and "Manifest" is signed: any key beyond the
+    // format's own could only have been added by someone else.
+    for (const auto& [key, value] : *component) {
+        if (key != "Certificate" && key != "Manifest" && key != "Signature" && key != "RigorousCheckType") {
+            QVLLog("%s: component %@ holds the unsigned key %@.", kVerifySegmented, name, key);
+            return false;
+        }
+    }
     const plist::Value* certificateName = component->find("Certificate");
     const auto row = certificateName && certificateName->isString() ? table.find(*certificateName->asString())
                                                                     : table.end();

@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 
 #include "manifest/QVLDemoManifestCheck.h"
@@ -32,32 +32,6 @@ const std::string kMonolithic = "-[QVLSignedManifest verifyMonolithicManifestSig
 const std::string kCreateKey = "-[QVLSignedManifest createPublicKey:usingPolicy:anchors:]";
 const std::string kBase = "backup.BaseBackup";
 
-Dictionary info() {
-    Dictionary d;
-    d.set("Name", Value("Store demo"));
-    return d;
-}
-
-// A version 5 manifest: one certificate "Main" of `signer`, one base backup.
-Dictionary segmented(const std::string& signer, std::optional<std::string> type = std::nullopt) {
-    Dictionary certificates;
-    certificates.set("Main", certificateEntry(signer, type));
-    Dictionary backups;
-    backups.set(kBase,
-                signedComponent(kBase, "Main", signer, fileManifest({"/var/mobile/a", "/var/mobile/b"})));
-    Dictionary outer;
-    outer.set("Version", Value(5));
-    outer.set("Certificates", Value(certificates));
-    outer.set("Info", Value(info()));
-    outer.set("InstallationOrder", Value(Array{Value(kBase)}));
-    outer.set("Backup", Value(backups));
-    return outer;
-}
-
-Dictionary& sub(Dictionary& d, const std::string& key) {
-    return *d.find(key)->asDictionary();
-}
-
 std::string checkTypeOf(const QVLSignedManifest& manifest, const std::string& component) {
     const auto backups = manifest.getBackupList();
     const Dictionary* c = backups ? backups->getDictionary(component) : nullptr;
@@ -65,113 +39,93 @@ std::string checkTypeOf(const QVLSignedManifest& manifest, const std::string& co
     return type ? *type : "(none)";
 }
 
-// Serializes `outer` and loads it with `services`.
-bool loadsWith(const QVLSignedManifest::Services& services, const Dictionary& outer) {
-    const std::string bytes = plist::writeBinary(Value(outer));
-    QVLSignedManifest manifest(services);
-    return manifest.initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+// A version 2 manifest of `raw` (the raw manifest's sections; "Version" 4 unless given).
+Dictionary monolithic(Dictionary raw, const std::string& signer) {
+    if (!raw.contains("Version")) raw.set("Version", 4);
+    if (!raw.contains("Info")) raw.set("Info", Dictionary());
+    const std::string bytes = plist::writeBinary(Value(std::move(raw)));
+    return *QVLManifestSigner::monolithicManifest(Data(bytes.begin(), bytes.end()), identity(signer));
 }
 
-std::vector<uint8_t> readBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+Dictionary rawManifest() {
+    Dictionary entry = files({{"Manifest", fileManifest({"/Documents/c"})}});
+    entry.set("CFBundleShortVersionString", "1.0");
+    Dictionary raw;
+    raw.set("Backup", fileManifest({"/var/mobile/Media/x", "/var/mobile/Media/y"}));
+    raw.set("AppData", files({{"com.example.app", entry}}));
+    raw.set("ExtensionData", files({{"com.example.ext", fileManifest({"/Library/e"})}}));  // bare entry
+    return raw;
 }
-
-struct SignerCase {
-    const char* signer;
-    std::optional<std::string> type;
-    std::optional<bool> fuse;  // true: production, false: development, nullopt: no answer
-    const char* checkType;     // nullptr: refused
-    int rigorousChecks;
-    const char* logLine;  // a line the load must log
-};
 
 TEST(QVLSignedManifestTest, EachSignerKindOnProductionAndDevelopmentHardware) {
     const std::string notValid = kSegmented + ": Certificate not valid.";
     const std::string skipping = kSegmented + ":Skipping rigorous manifest testing\n";
     const std::string prodFused = kSegmented + ": Manifest contains UAT component on prodFused device\n";
     const std::string verdict5 = kCreateKey + ": certificate trust evaluation failed: 5";
-    const SignerCase cases[] = {
-        {"manual-signer", std::nullopt, true, "Skip", 0, skipping.c_str()},
-        {"manual-signer", "Production", false, "Skip", 0, skipping.c_str()},
-        {"auto-signer", std::nullopt, true, "Default", 1, "Verifying strong signing"},
-        {"auto-signer", std::nullopt, false, "Default", 1, "Verifying strong signing"},
-        {"uat-signer", "UAT", true, nullptr, 0, prodFused.c_str()},
-        {"uat-signer", "UAT", std::nullopt, nullptr, 0, prodFused.c_str()},
-        {"uat-signer", "UAT", false, "Skip", 0, "Verifying development signing"},
-        {"vantor-signer", std::nullopt, true, "AppLayout", 1, verdict5.c_str()},
-        {"expired-signer", std::nullopt, true, nullptr, 0, verdict5.c_str()},
-        {"noeku-signer", std::nullopt, true, nullptr, 0, notValid.c_str()},
-        {"unknown-signer", std::nullopt, false, nullptr, 0, notValid.c_str()},
-        {"uat-signer", std::nullopt, false, nullptr, 0, notValid.c_str()},  // a test signer must say so
-        {"auto-signer", "UAT", false, nullptr, 0, notValid.c_str()},
+    const struct {
+        const char* signer;
+        std::optional<std::string> type;
+        std::optional<bool> fuse;  // true: production, false: development, nullopt: no answer
+        const char* checkType;     // nullptr: refused
+        std::string logLine;
+    } cases[] = {
+        {"manual-signer", std::nullopt, true, "Skip", skipping},
+        {"manual-signer", "Production", false, "Skip", skipping},
+        {"auto-signer", std::nullopt, std::nullopt, "Default", "Verifying strong signing"},
+        {"uat-signer", "UAT", true, nullptr, prodFused},
+        {"uat-signer", "UAT", std::nullopt, nullptr, prodFused},
+        {"uat-signer", "UAT", false, "Skip", "Verifying development signing"},
+        {"vantor-signer", std::nullopt, true, "AppLayout", verdict5},
+        {"expired-signer", std::nullopt, true, nullptr, verdict5},
+        {"noeku-signer", std::nullopt, true, nullptr, notValid},
+        {"unknown-signer", std::nullopt, false, nullptr, notValid},
+        {"uat-signer", std::nullopt, false, nullptr, notValid},  // a test signer must say so
+        {"auto-signer", "UAT", false, nullptr, notValid},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.signer) + (!c.fuse   ? " on unknown"
-                                              : *c.fuse ? " on production"
-                                                        : " on development"));
+        SCOPED_TRACE(std::string(c.signer) + " fuse " + (c.fuse ? std::to_string(*c.fuse) : "none"));
         TestEnvironment env;
         env.device.fuse = c.fuse;
         QVLLogCapture capture;
         auto manifest = load(segmented(c.signer, c.type), env);
         EXPECT_TRUE(capture.contains(c.logLine));
-        EXPECT_EQ(env.segmentedChecks, c.rigorousChecks);
-        if (!c.checkType) {
-            EXPECT_FALSE(manifest);
-            continue;
-        }
-        ASSERT_TRUE(manifest);
+        const bool rigorous = c.checkType && std::string(c.checkType) != "Skip";
+        EXPECT_EQ(env.segmentedChecks, rigorous ? 1 : 0);
+        ASSERT_EQ(manifest != nullptr, c.checkType != nullptr);
+        if (!manifest) continue;
         EXPECT_EQ(checkTypeOf(*manifest, kBase), c.checkType);
-        // The checker sees the very dictionary that becomes the payload.
-        if (c.rigorousChecks) {
-            EXPECT_EQ(env.lastChecked, manifest->payload());
+        if (rigorous) {
+            EXPECT_EQ(env.lastChecked, manifest->payload());  // the checker sees the payload itself
         }
     }
 }
 
-TEST(QVLSignedManifestTest, EveryCertificateEntryIsJudgedButOnlyUsedOnesMatterForUAT) {
+TEST(QVLSignedManifestTest, EveryCertificateIsJudgedAndEachComponentGetsItsSignersType) {
     TestEnvironment env;
-    env.setProductionHardware();
+    env.device.fuse = true;
     auto outer = segmented("manual-signer");
     sub(outer, "Certificates").set("Test", certificateEntry("uat-signer", "UAT"));
-    EXPECT_TRUE(load(outer, env));
-
-    // One component under the test signer refuses the manifest on production hardware.
-    sub(outer, "Backup")
-        .set("backup.Extra", signedComponent("backup.Extra", "Test", "uat-signer", fileManifest({"/x"})));
-    outer.set("InstallationOrder", Value(Array{Value(kBase), Value("backup.Extra")}));
-    EXPECT_FALSE(load(outer, env));
-    env.setDevelopmentHardware();
-    auto manifest = load(outer, env);
-    ASSERT_TRUE(manifest);
-    EXPECT_EQ(checkTypeOf(*manifest, "backup.Extra"), "Skip");
-
-    // An invalid certificate refuses the manifest even when nothing uses it.
-    sub(outer, "Certificates").set("Old", certificateEntry("expired-signer"));
-    QVLLogCapture capture;
-    EXPECT_FALSE(load(outer, env));
-    EXPECT_TRUE(capture.contains(kSegmented + ": Certificate not valid."));
-}
-
-TEST(QVLSignedManifestTest, MixedSignersRunTheChecksOnceWithEachComponentsType) {
-    TestEnvironment env;
-    auto outer = segmented("manual-signer");
     sub(outer, "Certificates").set("Auto", certificateEntry("auto-signer"));
-    Dictionary appData;
-    appData.set("com.example.app",
-                signedComponent("com.example.app", "Auto", "auto-signer", fileManifest({"/d"})));
-    outer.set("AppData", Value(appData));
-    auto manifest = load(outer, env);
+    outer.set("AppData", files({}));
+    sub(outer, "AppData")
+        .set("com.example.app",
+             signedComponent("com.example.app", "Auto", "auto-signer", fileManifest({"/Documents/d"})));
+    auto manifest = load(outer, env);  // an unused test signer is harmless on production hardware
     ASSERT_TRUE(manifest);
     EXPECT_EQ(env.segmentedChecks, 1);
     EXPECT_EQ(checkTypeOf(*manifest, kBase), "Skip");
     EXPECT_EQ(*manifest->getAppDataList()->getDictionary("com.example.app")->getString("RigorousCheckType"),
               "Default");
-
     env.checksPass = false;
     QVLLogCapture capture;
     EXPECT_FALSE(load(outer, env));
     EXPECT_TRUE(capture.contains("rigorousTesting failed\n"));
+
+    // An invalid certificate refuses the manifest even when nothing uses it.
+    env.checksPass = true;
+    sub(outer, "Certificates").set("Old", certificateEntry("expired-signer"));
+    EXPECT_FALSE(load(outer, env));
+    EXPECT_TRUE(capture.contains(kSegmented + ": Certificate not valid."));
 }
 
 // Each spoilt manifest is refused with the given log line and keeps no payload.
@@ -181,68 +135,50 @@ TEST(QVLSignedManifestTest, LoadingAndVerificationRefusals) {
     const std::string badSignature = kSegmented + ":signature verification failed for backup.BaseBackup\n";
     auto main = [](Dictionary& o) -> Dictionary& { return sub(sub(o, "Certificates"), "Main"); };
     auto base = [](Dictionary& o) -> Dictionary& { return sub(sub(o, "Backup"), kBase); };
-    struct Refusal {
-        const char* what;
+    const struct {
         std::function<void(Dictionary&)> spoil;
         std::string logLine;
-    };
-    const Refusal refusals[] = {
-        {"no version", [](Dictionary& o) { o.erase("Version"); },
-         kInit + ": required key (version) not found."},
-        {"version 1", [](Dictionary& o) { o.set("Version", Value(1)); },
+    } refusals[] = {
+        {[](Dictionary& o) { o.erase("Version"); }, kInit + ": required key (version) not found."},
+        {[](Dictionary& o) { o.set("Version", 1); },
          kInit + ": signed manifest version 1 is not supported yet"},
-        {"version 6", [](Dictionary& o) { o.set("Version", Value(6)); },
+        {[](Dictionary& o) { o.set("Version", 6); },
          kInit + ": signed manifest version 6 is not supported yet"},
-        {"version text", [](Dictionary& o) { o.set("Version", Value("5")); },
+        {[](Dictionary& o) { o.set("Version", "5"); },
          kInit + ": signed manifest version 0 is not supported yet"},
-        {"no info", [](Dictionary& o) { o.erase("Info"); }, kInit + ": no Info section or in wrong format."},
-        {"info text", [](Dictionary& o) { o.set("Info", Value("x")); },
-         kInit + ": no Info section or in wrong format."},
-        {"order text", [](Dictionary& o) { o.set("InstallationOrder", Value(kBase)); },
+        {[](Dictionary& o) { o.erase("Info"); }, kInit + ": no Info section or in wrong format."},
+        {[](Dictionary& o) { o.set("InstallationOrder", Array{Value(1)}); },
          kInit + ": InstallationOrder section in wrong format."},
-        {"order of numbers", [](Dictionary& o) { o.set("InstallationOrder", Value(Array{Value(1)})); },
-         kInit + ": InstallationOrder section in wrong format."},
-        {"no backups",
-         [](Dictionary& o) {
+        {[](Dictionary& o) {
              o.set("App", *o.find("Backup"));
              o.erase("Backup");
          },
          kInit + ": no Backup section or in wrong format."},
-        {"order too long",
-         [](Dictionary& o) {
-             o.set("InstallationOrder", Value(Array{Value(kBase), Value("backup.More")}));
+        {[](Dictionary& o) {
+             o.set("InstallationOrder", Array{Value(kBase), Value("backup.More")});
          },
          "InstallationOrder entry count does not match components listed in manifest."},
-        {"no certificates", [](Dictionary& o) { o.erase("Certificates"); },
-         "No certificated found in the manifest\n"},
-        {"certificates not a dictionary", [](Dictionary& o) { o.set("Certificates", Value(Array{})); },
-         badCertificates},
-        {"entry without chain", [&](Dictionary& o) { main(o).erase("Certificate"); }, badCertificates},
-        {"type not a string", [&](Dictionary& o) { main(o).set("TypeOfSignature", Value(1)); },
-         badCertificates},
-        {"chain element not data",
-         [&](Dictionary& o) { main(o).set("Certificate", Value(Array{Value("x")})); },
+        {[](Dictionary& o) { o.erase("Certificates"); }, "No certificated found in the manifest\n"},
+        {[](Dictionary& o) { o.set("Certificates", Array{}); }, badCertificates},
+        {[&](Dictionary& o) { main(o).erase("Certificate"); }, badCertificates},
+        {[&](Dictionary& o) { main(o).set("TypeOfSignature", 1); }, badCertificates},
+        {[&](Dictionary& o) { main(o).set("Certificate", Array{Value("x")}); },
          kCreateKey + ": Cannot load certificate."},
-        {"empty chain", [&](Dictionary& o) { main(o).set("Certificate", Value(Array{})); },
+        {[&](Dictionary& o) { main(o).set("Certificate", Array{}); },
          kCreateKey + ": Cannot create secure trust object: -1"},
-        {"unknown certificate name", [&](Dictionary& o) { base(o).set("Certificate", Value("Other")); },
+        {[&](Dictionary& o) { base(o).set("Certificate", "Other"); },
          kSegmented + ":No matching certificate for Other\n"},
-        {"file added after signing",
-         [&](Dictionary& o) { sub(base(o), "Manifest").set("/var/evil", fileRecord("/var/evil")); },
-         badSignature},
-        {"component renamed",
-         [](Dictionary& o) {
-             Value c = *sub(o, "Backup").find(kBase);
+        {[&](Dictionary& o) { sub(base(o), "Manifest").set("/var/evil", record()); }, badSignature},
+        {[](Dictionary& o) {  // a component renamed
+             sub(o, "Backup").set("backup.Other", *sub(o, "Backup").find(kBase));
              sub(o, "Backup").erase(kBase);
-             sub(o, "Backup").set("backup.Other", c);
-             o.set("InstallationOrder", Value(Array{Value("backup.Other")}));
+             o.set("InstallationOrder", Array{Value("backup.Other")});
          },
          kSegmented + ":signature verification failed for backup.Other\n"},
-        {"signature missing", [&](Dictionary& o) { base(o).erase("Signature"); }, badSignature},
-        {"signature not data", [&](Dictionary& o) { base(o).set("Signature", Value("sig")); }, badSignature},
-        {"section not a dictionary", [](Dictionary& o) { o.set("GroupData", Value(Array{Value(1)})); },
+        {[&](Dictionary& o) { base(o).set("Signature", "sig"); }, badSignature},
+        {[](Dictionary& o) { o.set("GroupData", Array{Value(1)}); },
          kSegmented + ": GroupData section in wrong format."},
-        {"component not a dictionary", [](Dictionary& o) { sub(o, "Backup").set(kBase, Value(Data{1})); },
+        {[](Dictionary& o) { sub(o, "Backup").set(kBase, Data{1}); },
          kSegmented + ": component backup.BaseBackup in wrong format."},
     };
     TestEnvironment env;
@@ -254,66 +190,168 @@ TEST(QVLSignedManifestTest, LoadingAndVerificationRefusals) {
         EXPECT_FALSE(manifest.payload());
     };
     for (const auto& r : refusals) {
-        SCOPED_TRACE(r.what);
+        SCOPED_TRACE(r.logLine);
         auto outer = segmented("manual-signer");
         r.spoil(outer);
         refused(plist::writeBinary(Value(outer)), r.logLine);
     }
     refused(plist::writeBinary(Value(Array{Value(1)})), kInit + ": format not correct.");
-    {
-        QVLLogCapture capture;
-        QVLSignedManifest manifest(env.services());
-        EXPECT_FALSE(manifest.initWithBytes(std::span<const uint8_t>()));
-        ASSERT_FALSE(capture.lines().empty());
-        EXPECT_TRUE(capture.lines().front().starts_with(kInit + ": Cannot convert to property list - "));
-        EXPECT_TRUE(capture.lines().front().ends_with("(0x1)."));
-    }
+    refused("", kInit + ": Cannot convert to property list - property list is empty(0x1).");
 
-    // Without a content checker nothing loads.
+    // Version 2: only the payload and the signer matter.
+    const auto outer = monolithic(rawManifest(), "manual-signer");
+    auto spoilt = outer;
+    spoilt.set("Certificate", "x");
+    refused(plist::writeBinary(Value(spoilt)),
+            kMonolithic + ": cannot find certificates, or certificate format not correct.");
+    spoilt = outer;
+    spoilt.erase("Payload");
+    refused(plist::writeBinary(Value(spoilt)), kMonolithic + ": Manifest format not correct.");
+    Dictionary raw5;
+    raw5.set("Version", 5);
+    refused(plist::writeBinary(Value(monolithic(raw5, "manual-signer"))),
+            kMonolithic + ":Raw manifest version:5 for monolithic manifest is not supported.");
+    const std::string arrayBytes = plist::writeBinary(Value(Array{Value(1)}));
+    refused(plist::writeBinary(Value(*QVLManifestSigner::monolithicManifest(
+                Data(arrayBytes.begin(), arrayBytes.end()), identity("manual-signer")))),
+            kMonolithic + ": rawManifest format not correct.");
+    spoilt = outer;
+    Data payload = *spoilt.getData("Payload");
+    payload[payload.size() / 2] ^= 1;
+    spoilt.set("Payload", payload);
+    EXPECT_FALSE(load(spoilt, env));
+
     auto services = env.services();
-    services.manifestVerifier = {};
+    services.manifestVerifier = {};  // without a content checker nothing loads
     QVLLogCapture capture;
     EXPECT_FALSE(loadsWith(services, segmented("manual-signer")));
     EXPECT_TRUE(capture.contains("Could not initialize manifestVerifier\n"));
 }
 
-// A trust service that fails where a test tells it to.
-class FaultyTrust : public platform::TrustService {
-  public:
-    using TrustService::TrustService;
-    bool noPolicy = false;
-    bool noKey = false;
-    int anchorsStatus = 0;
-    int evaluateStatus = 0;
-    std::optional<int> forcedVerdict;
-    std::optional<platform::TrustPolicy> createPolicy(platform::TrustPolicy p) const override {
-        if (noPolicy) return std::nullopt;
-        return p;
+// Manifests of the auto signing key, so that every content check runs: each
+// attack is refused with its line, the manifest an honest signer makes of the
+// same content is accepted.
+TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
+    std::string signer = "auto-signer";
+    auto signedAs = [&](const std::string& section, const std::string& name, const Value& content) {
+        auto outer = segmented(signer);
+        if (section == "Backup") {
+            sub(outer, "Backup").set(kBase, signedComponent(kBase, "Main", signer, content));
+        } else {
+            outer.set(section, files({}));
+            sub(outer, section).set(name, signedComponent(name, "Main", signer, content));
+        }
+        return outer;
+    };
+    auto backup = [&](const Dictionary& content) { return signedAs("Backup", kBase, content); };
+    const std::string climbing = "/../../../../etc/sudoers";
+    const std::string notCanonical =
+        climbing + " is not an absolute path without empty, \".\" or \"..\" parts.";
+    const std::string books = "/var/mobile/Media/Books/x";
+    const char* link = "NSFileTypeSymbolicLink";
+    const struct {
+        std::function<Dictionary(bool attack)> make;
+        std::string logLine;
+    } attacks[] = {
+        {[&](bool attack) {  // a record put into a component whose manifest was dropped after signing
+             const std::string prefs = "/var/root/Library/Preferences/";
+             auto outer = backup(attack ? Dictionary() : fileManifest({prefs + "com.example.plist"}));
+             if (attack) {
+                 sub(sub(outer, "Backup"), kBase).erase("Manifest");
+                 sub(sub(outer, "Backup"), kBase).set(prefs + "evil", record("NSFileTypeRegular", 04755));
+             }
+             return outer;
+         },
+         kSegmented +
+             ": component backup.BaseBackup holds the unsigned key /var/root/Library/Preferences/evil."},
+        {[&](bool attack) {  // version 2: a bare "AppData" entry is inspected like a wrapped one
+             Dictionary raw = rawManifest();
+             if (attack)
+                 sub(raw, "AppData")
+                     .set("com.example.app", files({{climbing, record("NSFileTypeRegular", 04755)}}));
+             raw.set("GroupData", files({{"group.x", files({{"Manifest", fileManifest({"/Library/g"})}})}}));
+             return monolithic(raw, signer);
+         },
+         notCanonical},
+        {[&](bool attack) {
+             return signedAs("AppData", "com.example.app",
+                             files({{attack ? climbing : "/Library/Preferences/x.plist",
+                                     record("NSFileTypeRegular", 0666)}}));
+         },
+         notCanonical},
+        {[&](bool attack) {
+             return backup(fileManifest({attack ? "/var/mobile/MediaEvil/x" : "/var/mobile/Media/x"}));
+         },
+         "-[WhitelistChecker checkManifest:]:/var/mobile/MediaEvil/x failed the check."},
+        {[&](bool attack) {
+             const auto folder = record("NSFileTypeDirectory", attack ? 0777 : 0755);
+             return backup(files({{"/", folder}, {"/var", folder}, {"/var/mobile/Media/x", record()}}));
+         },
+         "/var is a folder above an allowed place, so it must be a directory without group or other write "
+         "and without set-id bits."},
+        {[&](bool attack) {
+             const std::string zone = "/var/db/timezone/zoneinfo/";
+             return backup(
+                 files({{"/var/db/timezone/localtime",
+                         record(link, 0755, zone + (attack ? "../../../../etc/shadow" : "Europe/Paris"))}}));
+         },
+         "Not a valid fileType(NSFileTypeSymbolicLink) for file:/var/db/timezone/localtime"},
+        {[&](bool attack) {
+             return backup(
+                 files({{books, record(link, 0755, attack ? "OPS/images/../../../../etc" : "OPS/images")}}));
+         },
+         "Not a valid fileType(NSFileTypeSymbolicLink) for file:" + books},
+        {[&](bool attack) {
+             return backup(files({{books, record(link, 0755, "OPS/images")},
+                                  {attack ? books + "/sudoers" : books + "-sudoers", record()}}));
+         },
+         "File " + books + "/sudoers lies below the symbolic link " + books},
+    };
+    platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
+    auto checker = QVLDemoManifestCheck::create({&containers});
+    ASSERT_TRUE(checker);
+    TestEnvironment env;
+    auto services = env.services();
+    services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
+    for (const auto& a : attacks) {
+        SCOPED_TRACE(a.logLine);
+        QVLLogCapture capture;
+        EXPECT_TRUE(loadsWith(services, a.make(false)));
+        EXPECT_FALSE(loadsWith(services, a.make(true)));
+        EXPECT_TRUE(capture.contains(a.logLine)) << (capture.lines().empty() ? "" : capture.lines().back());
     }
-    int setAnchors(platform::Trust& trust,
-                   const std::vector<platform::CertificateRef>& anchors) const override {
-        return anchorsStatus ? anchorsStatus : TrustService::setAnchors(trust, anchors);
-    }
-    platform::PublicKeyRef copyPublicKey(const platform::Trust& trust) const override {
-        return noKey ? nullptr : TrustService::copyPublicKey(trust);
-    }
-    int evaluate(platform::Trust& trust, int* verdict) const override {
-        if (evaluateStatus) return evaluateStatus;
-        const int status = TrustService::evaluate(trust, verdict);
-        if (forcedVerdict) *verdict = *forcedVerdict;
-        return status;
-    }
-};
+    signer = "manual-signer";  // content the manual key signs is not inspected
+    EXPECT_TRUE(loadsWith(services, attacks[2].make(true)));
+}
 
 TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
-    struct Fault {
+    class FaultyTrust : public platform::TrustService {
+      public:
+        using TrustService::TrustService;
+        bool noPolicy = false, noKey = false;
+        int anchorsStatus = 0, evaluateStatus = 0;
+        std::optional<int> forcedVerdict;
+        std::optional<platform::TrustPolicy> createPolicy(platform::TrustPolicy p) const override {
+            return noPolicy ? std::nullopt : std::optional(p);
+        }
+        int setAnchors(platform::Trust& t, const std::vector<platform::CertificateRef>& a) const override {
+            return anchorsStatus ? anchorsStatus : TrustService::setAnchors(t, a);
+        }
+        platform::PublicKeyRef copyPublicKey(const platform::Trust& t) const override {
+            return noKey ? nullptr : TrustService::copyPublicKey(t);
+        }
+        int evaluate(platform::Trust& t, int* verdict) const override {
+            if (evaluateStatus) return evaluateStatus;
+            const int status = TrustService::evaluate(t, verdict);
+            if (forcedVerdict) *verdict = *forcedVerdict;
+            return status;
+        }
+    };
+    const struct {
         const char* signer;
         std::function<void(FaultyTrust&)> inject;
         std::string logLine;  // "": the load succeeds
-    };
-    const Fault faults[] = {
-        {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 5; },
-         kCreateKey + ": certificate trust evaluation failed: 5"},
+    } faults[] = {
         {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 6; },
          kCreateKey + ": certificate trust evaluation failed: 6"},
         {"manual-signer", [](FaultyTrust& f) { f.evaluateStatus = 7; },
@@ -322,12 +360,11 @@ TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
          "-[QVLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy."},
         {"manual-signer", [](FaultyTrust& f) { f.noKey = true; },
          kCreateKey + ": Cannot extract public key."},
-        // Only the Vantor key sets anchors.
-        {"manual-signer", [](FaultyTrust& f) { f.anchorsStatus = 9; }, ""},
+        {"manual-signer", [](FaultyTrust& f) { f.anchorsStatus = 9; },
+         ""},  // only the Vantor key sets anchors
         {"vantor-signer", [](FaultyTrust& f) { f.anchorsStatus = 9; },
          kCreateKey + ": Cannot set anchor certificates: 9"},
-        // Verdict 1 (proceed) is accepted like 4.
-        {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 1; }, ""},
+        {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 1; }, ""},  // proceed, like unspecified
     };
     for (const auto& f : faults) {
         SCOPED_TRACE(std::string(f.signer) + " / " + f.logLine);
@@ -344,59 +381,22 @@ TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
     }
 }
 
-TEST(QVLSignedManifestTest, CountRule) {
-    TestEnvironment env;
-    auto outer = segmented("manual-signer");
-    Dictionary apps;
-    apps.set("app.com.example",
-             signedComponent("app.com.example", "Main", "manual-signer", fileManifest({"/a"})));
-    outer.set("App", Value(apps));
-    outer.set("InstallationOrder",
-              Value(Array{Value(kBase), Value("systemappdata"), Value("app.com.example")}));
-    EXPECT_TRUE(load(outer, env));
-    outer.set("InstallationOrder", Value(Array{Value(kBase), Value("systemappdata"), Value("systemappdata"),
-                                               Value("app.com.example")}));
-    EXPECT_FALSE(load(outer, env));
-
-    // Without an installation order, Backup and App are not looked at.
-    outer.erase("InstallationOrder");
-    outer.erase("Backup");
-    outer.set("App", Value(apps));
-    EXPECT_TRUE(load(outer, env));
-}
-
-TEST(QVLSignedManifestTest, LoadsFromAnOpenFileAndLeavesItOpen) {
-    TestEnvironment env;
-    char path[] = "/tmp/signed-manifest-XXXXXX";
-    const int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    const std::string bytes = plist::writeXML(Value(segmented("auto-signer")));
-    ASSERT_EQ(write(fd, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-    ASSERT_EQ(lseek(fd, 0, SEEK_SET), 0);
-    auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, env.services());
-    ASSERT_TRUE(manifest);
-    EXPECT_EQ(manifest->getVersion(), 5);
-    EXPECT_NE(fcntl(fd, F_GETFD), -1);  // still open
-    close(fd);
-    unlink(path);
-}
-
-// backup.A, backup.B, app.x, backup.C
+// backup.A, backup.B, app.x, backup.C; "/shared" lies in A and B.
 Dictionary groupedManifest() {
     auto outer = segmented("manual-signer");
-    Dictionary backups;
-    auto a = fileManifest({"/shared", "/only-a"});
     auto b = fileManifest({"/shared", "/only-b"});
-    b.set("/shared", fileRecord("/shared-from-b"));
-    backups.set("backup.A", signedComponent("backup.A", "Main", "manual-signer", a));
+    b.set("/shared", record("NSFileTypeRegular", 0600));
+    Dictionary backups;
+    backups.set("backup.A",
+                signedComponent("backup.A", "Main", "manual-signer", fileManifest({"/shared", "/only-a"})));
     backups.set("backup.B", signedComponent("backup.B", "Main", "manual-signer", b));
-    backups.set("backup.C", signedComponent("backup.C", "Main", "manual-signer", fileManifest({"/only-c"})));
-    Dictionary apps;
-    apps.set("app.x", signedComponent("app.x", "Main", "manual-signer", fileManifest({"/app"})));
-    outer.set("Backup", Value(backups));
-    outer.set("App", Value(apps));
+    // Without a dictionary under "Manifest" a component stands for an empty manifest.
+    backups.set("backup.C", signedComponent("backup.C", "Main", "manual-signer", Value("not a manifest")));
+    outer.set("Backup", backups);
+    outer.set("App", files({}));
+    sub(outer, "App").set("app.x", signedComponent("app.x", "Main", "manual-signer", fileManifest({"/app"})));
     outer.set("InstallationOrder",
-              Value(Array{Value("backup.A"), Value("backup.B"), Value("app.x"), Value("backup.C")}));
+              Array{Value("backup.A"), Value("backup.B"), Value("app.x"), Value("backup.C")});
     return outer;
 }
 
@@ -415,114 +415,79 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     EXPECT_TRUE(capture.contains("getBackup is only for old manifest."));
 
     auto merged = manifest->mergedBackupManifest({0, 2});
-    ASSERT_TRUE(merged);
     EXPECT_TRUE(capture.contains("Merging manifest item [0..2)"));
+    ASSERT_TRUE(merged);
     EXPECT_EQ(merged->size(), 3u);
-    EXPECT_EQ(*merged->find("/shared"), fileRecord("/shared-from-b"));
-    EXPECT_TRUE(merged->contains("/only-a") && merged->contains("/only-b"));
-    // An app item adds nothing; an empty range gives an empty manifest.
-    EXPECT_EQ(manifest->mergedBackupManifest({2, 2})->size(), 1u);
+    EXPECT_EQ(Value(*merged->find("/shared")),
+              Value(record("NSFileTypeRegular", 0600)));  // the later backup's
+    EXPECT_EQ(manifest->mergedBackupManifest({1, 3})->size(),
+              2u);  // an app and a manifest-less backup add nothing
     EXPECT_TRUE(manifest->mergedBackupManifest({4, 0})->empty());
-    // Ranges reaching outside the installation order are refused.
-    EXPECT_EQ(manifest->mergedBackupManifest({3, 2}), nullptr);
+    EXPECT_EQ(manifest->mergedBackupManifest({3, 2}), nullptr);  // outside the installation order
     EXPECT_EQ(manifest->mergedBackupManifest({0xFFFFFFFF, 2}), nullptr);
-    EXPECT_EQ(manifest->mergedBackupManifest({QVLRange::kNotFound, 0}), nullptr);
 
     // Older segmented versions use the whole backup section.
     auto outer = groupedManifest();
-    outer.set("Version", Value(4));
+    outer.set("Version", 4);
     manifest = load(outer, env);
     ASSERT_TRUE(manifest);
-    const auto backup = manifest->getBackup();
-    ASSERT_TRUE(backup);
-    EXPECT_EQ(backup->size(), 3u);
-    EXPECT_EQ(manifest->mergedBackupManifest({7, 9}), backup);
+    EXPECT_EQ(manifest->getBackup()->size(), 3u);
+    EXPECT_EQ(manifest->mergedBackupManifest({7, 9}), manifest->getBackup());
     EXPECT_EQ(manifest->rangeOfGroupedBackups(2), (QVLRange{2, 1}));
     EXPECT_EQ(manifest->getBackupList()->size(), 1u);
 }
 
-// The raw manifest of a version 2 manifest.
-Data rawPayload(int version = 4) {
-    Dictionary raw;
-    raw.set("Version", Value(version));
-    raw.set("Backup", Value(fileManifest({"/var/mobile/x", "/var/mobile/y"})));
-    Dictionary appData;
-    Dictionary entry;
-    entry.set("Manifest", Value(fileManifest({"/c"})));
-    entry.set("CFBundleShortVersionString", Value("1.0"));
-    appData.set("com.example.app", Value(entry));
-    raw.set("AppData", Value(appData));
-    raw.set("Info", Value(info()));
-    const std::string bytes = plist::writeBinary(Value(raw));
-    return Data(bytes.begin(), bytes.end());
-}
-
-std::unique_ptr<QVLSignedManifest> loadMonolithic(const std::string& signer, TestEnvironment& env,
-                                                  int version = 4) {
-    auto outer = QVLManifestSigner::monolithicManifest(rawPayload(version), identity(signer));
-    return outer ? load(*outer, env) : nullptr;
-}
-
-TEST(QVLSignedManifestTest, MonolithicSigners) {
+TEST(QVLSignedManifestTest, MonolithicSignersAndTheOldLayout) {
     TestEnvironment env;
     QVLLogCapture capture;
-    auto manifest = loadMonolithic("manual-signer", env);
+    auto manifest = load(monolithic(rawManifest(), "manual-signer"), env);
     ASSERT_TRUE(manifest);
     EXPECT_TRUE(capture.contains(kMonolithic + ":Found the manual key. Bypassing checking\n"));
-    EXPECT_EQ(env.unsegmentedChecks, 0);
     EXPECT_EQ(manifest->getVersion(), 4);
-    const auto list = manifest->getBackupList();
-    ASSERT_TRUE(list);
-    EXPECT_EQ(list->size(), 1u);
-    EXPECT_EQ(*list->find(kBase), Value(*manifest->getBackup()));
+    EXPECT_EQ(Value(*manifest->getBackupList()), Value(files({{kBase, *manifest->getBackup()}})));
     EXPECT_EQ(manifest->mergedBackupManifest({5, 5}), manifest->getBackup());
+    // Entries of the old layout are wrapped or bare.
+    EXPECT_EQ(manifest->fileManifestOf(*manifest->getAppDataList()->find("com.example.app"))->size(), 1u);
+    EXPECT_TRUE(manifest->fileManifestOf(*manifest->getPlugInDataList()->find("com.example.ext"))
+                    ->contains("/Library/e"));
+    EXPECT_EQ(env.unsegmentedChecks, 0);
 
-    EXPECT_TRUE(loadMonolithic("auto-signer", env));
+    EXPECT_TRUE(load(monolithic(rawManifest(), "auto-signer"), env));
     EXPECT_TRUE(capture.contains(kMonolithic + ":Found the auto signing key. Running rigorous checks\n"));
     EXPECT_EQ(env.unsegmentedChecks, 1);
     env.checksPass = false;
-    EXPECT_FALSE(loadMonolithic("auto-signer", env));
+    EXPECT_FALSE(load(monolithic(rawManifest(), "auto-signer"), env));
 
-    env.setDevelopmentHardware();
-    EXPECT_TRUE(loadMonolithic("uat-signer", env));
+    env.device.fuse = false;
+    EXPECT_TRUE(load(monolithic(rawManifest(), "uat-signer"), env));
     EXPECT_TRUE(capture.contains(kMonolithic + ":Test Signed"));
-    EXPECT_FALSE(loadMonolithic("vantor-signer", env));  // not accepted in this form
-    env.setProductionHardware();
-    EXPECT_FALSE(loadMonolithic("uat-signer", env));
+    EXPECT_FALSE(load(monolithic(rawManifest(), "vantor-signer"), env));  // not accepted in this form
+    env.device.fuse = true;
+    EXPECT_FALSE(load(monolithic(rawManifest(), "uat-signer"), env));
     EXPECT_TRUE(capture.contains(kMonolithic + ": Certificate not valid."));
 }
 
-TEST(QVLSignedManifestTest, MonolithicRefusals) {
+TEST(QVLSignedManifestTest, CountRuleAndOrderItems) {
     TestEnvironment env;
+    auto outer = segmented("manual-signer");
+    outer.set("App", files({}));
+    sub(outer, "App").set("app.x", signedComponent("app.x", "Main", "manual-signer", fileManifest({"/a"})));
+    outer.set("InstallationOrder", Array{Value(kBase), Value("systemappdata"), Value("app.x")});
+    EXPECT_TRUE(load(outer, env));
+    outer.set("InstallationOrder",
+              Array{Value(kBase), Value("systemappdata"), Value("systemappdata"), Value("app.x")});
+    EXPECT_FALSE(load(outer, env));  // "systemappdata" counts once
+    outer.erase("InstallationOrder");
+    outer.erase("Backup");  // without an installation order, Backup and App are not looked at
+    EXPECT_TRUE(load(outer, env));
+
+    EXPECT_TRUE(QVLSignedManifest::isItemBackup("backup.BaseBackup"));
+    EXPECT_FALSE(QVLSignedManifest::isItemBackup("app.backup."));
+    EXPECT_TRUE(QVLSignedManifest::isItemSystemAppData("systemappdata"));
+    EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("app.com.example"), "com.example");
     QVLLogCapture capture;
-    EXPECT_FALSE(loadMonolithic("manual-signer", env, 5));
-    EXPECT_TRUE(
-        capture.contains(kMonolithic + ":Raw manifest version:5 for monolithic manifest is not supported."));
-
-    auto outer = *QVLManifestSigner::monolithicManifest(rawPayload(), identity("manual-signer"));
-    auto tampered = outer;
-    Data payload = *tampered.getData("Payload");
-    payload[payload.size() / 2] ^= 1;
-    tampered.set("Payload", Value(payload));
-    EXPECT_FALSE(load(tampered, env));
-
-    auto noPayload = outer;
-    noPayload.erase("Payload");
-    EXPECT_FALSE(load(noPayload, env));
-    EXPECT_TRUE(capture.contains(kMonolithic + ": Manifest format not correct."));
-
-    auto noChain = outer;
-    noChain.set("Certificate", Value("x"));
-    EXPECT_FALSE(load(noChain, env));
-    EXPECT_TRUE(
-        capture.contains(kMonolithic + ": cannot find certificates, or certificate format not correct."));
-
-    // A payload that is signed but is not a dictionary.
-    const std::string arrayBytes = plist::writeBinary(Value(Array{Value(1)}));
-    auto notDictionary = *QVLManifestSigner::monolithicManifest(Data(arrayBytes.begin(), arrayBytes.end()),
-                                                                identity("manual-signer"));
-    EXPECT_FALSE(load(notDictionary, env));
-    EXPECT_TRUE(capture.contains(kMonolithic + ": rawManifest format not correct."));
+    EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("backup.x"), std::nullopt);
+    EXPECT_TRUE(capture.contains("Wrong app identifer to install: backup.x"));
 }
 
 // Runs a shell command; false when it did not exit 0.
@@ -539,8 +504,13 @@ class ExternalToolsTest : public ::testing::Test {
     }
     void TearDown() override { fs::remove_all(dir_); }
     std::string file(const std::string& name) { return dir_ + "/" + name; }
-    void writeFile(const std::string& name, const void* bytes, size_t size) {
-        std::ofstream(file(name), std::ios::binary).write(static_cast<const char*>(bytes), size);
+    void writeFile(const std::string& name, std::span<const uint8_t> bytes) {
+        std::ofstream(file(name), std::ios::binary)
+            .write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    }
+    Data readFile(const std::string& name) {
+        std::ifstream in(file(name), std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     }
     std::string dir_;
 };
@@ -550,30 +520,27 @@ TEST_F(ExternalToolsTest, SignaturesMadeByOpenSSLVerify) {
     TestEnvironment env;
     auto outer = segmented("auto-signer");
     Dictionary& component = sub(sub(outer, "Backup"), kBase);
-    const auto digest = QVLComponentDigest(kBase, component.find("Manifest"));
-    ASSERT_TRUE(digest);
-    writeFile("digest.bin", digest->data(), digest->size());
+    writeFile("digest.bin", *QVLComponentDigest(kBase, component.find("Manifest")));
     ASSERT_TRUE(run("openssl pkeyutl -sign -inkey " + pkiPath("auto-signer.key") +
                     " -pkeyopt digest:sha1 -in " + file("digest.bin") + " -out " + file("sig.bin")));
-    component.set("Signature", Value(Data(readBytes(file("sig.bin")))));
+    component.set("Signature", readFile("sig.bin"));
     EXPECT_TRUE(load(outer, env));
 
     // A monolithic payload signed whole.
-    const Data payload = rawPayload();
-    writeFile("payload.bin", payload.data(), payload.size());
+    auto monolithicOuter = monolithic(rawManifest(), "manual-signer");
+    writeFile("payload.bin", *monolithicOuter.getData("Payload"));
     ASSERT_TRUE(run("openssl dgst -sha1 -sign " + pkiPath("manual-signer.key") + " -out " + file("sig.bin") +
                     " " + file("payload.bin")));
-    auto monolithic = *QVLManifestSigner::monolithicManifest(payload, identity("manual-signer"));
-    monolithic.set("Signature", Value(Data(readBytes(file("sig.bin")))));
-    EXPECT_TRUE(load(monolithic, env));
+    monolithicOuter.set("Signature", readFile("sig.bin"));
+    EXPECT_TRUE(load(monolithicOuter, env));
 }
 
-TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibIsRead) {
+TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibLoadsFromAnOpenFile) {
     if (!run("python3 -c 'import plistlib' 2>/dev/null"))
         GTEST_SKIP() << "python3 with plistlib not available";
     TestEnvironment env;
     const std::string xml = plist::writeXML(Value(groupedManifest()));
-    writeFile("ours.plist", xml.data(), xml.size());
+    writeFile("ours.plist", {reinterpret_cast<const uint8_t*>(xml.data()), xml.size()});
     for (const char* format : {"FMT_BINARY", "FMT_XML"}) {
         SCOPED_TRACE(format);
         ASSERT_TRUE(
@@ -583,47 +550,11 @@ TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibIsRead) {
         const int fd = open(file("python.plist").c_str(), O_RDONLY | O_CLOEXEC);
         ASSERT_GE(fd, 0);
         auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, env.services());
+        EXPECT_NE(fcntl(fd, F_GETFD), -1);  // left open for the caller
         close(fd);
         ASSERT_TRUE(manifest);
         EXPECT_EQ(manifest->mergedBackupManifest({0, 2})->size(), 3u);
     }
-}
-
-// The real content checker behind verification: what the auto signing key
-// sends is inspected, what the manual key sends is not.
-TEST(QVLSignedManifestTest, ContentCheckerJudgesOnlyLessTrustedSigners) {
-    platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
-    auto checker = QVLDemoManifestCheck::create({&containers});
-    ASSERT_TRUE(checker);
-
-    const auto clean = fileManifest({"/var/mobile/Documents/tool"});
-    auto files = clean;
-    Dictionary& record = *files.find("/var/mobile/Documents/tool")->asDictionary();
-    sub(record, "QVLManifestFileAttributes").set("NSFilePosixPermissions", Value(04755));
-    auto manifestSignedBy = [&](const std::string& signer, const Dictionary& content) {
-        auto outer = segmented(signer);
-        sub(outer, "Backup").set(kBase, signedComponent(kBase, "Main", signer, content));
-        return outer;
-    };
-
-    TestEnvironment env;
-    auto services = env.services();
-    services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
-    QVLLogCapture capture;
-    EXPECT_FALSE(loadsWith(services, manifestSignedBy("auto-signer", files)));
-    EXPECT_TRUE(capture.contains("rigorousTesting failed\n"));
-    EXPECT_TRUE(loadsWith(services, manifestSignedBy("manual-signer", files)));
-    EXPECT_TRUE(loadsWith(services, manifestSignedBy("auto-signer", clean)));
-}
-
-TEST(QVLSignedManifestTest, OrderItemHelpers) {
-    EXPECT_TRUE(QVLSignedManifest::isItemBackup("backup.BaseBackup"));
-    EXPECT_FALSE(QVLSignedManifest::isItemBackup("app.backup."));
-    EXPECT_TRUE(QVLSignedManifest::isItemSystemAppData("systemappdata"));
-    EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("app.com.example"), "com.example");
-    QVLLogCapture capture;
-    EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("backup.x"), std::nullopt);
-    EXPECT_TRUE(capture.contains("Wrong app identifer to install: backup.x"));
 }
 
 }  // namespace

@@ -48,20 +48,31 @@ std::string appendPathComponent(std::string_view root, std::string_view componen
     return out;
 }
 
-// The prefix tests compare plain text, so a path that climbs out of a folder
-// with ".." (or hides a NUL) could pass a test for the place it claims to be
-// in. Such paths, and relative ones, are refused before any test.
-bool canonicalAbsolutePath(std::string_view path) {
-    if (path.empty() || path.front() != '/' || path.find('\0') != std::string_view::npos) return false;
-    size_t start = 1;
-    while (start <= path.size()) {
-        size_t end = path.find('/', start);
-        if (end == std::string_view::npos) end = path.size();
-        const std::string_view part = path.substr(start, end - start);
-        if (part == "." || part == "..") return false;
-        start = end + 1;
-    }
-    return true;
+// Whether `path` lies at or below `place`, on a "/" boundary: "/var/mobile/MediaEvil"
+// is not below "/var/mobile/Media". A trailing "/" of the place is ignored.
+bool atOrBelow(std::string_view path, std::string_view place) {
+    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
+    if (place == "/") return path.starts_with('/');
+    return path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/');
+}
+
+// Whether `path` is a folder on the way to `place` (a strict parent of it).
+bool above(std::string_view path, std::string_view place) {
+    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
+    return path != place && atOrBelow(place, path);
+}
+
+// A parent of an allowed place is restored as a whole folder over device
+// folders such as "/", "/var" and "/var/mobile": only a directory that gives
+// no write to group or others and carries no set-id bit may stand there.
+bool safeParentRecord(const plist::Value& metaData) {
+    const plist::Dictionary* record = metaData.asDictionary();
+    const plist::Dictionary* attributes =
+        record ? record->getDictionary(kQVLManifestFileAttributes) : nullptr;
+    const std::string* type = attributes ? attributes->getString(kNSFileType) : nullptr;
+    const plist::Value* mode = attributes ? attributes->find(kNSFilePosixPermissions) : nullptr;
+    const std::optional<int64_t> bits = mode && mode->isNumber() ? mode->integerValue() : std::nullopt;
+    return type && *type == kNSFileTypeDirectory && bits && *bits >= 0 && (*bits & 06022) == 0;
 }
 
 bool pathExists(const std::string& path) {
@@ -190,13 +201,28 @@ bool WhitelistChecker::checkManifestFile(const std::string& path) {
     return backup ? checkManifest(*backup->asDictionary()) : true;
 }
 
+bool WhitelistChecker::isCanonicalAbsolutePath(std::string_view path) {
+    if (path == "/") return true;
+    if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) return false;
+    for (size_t start = 1; start <= path.size();) {
+        size_t end = path.find('/', start);
+        if (end == std::string_view::npos) end = path.size();
+        const std::string_view part = path.substr(start, end - start);
+        if (part.empty() || part == "." || part == "..") return false;
+        start = end + 1;
+    }
+    return true;
+}
+
 bool WhitelistChecker::checkFile(const std::string& path, const plist::Value& metaData) {
-    if (!canonicalAbsolutePath(path)) {
-        QVLLog("%@ is not an absolute path without \".\" or \"..\" parts.", path);
+    // The place tests compare text, so a path that climbs out of a folder
+    // with ".." could pass for the place it names: such paths are refused first.
+    if (!isCanonicalAbsolutePath(path)) {
+        QVLLog(kNotCanonicalPathMessage, path);
         return false;
     }
     for (std::string_view allowed : kAlwaysAllowed) {
-        if (path.starts_with(allowed) || allowed.starts_with(path)) return true;
+        if (atOrBelow(path, allowed)) return true;
     }
     if (annotated(metaData)) return true;
 
@@ -209,7 +235,19 @@ bool WhitelistChecker::checkFile(const std::string& path, const plist::Value& me
         if (fileBlacklisted(path, domain.deny)) QVLLog("%@ is black listed in %@", path, domain.name);
         return true;
     }
-    return false;
+
+    bool isParent = false;
+    for (std::string_view allowed : kAlwaysAllowed) isParent = isParent || above(path, allowed);
+    for (const Domain& domain : compiled_) isParent = isParent || fileLeadsToWhitelisted(path, domain.allow);
+    if (!isParent) return false;
+    if (!safeParentRecord(metaData)) {
+        QVLLog(
+            "%@ is a folder above an allowed place, so it must be a directory without group or other "
+            "write and without set-id bits.",
+            path);
+        return false;
+    }
+    return true;
 }
 
 bool WhitelistChecker::annotated(const plist::Value& metaData) {
@@ -238,7 +276,14 @@ std::vector<std::string> WhitelistChecker::createFullPathList(const plist::Array
 
 bool WhitelistChecker::fileWhitelisted(std::string_view path, const std::vector<std::string>& list) {
     for (const std::string& entry : list) {
-        if (path.starts_with(entry) || std::string_view(entry).starts_with(path)) return true;
+        if (atOrBelow(path, entry)) return true;
+    }
+    return false;
+}
+
+bool WhitelistChecker::fileLeadsToWhitelisted(std::string_view path, const std::vector<std::string>& list) {
+    for (const std::string& entry : list) {
+        if (above(path, entry)) return true;
     }
     return false;
 }

@@ -3,7 +3,10 @@
 // always-allowed places, when its record carries the restore annotation, or
 // when the allow list of one of the domains of the domain table covers it.
 // The first domain that allows a path decides; a hit in that domain's deny
-// list is reported in the log but does not refuse the path. The checker also
+// list is reported in the log but does not refuse the path. Places match on a
+// "/" boundary. A folder on the way to an allowed place ("/", "/var") passes
+// only as a directory that gives no write to group or others and carries no
+// set-id bit. Paths must be absolute, without empty, "." or ".." parts. The checker also
 // looks at the top folder of each system container of the backup: one that
 // the device already has and excludes from backup must not be overwritten.
 //
@@ -47,8 +50,10 @@ class WhitelistChecker {
     // dropped. An allow list without a usable entry is the root alone.
     static std::vector<std::string> createFullPathList(const plist::Array& entries, std::string_view rootPath,
                                                        bool isAllowList);
-    // Text prefix test in both directions (parents of an allowed path pass).
+    // The path is an entry or lies below one.
     static bool fileWhitelisted(std::string_view path, const std::vector<std::string>& list);
+    // The path is a folder on the way to an entry (a strict parent of one).
+    static bool fileLeadsToWhitelisted(std::string_view path, const std::vector<std::string>& list);
     // The path is an entry or lies below one.
     static bool fileBlacklisted(std::string_view path, const std::vector<std::string>& list);
 
@@ -57,6 +62,12 @@ class WhitelistChecker {
     bool shouldRestore(const std::string& identifier, bool shared);
     // Whether a backup file that lies in a system container is acceptable.
     bool handleSystemContainerFiles(const std::string& path, const plist::Value& metaData);
+
+    // "/", or "/" followed by names that are neither empty, "." nor "..".
+    static bool isCanonicalAbsolutePath(std::string_view path);
+    // Logged, with the path, for a path that is not canonical and absolute.
+    static constexpr const char* kNotCanonicalPathMessage =
+        "%@ is not an absolute path without empty, \".\" or \"..\" parts.";
 
     const plist::Dictionary& domains() const { return domains_; }
     void setDomains(plist::Dictionary domains);

@@ -17,9 +17,10 @@ using plist::Data;
 using plist::Dictionary;
 using plist::Value;
 
-Value record(std::string_view annotation = {}) {
+Value record(std::string_view annotation = {}, const char* type = "NSFileTypeRegular", int64_t mode = 0644) {
     Dictionary attributes;
-    attributes.set("NSFileType", "NSFileTypeRegular");
+    attributes.set("NSFileType", type);
+    attributes.set("NSFilePosixPermissions", mode);
     Dictionary xattrs;
     if (!annotation.empty()) xattrs.set("MBRestoreAnnotation", Data(annotation.begin(), annotation.end()));
     Dictionary r;
@@ -37,7 +38,6 @@ class FakeContainers : public platform::ContainerLookup {
         return platform::ContainerInfo{"/containers/" + std::string(identifier), existed};
     }
     std::optional<bool> excludedFromBackup(const std::string&) override { return excluded; }
-
     bool existed = true;
     std::optional<bool> excluded = true;
     std::vector<std::string> asked;
@@ -46,68 +46,83 @@ class FakeContainers : public platform::ContainerLookup {
 class WhitelistCheckerTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(checker_.loadFromData()); }
-    bool check(const std::string& path, const Value& r = record()) { return checker_.checkFile(path, r); }
-
     FakeContainers containers_;
     WhitelistChecker checker_{&containers_};
 };
 
-TEST_F(WhitelistCheckerTest, AlwaysAllowedPathsAndTheirParents) {
-    EXPECT_TRUE(check("/var/mobile/Media/DCIM/100DEMO/IMG_0001.JPG"));
-    EXPECT_TRUE(check("/var/mobile/Media"));
-    EXPECT_TRUE(check("/var/mobile"));
-    EXPECT_TRUE(check("/var"));
-    EXPECT_TRUE(check("/"));
-    EXPECT_TRUE(check("/var/wireless/Library/Preferences/com.ostrel.kromd.plist"));
-    EXPECT_FALSE(check("/etc/passwd"));
-    EXPECT_FALSE(check("/var/tmp/payload"));
+TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
+    const Value folder = record({}, "NSFileTypeDirectory", 0755);
+    const std::string above =
+        " is a folder above an allowed place, so it must be a directory without group or other write and "
+        "without set-id bits.";
+    const std::string notCanonical = " is not an absolute path without empty, \".\" or \"..\" parts.";
+    Dictionary textAnnotation = *record().asDictionary();
+    textAnnotation.set("QVLManifestFileExtendedAttributes", Dictionary());
+    textAnnotation.find("QVLManifestFileExtendedAttributes")
+        ->asDictionary()
+        ->set("MBRestoreAnnotation", "NotRestored");
+    const struct {
+        std::string path;
+        Value record;
+        bool passes;
+        std::string logLine;  // "": nothing logged
+    } cases[] = {
+        {"/var/mobile/Media/DCIM/100DEMO/IMG_0001.JPG", record(), true, ""},
+        {"/var/mobile/Media", record(), true, ""},
+        {"/var/wireless/Library/Preferences/com.ostrel.kromd.plist", record(), true, ""},
+        {"/var/mobile/MediaEvil/x", record(), false, ""},
+        {"/var/tmp/payload", record(), false, ""},
+        // Folders on the way to an allowed place.
+        {"/var/mobile", folder, true, ""},
+        {"/", folder, true, ""},
+        {"/var/root/Library", folder, true, ""},
+        {"/var", record({}, "NSFileTypeDirectory", 0775), false, "/var" + above},
+        {"/var", record({}, "NSFileTypeDirectory", 02755), false, "/var" + above},
+        {"/var/mobile", record(), false, "/var/mobile" + above},
+        {"/etc", folder, false, ""},
+        {"/var/mobile/Media/../../../etc/passwd", record(), false,
+         "/var/mobile/Media/../../../etc/passwd" + notCanonical},
+        {"/var/mobile/Media/./x", record(), false, "/var/mobile/Media/./x" + notCanonical},
+        {"/var/mobile//Media", record(), false, "/var/mobile//Media" + notCanonical},
+        {"var/mobile/Media", record(), false, "var/mobile/Media" + notCanonical},
+        {"/var/mobile/Media/..", record("NotRestored"), false, "/var/mobile/Media/.." + notCanonical},
+        // Domains decide; a deny-list hit is only reported.
+        {"/var/mobile/Library/Preferences/com.example.demo.plist", record(), true, ""},
+        {"/var/Keychains/ItemStore.db-wal", record(), true, ""},  // only-encrypted
+        {"/var/db/demo/seed/first.plist", record(), true, ""},    // restore-only
+        {"/var/mobile/Library/SMS/sms.db", record(), false, ""},
+        {"/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist", record(), true,
+         "/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist is black listed in area.mobile-home"},
+        {"/var/QVLDemoContent/Videos/loop.mov", record(), true, ""},  // a comment-only domain: its whole root
+        // The annotation passes anywhere when it is exact bytes.
+        {"/etc/sudoers", record("NotBackedUp"), true, ""},
+        {"/etc/sudoers", record("NotRestored"), true, ""},
+        {"/etc/sudoers", record("NotRestoredAfterAll"), false, ""},
+        {"/etc/sudoers", record(std::string_view("NotRestored\0", 12)), false, ""},
+        {"/etc/sudoers", textAnnotation, false, ""},
+        {"/etc/sudoers", Value("not a record"), false, ""},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        QVLLogCapture capture;
+        EXPECT_EQ(checker_.checkFile(c.path, c.record), c.passes);
+        EXPECT_EQ(capture.lines(), c.logLine.empty() ? std::vector<std::string>{} : std::vector{c.logLine});
+    }
 }
 
-TEST_F(WhitelistCheckerTest, PathsThatClimbOrAreRelativeAreRefused) {
+TEST_F(WhitelistCheckerTest, HandMadeDomainsAndWholeManifests) {
     QVLLogCapture capture;
-    EXPECT_FALSE(check("/var/mobile/Media/../../../etc/passwd"));
-    EXPECT_FALSE(check("/var/mobile/Media/./x"));
-    EXPECT_FALSE(check(""));
-    EXPECT_FALSE(check("var/mobile/Media"));
-    EXPECT_FALSE(check("/var/mobile/Media/..", record("NotRestored")));
-    EXPECT_TRUE(
-        capture.contains("/var/mobile/Media/../../../etc/passwd is not an absolute path without \".\" or "
-                         "\"..\" parts."));
-}
+    Dictionary manifest;
+    for (const char* path :
+         {"/var/mobile/Media/a", "/etc/shadow", "/var/mobile/Library/Preferences/b", "/usr/bin/x"})
+        manifest.set(path, record());
+    EXPECT_FALSE(checker_.checkManifest(manifest));
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{
+                                   "-[WhitelistChecker checkManifest:]:/etc/shadow failed the check.",
+                                   "-[WhitelistChecker checkManifest:]:/usr/bin/x failed the check.",
+                               }));
+    EXPECT_TRUE(checker_.checkManifest(Dictionary()));
 
-TEST_F(WhitelistCheckerTest, DomainAllowListsDecideAndDenyHitsAreOnlyReported) {
-    QVLLogCapture capture;
-    EXPECT_TRUE(check("/var/mobile/Library/Preferences/com.example.demo.plist"));
-    EXPECT_TRUE(check("/var/db/timezone/localtime"));
-    EXPECT_TRUE(check("/var/Keychains/ItemStore.db-wal"));  // an only-encrypted entry
-    EXPECT_TRUE(check("/var/db/demo/seed/first.plist"));    // a restore-only entry
-    EXPECT_FALSE(check("/var/mobile/Library/SMS/sms.db"));
-    EXPECT_TRUE(capture.lines().empty());
-
-    EXPECT_TRUE(check("/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist"));
-    EXPECT_TRUE(capture.contains(
-        "/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist is black listed in area.mobile-home"));
-    // The comment-only domain allows its whole root, and its parents.
-    EXPECT_TRUE(check("/var/QVLDemoContent/Videos/loop.mov"));
-    EXPECT_TRUE(check("/var/QVLDemoContent"));
-}
-
-TEST_F(WhitelistCheckerTest, RestoreAnnotationMustMatchExactly) {
-    EXPECT_TRUE(check("/etc/sudoers", record("NotBackedUp")));
-    EXPECT_TRUE(check("/etc/sudoers", record("NotRestored")));
-    EXPECT_FALSE(check("/etc/sudoers", record("NotRestoredAfterAll")));
-    EXPECT_FALSE(check("/etc/sudoers", record(std::string_view("NotRestored\0", 12))));
-    // The annotation is bytes; a string value does not count.
-    Dictionary r = *record().asDictionary();
-    Dictionary xattrs;
-    xattrs.set("MBRestoreAnnotation", "NotRestored");
-    r.set("QVLManifestFileExtendedAttributes", xattrs);
-    EXPECT_FALSE(check("/etc/sudoers", r));
-    EXPECT_FALSE(check("/etc/sudoers", Value("not a record")));
-}
-
-TEST_F(WhitelistCheckerTest, HandMadeDomains) {
-    QVLLogCapture capture;
     Dictionary noAllowArray;
     noAllowArray.set("RootPath", "/var/open");
     noAllowArray.set("RelativePathsToRestoreOnly", Array{Value("only/this")});
@@ -117,30 +132,11 @@ TEST_F(WhitelistCheckerTest, HandMadeDomains) {
     domains.set("open", noAllowArray);
     domains.set("broken", noRoot);
     checker_.setDomains(domains);
-
-    // Without the main allow array the whole root is allowed.
-    EXPECT_TRUE(check("/var/open/anything/at/all"));
-    // A path that no earlier domain allows reaches the broken one and is refused.
-    EXPECT_FALSE(check("/var/elsewhere"));
+    EXPECT_TRUE(
+        checker_.checkFile("/var/open/anything/at/all", record()));  // no main allow array: the whole root
+    EXPECT_FALSE(checker_.checkFile("/var/elsewhere", record()));    // reaches the broken domain
     EXPECT_TRUE(capture.contains("No root path find in domain broken"));
-}
 
-TEST_F(WhitelistCheckerTest, ManifestReportsEveryFailingPath) {
-    QVLLogCapture capture;
-    Dictionary manifest;
-    manifest.set("/var/mobile/Media/a", record());
-    manifest.set("/etc/shadow", record());
-    manifest.set("/var/mobile/Library/Preferences/b.plist", record());
-    manifest.set("/usr/bin/x", record());
-    EXPECT_FALSE(checker_.checkManifest(manifest));
-    EXPECT_EQ(capture.lines(), (std::vector<std::string>{
-                                   "-[WhitelistChecker checkManifest:]:/etc/shadow failed the check.",
-                                   "-[WhitelistChecker checkManifest:]:/usr/bin/x failed the check.",
-                               }));
-    EXPECT_TRUE(checker_.checkManifest(Dictionary()));
-}
-
-TEST(WhitelistCheckerListsTest, FullPathListsAndPrefixTests) {
     const Array entries{Value("  Library/Preferences   # comment"), Value("#only a comment"), Value("   "),
                         Value("Documents/"), Value(Data{1, 2})};
     EXPECT_EQ(WhitelistChecker::createFullPathList(entries, "/var/mobile/", true),
@@ -148,16 +144,15 @@ TEST(WhitelistCheckerListsTest, FullPathListsAndPrefixTests) {
     EXPECT_EQ(WhitelistChecker::createFullPathList(Array{Value("# none")}, "/var/x", true),
               (std::vector<std::string>{"/var/x"}));
     EXPECT_TRUE(WhitelistChecker::createFullPathList(Array{Value("# none")}, "/var/x", false).empty());
-
     const std::vector<std::string> list{"/var/db/platform"};
-    EXPECT_TRUE(WhitelistChecker::fileBlacklisted("/var/db/platform", list));
-    EXPECT_TRUE(WhitelistChecker::fileBlacklisted("/var/db/platform/nvram/x", list));
+    for (const char* path : {"/var/db/platform", "/var/db/platform/nvram/x"}) {
+        EXPECT_TRUE(WhitelistChecker::fileBlacklisted(path, list));
+        EXPECT_TRUE(WhitelistChecker::fileWhitelisted(path, list));
+    }
     EXPECT_FALSE(WhitelistChecker::fileBlacklisted("/var/db/platformx", list));
-    EXPECT_FALSE(WhitelistChecker::fileBlacklisted("/var/db", list));
-    // The allow test has no "/" boundary and passes parents too.
-    EXPECT_TRUE(WhitelistChecker::fileWhitelisted("/var/db/platformx", list));
-    EXPECT_TRUE(WhitelistChecker::fileWhitelisted("/var/d", list));
-    EXPECT_FALSE(WhitelistChecker::fileWhitelisted("/var/e", list));
+    EXPECT_FALSE(WhitelistChecker::fileWhitelisted("/var/db/platformx", list));
+    EXPECT_TRUE(WhitelistChecker::fileLeadsToWhitelisted("/var/db", list));
+    EXPECT_FALSE(WhitelistChecker::fileLeadsToWhitelisted("/var/d", list));
 }
 
 TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
@@ -171,21 +166,14 @@ TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
             "locally):com.example.settings",
             "-[WhitelistChecker handleSystemContainerFiles:withMetadata:]:Container check failed for " + top,
         }));
-    EXPECT_EQ(containers_.asked, (std::vector<std::string>{"com.example.settings@12"}));
-
     // Deeper paths, annotated tops and paths outside the prefixes are not looked up.
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top + "/Library/x.plist", record()));
-    EXPECT_TRUE(checker_.handleSystemContainerFiles(top + "/", record()));
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top, record("NotBackedUp")));
     EXPECT_TRUE(checker_.handleSystemContainerFiles("/var/mobile/Library/Preferences/x", record()));
-    EXPECT_EQ(containers_.asked.size(), 1u);
-
     const std::string group = "/var/mobile/Library/Backup/SystemContainers/Shared/group.example";
     EXPECT_FALSE(checker_.handleSystemContainerFiles(group, record()));
-    EXPECT_EQ(containers_.asked.back(), "group.example@13");
+    EXPECT_EQ(containers_.asked, (std::vector<std::string>{"com.example.settings@12", "group.example@13"}));
 
-    containers_.excluded = false;
-    EXPECT_TRUE(checker_.handleSystemContainerFiles(top, record()));
     containers_.excluded = std::nullopt;  // unreadable flag: restore
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top, record()));
     containers_.excluded = true;
@@ -197,22 +185,23 @@ TEST(WhitelistCheckerFilesTest, LoadingFromFiles) {
     namespace fs = std::filesystem;
     const fs::path dir = fs::temp_directory_path() / ("qvl-whitelist-" + std::to_string(getpid()));
     fs::create_directories(dir);
+    const std::string missing = (dir / "missing.plist").string(), garbage = (dir / "garbage.plist").string();
     WhitelistChecker checker;
     QVLLogCapture capture;
-    EXPECT_FALSE(checker.load((dir / "missing.plist").string()));
-    EXPECT_TRUE(capture.contains((dir / "missing.plist").string() + " does not exist."));
-    std::ofstream(dir / "garbage.plist") << "this is not a property list";
-    EXPECT_FALSE(checker.load((dir / "garbage.plist").string()));
-    EXPECT_TRUE(capture.contains("Cannot load " + (dir / "garbage.plist").string()));
-    EXPECT_FALSE(checker.checkManifestFile((dir / "garbage.plist").string()));
+    EXPECT_FALSE(checker.load(missing));
+    EXPECT_TRUE(capture.contains(missing + " does not exist."));
+    std::ofstream(garbage) << "this is not a property list";
+    EXPECT_FALSE(checker.load(garbage));
+    EXPECT_FALSE(checker.checkManifestFile(garbage));
+    EXPECT_TRUE(capture.contains("Cannot load " + garbage));
 
     std::ofstream(dir / "table.plist")
-        << "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist "
-           "version=\"1.0\"><dict><key>SystemDomains</key><dict>"
-           "<key>d</key><dict><key>RootPath</key><string>/var/d</string>"
-           "<key>RelativePathsToBackupAndRestore</key><array><string>ok</string></array></dict></dict>"
-           "<key>Backup</key><dict><key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></dict></dict></"
-           "plist>";
+        << "<plist version=\"1.0\"><dict><key>SystemDomains</key><dict><key>d</key><dict><key>RootPath</key>"
+           "<string>/var/d</string><key>RelativePathsToBackupAndRestore</key><array><string>ok</string></"
+           "array>"
+           "</dict></dict><key>Backup</key><dict><key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></"
+           "dict>"
+           "</dict></plist>";
     EXPECT_TRUE(checker.load((dir / "table.plist").string()));
     EXPECT_EQ(checker.domains().size(), 1u);
     EXPECT_FALSE(checker.checkManifestFile((dir / "table.plist").string()));
