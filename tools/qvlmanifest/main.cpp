@@ -15,9 +15,12 @@ constexpr Verb kVerbs[] = {
     {"scan", "DIR [--relative-to ROOT] [--skip FOLDER]... [--superset FILE] [-o OUT] [--xml] [-v]",
      "write the directory manifest of DIR", scanVerb},
     {"compare", "A B [-v]", "list the paths whose records differ between two manifests", compareVerb},
-    {"sign", "RECIPE -o OUT [--xml]", "build a signed manifest from a recipe (format in README.md)", signVerb},
-    {"verify", "FILE [--anchors DIR] [--production-device | --development-device]",
-     "load a signed manifest as the helper does; exit 0 accepted, 1 refused, 2 error", verifyVerb},
+    {"sign", "RECIPE -o OUT [--xml]", "build a signed manifest from a recipe (format in README.md)",
+     signVerb},
+    {"verify", "FILE [--anchors DIR] [--production-device | --development-device] [-v]",
+     "load a signed manifest as the helper does; exit 0 accepted, 1 refused, 2 error; -v: what its "
+     "signatures cover",
+     verifyVerb},
     {"digest", "FILE", "print the digests that a signed manifest's signatures cover", digestVerb},
 };
 

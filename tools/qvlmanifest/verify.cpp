@@ -1,8 +1,9 @@
-// qvlmanifest verify FILE [--anchors DIR] [--production-device | --development-device]:
+// qvlmanifest verify FILE [--anchors DIR] [--production-device | --development-device] [-v]:
 // loads FILE exactly as the helper does. Every line the load logs goes to the
 // standard error stream (the message alone); the standard output gets the
 // version, each certificate entry with its signer kind and rigorous check
-// type, each component with its check type, and the verdict.
+// type, each component with its check type, and the verdict. With -v it then
+// says what the signatures of this manifest cover and what they leave open.
 // Exit status: 0 accepted, 1 refused, 2 bad usage or unreadable file.
 
 #include <fcntl.h>
@@ -120,12 +121,52 @@ void printSummary(const Value& file, const QVLSignedManifest* loaded, QVLSignedM
     std::printf("verdict: %s\n", loaded ? "accepted" : "refused");
 }
 
+std::string recordCount(const Value* manifest) {
+    const Dictionary* files = manifest ? manifest->asDictionary() : nullptr;
+    if (!files) return "no \"Manifest\": it stands for an empty one";
+    return std::to_string(files->size()) + (files->size() == 1 ? " record" : " records");
+}
+
+// What a signature vouches for is a property of the format; this names it
+// for the parts of the manifest at hand.
+void printCoverage(const Value& file) {
+    const Dictionary* outer = file.asDictionary();
+    const Value* versionValue = outer ? outer->find("Version") : nullptr;
+    if (versionValue && versionValue->integerValue() == 2) {
+        std::printf(
+            "the signature covers:\n"
+            "  the whole \"Payload\", byte for byte: every section, \"InstallationOrder\" and \"Info\"\n"
+            "it does not cover:\n"
+            "  the outer \"Version\" and \"Certificate\" (the chain is judged by its trust alone)\n");
+        return;
+    }
+    std::printf("the signatures cover, per component:\n");
+    for (const char* section : kSections) {
+        const Dictionary* components = outer ? outer->getDictionary(section) : nullptr;
+        if (!components) continue;
+        for (const auto& [name, value] : *components) {
+            const Dictionary* component = value.asDictionary();
+            std::printf("  %s/%s: its name and its \"Manifest\" (%s)\n", section, name.c_str(),
+                        recordCount(component ? component->find("Manifest") : nullptr).c_str());
+        }
+    }
+    std::printf(
+        "they do not cover:\n"
+        "  the section a component sits in: one signed for \"AppData\" verifies as well in \"GroupData\"\n"
+        "  \"InstallationOrder\": its items can be reordered, so backups install in another order\n"
+        "  which components there are: a signed one can be left out, or taken from another manifest\n"
+        "    of the same signer\n"
+        "  \"Version\" (3 to 5 verify alike), \"Info\", \"Certificates\" and each component's\n"
+        "    \"Certificate\" name (a name only picks the key that must verify the signature)\n");
+}
+
 }  // namespace
 
 int verifyVerb(Arguments args) {
     std::string path;
     std::string anchors = platform::kDefaultAnchorsFolder;
     std::optional<bool> fused;
+    bool verbose = false;
     for (size_t i = 0; i < args.size(); ++i) {
         if (args[i] == "--anchors" && i + 1 < args.size())
             anchors = args[++i];
@@ -133,17 +174,19 @@ int verifyVerb(Arguments args) {
             fused = true;
         else if (args[i] == "--development-device" && !fused)
             fused = false;
+        else if (args[i] == "-v")
+            verbose = true;
         else if (path.empty() && !args[i].starts_with("-"))
             path = args[i];
         else
             return fail(
                 "verify: usage: qvlmanifest verify FILE [--anchors DIR] "
-                "[--production-device | --development-device]");
+                "[--production-device | --development-device] [-v]");
     }
     if (path.empty())
         return fail(
             "verify: usage: qvlmanifest verify FILE [--anchors DIR] "
-            "[--production-device | --development-device]");
+            "[--production-device | --development-device] [-v]");
 
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     if (fd < 0) return fail("verify: cannot open " + path);
@@ -171,6 +214,7 @@ int verifyVerb(Arguments args) {
     const bool development = device.signingFuse() == false;
     QVLSignedManifest judge(services);
     printSummary(file ? *file : Value(), manifest.get(), judge, development);
+    if (verbose) printCoverage(file ? *file : Value());
     return manifest ? kExitSuccess : kExitDifferent;
 }
 
