@@ -1,7 +1,9 @@
-// Loads arbitrary bytes as a signed manifest. Besides never crashing, an
-// accepted manifest must hold only components whose signatures verify, checked
-// here independently of the loader with plain OpenSSL calls against the
-// signer certificates the manifest names.
+// Loads arbitrary bytes as a signed manifest, with the helper's own content
+// checks. Besides never crashing, an accepted manifest must hold only
+// components whose signatures verify, checked here independently of the
+// loader with plain OpenSSL calls against the signer certificates the manifest
+// names, and every file manifest that readers take from inspected content must
+// have clean absolute keys only.
 #include <cstdint>
 #include <cstdlib>
 #include <span>
@@ -10,9 +12,14 @@
 #include <openssl/rsa.h>
 #include <openssl/x509.h>
 
+#include "manifest/QVLDemoManifestCheck.h"
 #include "manifest/QVLPropertyListDigest.h"
 #include "manifest/QVLSignedManifest.h"
+#include "metadata/WhitelistChecker.h"
+#include "platform/codesign/CodeSignature.h"
+#include "platform/containers/ContainerLookup.h"
 #include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/notify/QVLNotificationCenter.h"
 #include "platform/trust/TrustService.h"
 #include "plist/PropertyList.h"
 
@@ -30,6 +37,41 @@ class FixedDevice : public qvl::platform::DeviceInfo {
         return std::nullopt;
     }
 };
+
+// No system container exists: the domain checks stay on this machine's files.
+class NoContainers : public qvl::platform::ContainerLookup {
+  public:
+    std::optional<qvl::platform::ContainerInfo> containerPath(std::string_view,
+                                                              qvl::platform::ContainerClass) override {
+        return std::nullopt;
+    }
+    std::optional<bool> excludedFromBackup(const std::string&) override { return std::nullopt; }
+};
+
+class Unsigned : public qvl::platform::CodeSignatureValidator {
+  public:
+    int validateCodeSignature(const std::string&) override { return qvl::platform::kCodeSignatureUnsigned; }
+};
+
+// Content checks by a checker made for the one check, so that the observers a
+// passing check registers go with it.
+struct Checks {
+    NoContainers containers;
+    Unsigned codeSignature;
+    qvl::platform::QVLNotificationCenter center;
+    bool unsegmentedRan = false;
+    template <typename Run>
+    bool check(Run run) {
+        auto checker = qvl::QVLDemoManifestCheck::create({&containers, &codeSignature, &center});
+        return checker && run(*checker);
+    }
+};
+
+void requireCleanKeys(const Dictionary* files) {
+    if (!files) return;
+    for (const auto& entry : *files)
+        if (!qvl::WhitelistChecker::isCanonicalAbsolutePath(entry.first)) abort();
+}
 
 // Whether `signature` over the 20-byte `digest` verifies with the key of the
 // DER certificate `der`.
@@ -57,7 +99,7 @@ const Data* signerOf(const Dictionary& certificates, const Value* name) {
     return chain && !chain->empty() ? (*chain)[0].asData() : nullptr;
 }
 
-void checkSegmented(const Dictionary& payload) {
+void checkSegmented(const Dictionary& payload, const qvl::QVLSignedManifest& manifest) {
     const Dictionary* certificates = payload.getDictionary("Certificates");
     if (!certificates) abort();
     for (const char* section : {"Backup", "App", "AppData", "GroupData", "ExtensionData"}) {
@@ -71,7 +113,19 @@ void checkSegmented(const Dictionary& payload) {
             const Data* signature = component->getData("Signature");
             const auto digest = qvl::QVLComponentDigest(name, component->find("Manifest"));
             if (!signer || !signature || !digest || !signatureVerifies(*signer, *digest, *signature)) abort();
+            if (std::string_view(section) != "App" && *component->getString("RigorousCheckType") != "Skip")
+                requireCleanKeys(manifest.fileManifestOf(componentValue));
         }
+    }
+}
+
+// A raw manifest that went through the content checks.
+void checkInspectedRaw(const qvl::QVLSignedManifest& manifest) {
+    requireCleanKeys(manifest.getBackup().get());
+    for (const auto& section :
+         {manifest.getAppDataList(), manifest.getGroupDataList(), manifest.getPlugInDataList()}) {
+        if (!section) continue;
+        for (const auto& entry : *section) requireCleanKeys(manifest.fileManifestOf(entry.second));
     }
 }
 
@@ -98,9 +152,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     qvl::QVLSignedManifest::Services services;
     services.trust = &trust;
     services.deviceInfo = &device;
-    // The content checks accept everything: what is fuzzed is the signature gate.
-    services.manifestVerifier.segmented = [](std::shared_ptr<const Dictionary>) { return true; };
-    services.manifestVerifier.unsegmented = [](const Dictionary&) { return true; };
+    static Checks checks;
+    checks.unsegmentedRan = false;
+    services.manifestVerifier.segmented = [](std::shared_ptr<const Dictionary> m) {
+        return checks.check(
+            [&](qvl::QVLDemoManifestCheck& c) { return c.secureManifestCheckForSegmentedManifest(m); });
+    };
+    services.manifestVerifier.unsegmented = [](const Dictionary& raw) {
+        checks.unsegmentedRan = true;
+        return checks.check(
+            [&](qvl::QVLDemoManifestCheck& c) { return c.secureManifestCheckForUnsegmentedManifest(&raw); });
+    };
 
     qvl::QVLSignedManifest manifest(services);
     if (!manifest.initWithBytes({data, size})) return 0;
@@ -109,9 +171,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A version 2 payload is the raw manifest; its signature covers the outer "Payload".
     const auto outer = qvl::plist::read(std::span<const uint8_t>(data, size));
     const Value* version = outer && outer->asDictionary() ? outer->asDictionary()->find("Version") : nullptr;
-    if (version && version->integerValue() == 2)
+    if (version && version->integerValue() == 2) {
         checkMonolithic({data, size});
-    else
-        checkSegmented(*payload);
+        if (checks.unsegmentedRan) checkInspectedRaw(manifest);
+    } else {
+        checkSegmented(*payload, manifest);
+    }
     return 0;
 }
