@@ -1,5 +1,6 @@
 // qvlmanifest sign, verify and digest, run as a program over recipes made from
 // the development PKI; signatures are cross-checked with the openssl command.
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,8 @@
 namespace {
 
 namespace fs = std::filesystem;
+using qvl::plist::Dictionary;
+using qvl::plist::Value;
 
 std::string pki(const std::string& name) {
     const char* src = getenv("QVL_SOURCE_DIR");
@@ -23,109 +26,134 @@ std::string pki(const std::string& name) {
 
 struct Result {
     int status = -1;
-    std::string out;
-    std::string err;
+    std::string out, err;
+    bool says(const std::string& text) const { return out.find(text) != std::string::npos; }
+    bool logs(const std::string& text) const { return err.find(text) != std::string::npos; }
 };
 
 class QvlmanifestSignTest : public ::testing::Test {
   protected:
     void SetUp() override {
+        umask(022);  // the scanned folders above the content are closed to group and others
         char pattern[] = "/tmp/qvlmanifest-sign-XXXXXX";
         ASSERT_TRUE(mkdtemp(pattern));
         dir_ = pattern;
         fs::create_directories(dir_ + "/content/var/mobile/Documents/notes");
         std::ofstream(dir_ + "/content/var/mobile/Documents/notes/a.txt") << "hello\n";
         std::ofstream(dir_ + "/content/var/mobile/Documents/b.txt") << "world\n";
-        const std::string record =
-            "<dict><key>QVLManifestFileAttributes</key><dict><key>NSFileType</key><string>NSFileTypeRegular</"
-            "string>"
-            "<key>NSFilePosixPermissions</key><integer>420</integer></dict>"
-            "<key>QVLManifestFileHash</key><data>AAECAwQFBgcICQoLDA0ODxAREhM=</data></dict>";
-        write("data.plist", "<dict><key>/Documents/c.txt</key>" + record + "</dict>");
+        Dictionary attributes;
+        attributes.set("NSFileType", "NSFileTypeRegular");
+        attributes.set("NSFilePosixPermissions", 0644);
+        Dictionary record;
+        record.set("QVLManifestFileAttributes", attributes);
+        record.set("QVLManifestFileHash", qvl::plist::Data(20, 7));
+        Dictionary data;
+        data.set("/Documents/c.txt", record);
+        ASSERT_TRUE(qvl::plist::writeFileAtomically(file("data.plist"), data, qvl::plist::Format::XML));
     }
     void TearDown() override { fs::remove_all(dir_); }
 
-    void write(const std::string& name, const std::string& body) {
-        std::ofstream(dir_ + "/" + name)
-            << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n"
-            << body << "\n</plist>\n";
-    }
-
-    static std::string certificate(const std::string& name, const std::string& signer,
-                                   const std::string& type) {
-        return "<key>" + name + "</key><dict><key>Chain</key><string>" + pki(signer + "-chain.pem") +
-               "</string><key>PrivateKey</key><string>" + pki(signer + ".key") +
-               "</string><key>TypeOfSignature</key><string>" + type + "</string></dict>";
-    }
-
-    // A recipe of `version` with a base backup scanned from content/ and an
-    // app data container from data.plist.
-    void writeRecipe(int version, const std::string& certificates, const std::string& backupCert,
-                     const std::string& dataCert) {
-        write("recipe.plist",
-              "<dict><key>Version</key><integer>" + std::to_string(version) +
-                  "</integer><key>Certificates</key><dict>" + certificates +
-                  "</dict><key>Info</key><dict><key>Name</key><string>Demo</string></dict>"
-                  "<key>Components</key><array>"
-                  "<dict><key>Section</key><string>Backup</string><key>Name</key><string>backup.BaseBackup</"
-                  "string>"
-                  "<key>Certificate</key><string>" +
-                  backupCert +
-                  "</string><key>Folder</key><string>content</string></dict>"
-                  "<dict><key>Section</key><string>AppData</string><key>Name</key><string>com.example.app</"
-                  "string>"
-                  "<key>Certificate</key><string>" +
-                  dataCert +
-                  "</string><key>ManifestFile</key><string>data.plist</string></dict></array></dict>");
+    // A recipe of `version`: certificate "Store" of `signer` (and, above
+    // version 2, "Test" of the test signer), a base backup scanned from content/ under
+    // "Store", and a container in each data section from data.plist under
+    // `dataCert`.
+    void writeRecipe(int version, const std::string& signer, const std::string& dataCert = "Store") {
+        Dictionary certificates;
+        for (const auto& [name, who, type] : {std::tuple{"Store", signer, "Production"},
+                                              std::tuple{"Test", std::string("uat-signer"), "UAT"}}) {
+            if (version == 2 && std::string(name) == "Test") continue;
+            Dictionary entry;
+            entry.set("Chain", pki(who + "-chain.pem"));
+            entry.set("PrivateKey", pki(who + ".key"));
+            entry.set("TypeOfSignature", type);
+            certificates.set(name, entry);
+        }
+        auto component = [](const char* section, const char* name, const std::string& cert, const char* key,
+                            const char* value) {
+            Dictionary c;
+            c.set("Section", section);
+            c.set("Name", name);
+            c.set("Certificate", cert);
+            c.set(key, value);
+            return Value(c);
+        };
+        qvl::plist::Array components{component("Backup", "backup.BaseBackup", "Store", "Folder", "content")};
+        for (const char* section : {"AppData", "GroupData", "ExtensionData"}) {
+            components.push_back(
+                component(section, "com.example.data", dataCert, "ManifestFile", "data.plist"));
+        }
+        Dictionary recipe;
+        recipe.set("Version", version);
+        recipe.set("Certificates", certificates);
+        recipe.set("Components", components);
+        ASSERT_TRUE(qvl::plist::writeFileAtomically(file("recipe.plist"), recipe, qvl::plist::Format::XML));
     }
 
     Result run(const std::string& args) {
         Result r;
-        const std::string errFile = dir_ + "/stderr.txt";
-        FILE* pipe = popen((std::string(QVLMANIFEST_PATH) + " " + args + " 2>" + errFile).c_str(), "r");
+        FILE* pipe =
+            popen((std::string(QVLMANIFEST_PATH) + " " + args + " 2>" + file("stderr.txt")).c_str(), "r");
         if (!pipe) return r;
         char buffer[4096];
-        size_t n;
-        while ((n = fread(buffer, 1, sizeof buffer, pipe)) > 0) r.out.append(buffer, n);
+        for (size_t n; (n = fread(buffer, 1, sizeof buffer, pipe)) > 0;) r.out.append(buffer, n);
         const int status = pclose(pipe);
         r.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
         std::stringstream err;
-        err << std::ifstream(errFile).rdbuf();
+        err << std::ifstream(file("stderr.txt")).rdbuf();
         r.err = err.str();
         return r;
+    }
+    Result verify(const std::string& options) {
+        return run("verify " + file("m.signed") + " --anchors " + pki("anchors") + " " + options);
     }
 
     std::string file(const std::string& name) { return dir_ + "/" + name; }
     std::string dir_;
 };
 
+// What an honest signer makes with the auto signing key passes every content
+// check, in every layout and either encoding.
+TEST_F(QvlmanifestSignTest, EveryLayoutOfTheAutoSigningKeyIsAccepted) {
+    for (int version : {2, 3, 4, 5}) {
+        for (const char* encoding : {"", " --xml"}) {
+            SCOPED_TRACE(std::to_string(version) + encoding);
+            writeRecipe(version, "auto-signer");
+            ASSERT_EQ(run("sign " + file("recipe.plist") + " -o " + file("m.signed") + encoding).status, 0);
+            Result r = verify("--production-device -v");
+            EXPECT_EQ(r.status, 0) << r.err;
+            EXPECT_TRUE(r.says("verdict: accepted\n"));
+            if (version == 2) {
+                EXPECT_TRUE(r.says("certificate: production signer (auto signing key), check Default\n"));
+                EXPECT_TRUE(r.logs("Found the auto signing key. Running rigorous checks\n"));
+                EXPECT_TRUE(r.says("the signature covers:\n  the whole \"Payload\", byte for byte"));
+            } else {
+                EXPECT_TRUE(r.says("component GroupData/com.example.data: Default\n"));
+                EXPECT_TRUE(
+                    r.says("  Backup/backup.BaseBackup: its name and its \"Manifest\" (7 records)\n"));
+                EXPECT_TRUE(r.says("  \"InstallationOrder\": its items can be reordered"));
+            }
+        }
+    }
+}
+
 TEST_F(QvlmanifestSignTest, SegmentedManifestIsJudgedByTheDevicesFuse) {
-    writeRecipe(
-        5, certificate("Store", "manual-signer", "Production") + certificate("Test", "uat-signer", "UAT"),
-        "Store", "Test");
+    writeRecipe(5, "manual-signer", "Test");
     ASSERT_EQ(run("sign " + file("recipe.plist") + " -o " + file("m.signed")).status, 0);
-
-    const std::string anchors = " --anchors " + pki("anchors");
-    Result dev = run("verify " + file("m.signed") + anchors + " --development-device");
+    Result dev = verify("--development-device");
     EXPECT_EQ(dev.status, 0) << dev.err;
-    EXPECT_NE(dev.out.find("version: 5\n"), std::string::npos);
-    EXPECT_NE(dev.out.find("certificate Store: production signer (manual key), check Skip\n"),
-              std::string::npos);
-    EXPECT_NE(dev.out.find("certificate Test: test signer, check Skip\n"), std::string::npos);
-    EXPECT_NE(dev.out.find("component AppData/com.example.app: Skip\n"), std::string::npos);
-    EXPECT_NE(dev.out.find("verdict: accepted\n"), std::string::npos);
-    EXPECT_NE(
-        dev.err.find("-[QVLSignedManifest verifyManifestSignature:]:Skipping rigorous manifest testing\n"),
-        std::string::npos);
+    EXPECT_TRUE(dev.says("version: 5\n"));
+    EXPECT_TRUE(dev.says("certificate Store: production signer (manual key), check Skip\n"));
+    EXPECT_TRUE(dev.says("certificate Test: test signer, check Skip\n"));
+    EXPECT_TRUE(dev.says("component AppData/com.example.data: Skip\n"));
+    EXPECT_TRUE(
+        dev.logs("-[QVLSignedManifest verifyManifestSignature:]:Skipping rigorous manifest testing\n"));
 
-    Result prod = run("verify " + file("m.signed") + anchors + " --production-device");
+    Result prod = verify("--production-device");
     EXPECT_EQ(prod.status, 1);
-    EXPECT_NE(
-        prod.err.find("-[QVLSignedManifest verifyManifestSignature:]: Manifest contains UAT component on "
-                      "prodFused device\n"),
-        std::string::npos);
-    EXPECT_NE(prod.out.find("verdict: refused\n"), std::string::npos);
-
+    EXPECT_TRUE(
+        prod.logs("-[QVLSignedManifest verifyManifestSignature:]: Manifest contains UAT component on "
+                  "prodFused device\n"));
+    EXPECT_TRUE(prod.says("verdict: refused\n"));
     // Without the platform's roots nothing is trusted.
     EXPECT_EQ(
         run("verify " + file("m.signed") + " --anchors " + file("none") + " --development-device").status, 1);
@@ -133,15 +161,13 @@ TEST_F(QvlmanifestSignTest, SegmentedManifestIsJudgedByTheDevicesFuse) {
 
 TEST_F(QvlmanifestSignTest, DigestMatchesTheSignatureUnderOpenSSL) {
     if (system("command -v openssl >/dev/null") != 0) GTEST_SKIP() << "openssl command not installed";
-    writeRecipe(4, certificate("Store", "auto-signer", "Production"), "Store", "Store");
+    writeRecipe(4, "auto-signer");
     ASSERT_EQ(run("sign " + file("recipe.plist") + " -o " + file("m.signed") + " --xml").status, 0);
     Result digest = run("digest " + file("m.signed"));
     ASSERT_EQ(digest.status, 0);
     const std::string prefix = "Backup/backup.BaseBackup ";
     const size_t at = digest.out.find(prefix);
     ASSERT_NE(at, std::string::npos) << digest.out;
-    const std::string hex = digest.out.substr(at + prefix.size(), 40);
-
     auto manifest = qvl::plist::readFile(file("m.signed"));
     ASSERT_TRUE(manifest);
     const auto* signature = manifest->asDictionary()
@@ -151,38 +177,17 @@ TEST_F(QvlmanifestSignTest, DigestMatchesTheSignatureUnderOpenSSL) {
     ASSERT_TRUE(signature);
     std::ofstream(file("sig.bin"), std::ios::binary)
         .write(reinterpret_cast<const char*>(signature->data()), signature->size());
-    ASSERT_EQ(system(("python3 -c 'import sys;open(sys.argv[1],\"wb\").write(bytes.fromhex(sys.argv[2]))' " +
-                      file("digest.bin") + " " + hex)
-                         .c_str()),
-              0);
-    ASSERT_EQ(
-        system(
-            ("openssl x509 -pubkey -noout -in " + pki("auto-signer.pem") + " > " + file("pub.pem")).c_str()),
-        0);
-    EXPECT_EQ(
-        system(("openssl pkeyutl -verify -pubin -inkey " + file("pub.pem") + " -pkeyopt digest:sha1 -in " +
-                file("digest.bin") + " -sigfile " + file("sig.bin") + " >/dev/null")
-                   .c_str()),
-        0);
+    const std::string shell =
+        "python3 -c 'import sys;open(sys.argv[1],\"wb\").write(bytes.fromhex(sys.argv[2]))' " +
+        file("digest.bin") + " " + digest.out.substr(at + prefix.size(), 40) +
+        " && openssl x509 -pubkey -noout -in " + pki("auto-signer.pem") + " > " + file("pub.pem") +
+        " && openssl pkeyutl -verify -pubin -inkey " + file("pub.pem") + " -pkeyopt digest:sha1 -in " +
+        file("digest.bin") + " -sigfile " + file("sig.bin") + " >/dev/null";
+    EXPECT_EQ(system(shell.c_str()), 0);
 
-    // Signed by the auto signing key: the content checks run and pass.
-    Result verify =
-        run("verify " + file("m.signed") + " --anchors " + pki("anchors") + " --production-device");
-    EXPECT_EQ(verify.status, 0) << verify.err;
-    EXPECT_NE(verify.out.find("component Backup/backup.BaseBackup: Default\n"), std::string::npos);
-}
-
-TEST_F(QvlmanifestSignTest, MonolithicManifest) {
-    writeRecipe(2, certificate("Store", "auto-signer", "Production"), "Store", "Store");
+    writeRecipe(2, "auto-signer");
     ASSERT_EQ(run("sign " + file("recipe.plist") + " -o " + file("m.signed")).status, 0);
-    Result verify = run("verify " + file("m.signed") + " --anchors " + pki("anchors"));
-    EXPECT_EQ(verify.status, 0) << verify.err;
-    EXPECT_NE(verify.out.find("certificate: production signer (auto signing key), check Default\n"),
-              std::string::npos);
-    EXPECT_NE(verify.err.find("Found the auto signing key. Running rigorous checks\n"), std::string::npos);
-    Result digest = run("digest " + file("m.signed"));
-    EXPECT_EQ(digest.status, 0);
-    EXPECT_EQ(digest.out.rfind("payload ", 0), 0u);
+    EXPECT_EQ(run("digest " + file("m.signed")).out.rfind("payload ", 0), 0u);
 }
 
 TEST_F(QvlmanifestSignTest, BadUsageAndUnreadableFilesExitWithTwo) {
@@ -190,12 +195,13 @@ TEST_F(QvlmanifestSignTest, BadUsageAndUnreadableFilesExitWithTwo) {
     EXPECT_EQ(run("verify " + file("missing")).status, 2);
     EXPECT_EQ(run("verify " + file("x") + " --production-device --development-device").status, 2);
     EXPECT_EQ(run("sign " + file("missing") + " -o " + file("out")).status, 2);
-    write("recipe.plist", "<dict><key>Version</key><integer>7</integer></dict>");
+    Dictionary recipe;
+    recipe.set("Version", 7);
+    ASSERT_TRUE(qvl::plist::writeFileAtomically(file("recipe.plist"), recipe, qvl::plist::Format::XML));
     EXPECT_EQ(run("sign " + file("recipe.plist") + " -o " + file("out")).status, 2);
     EXPECT_FALSE(fs::exists(file("out")));
     EXPECT_EQ(run("digest " + file("missing")).status, 2);
-    // A file that is not a property list is read and refused: exit 1.
-    std::ofstream(file("junk")) << "junk";
+    std::ofstream(file("junk")) << "junk";  // read and refused: exit 1
     EXPECT_EQ(run("verify " + file("junk") + " --anchors " + pki("anchors")).status, 1);
 }
 
