@@ -8,9 +8,6 @@
 
 namespace qvl::testing {
 
-using plist::Dictionary;
-using plist::Value;
-
 std::string pkiPath(const std::string& name) {
     const char* src = getenv("QVL_SOURCE_DIR");
     return std::string(src ? src : ".") + "/pki/out/" + name;
@@ -29,18 +26,15 @@ const QVLManifestSigner::Identity& identity(const std::string& signer) {
     return found->second;
 }
 
-std::optional<Value> FakeDeviceInfo::copyAnswer(std::string_view question) const {
+std::optional<Value> TestEnvironment::copyAnswer(std::string_view question) const {
     if (question == "SigningFuse" && fuse) return Value(*fuse);
-    if (question == "ProductName") return Value("Kelto OS");
     return std::nullopt;
 }
-
-TestEnvironment::TestEnvironment() : trust(pkiPath("anchors")) {}
 
 QVLSignedManifest::Services TestEnvironment::services() {
     QVLSignedManifest::Services s;
     s.trust = &trust;
-    s.deviceInfo = &device;
+    s.deviceInfo = this;
     s.manifestVerifier.segmented = [this](std::shared_ptr<const Dictionary> manifest) {
         ++segmentedChecks;
         lastChecked = std::move(manifest);
@@ -54,19 +48,16 @@ QVLSignedManifest::Services TestEnvironment::services() {
 }
 
 Dictionary record(const char* type, int64_t mode, std::string target) {
-    Dictionary attributes;
-    attributes.set("NSFileType", type);
-    attributes.set("NSFilePosixPermissions", mode);
-    attributes.set("NSFileOwnerAccountID", 501);
-    attributes.set("NSFileGroupOwnerAccountID", 501);
-    attributes.set("NSFileOwnerAccountName", "mobile");
-    attributes.set("NSFileGroupOwnerAccountName", "mobile");
-    Dictionary r;
-    r.set("QVLManifestFileAttributes", attributes);
-    r.set("QVLManifestFileExtendedAttributes", Dictionary());
-    r.set("QVLManifestFileHash", plist::Data(20, 0xab));
-    r.set("QVLManifestSymbolicLinkTargetFile", std::move(target));
-    return r;
+    Dictionary attributes = files({{"NSFileType", type},
+                                   {"NSFilePosixPermissions", mode},
+                                   {"NSFileOwnerAccountID", 501},
+                                   {"NSFileGroupOwnerAccountID", 501},
+                                   {"NSFileOwnerAccountName", "mobile"},
+                                   {"NSFileGroupOwnerAccountName", "mobile"}});
+    return files({{"QVLManifestFileAttributes", attributes},
+                  {"QVLManifestFileExtendedAttributes", Dictionary()},
+                  {"QVLManifestFileHash", plist::Data(20, 0xab)},
+                  {"QVLManifestSymbolicLinkTargetFile", target}});
 }
 
 Dictionary withAttribute(Dictionary r, std::string_view key, std::optional<Value> value) {
@@ -78,9 +69,9 @@ Dictionary withAttribute(Dictionary r, std::string_view key, std::optional<Value
     return r;
 }
 
-Dictionary files(std::initializer_list<std::pair<std::string, Dictionary>> entries) {
+Dictionary files(std::initializer_list<std::pair<std::string, Value>> entries) {
     Dictionary d;
-    for (const auto& [path, r] : entries) d.set(path, r);
+    for (const auto& [key, value] : entries) d.set(key, value);
     return d;
 }
 
@@ -94,46 +85,27 @@ Dictionary& sub(Dictionary& d, const std::string& key) {
     return *d.find(key)->asDictionary();
 }
 
-Value certificateEntry(const std::string& signer, std::optional<std::string> type) {
-    Dictionary entry;
-    if (type) entry.set("TypeOfSignature", *type);
-    entry.set("Certificate", identity(signer).chain);
-    return entry;
-}
-
-Value signedComponent(const std::string& name, const std::string& certificate, const std::string& signer,
-                      const Value& manifest) {
-    Dictionary component;
-    component.set("Manifest", manifest);
-    if (!QVLManifestSigner::signComponent(component, name, certificate, identity(signer))) abort();
+Value signedComponent(const std::string& name, const std::string& signer, const Value& manifest) {
+    Dictionary component = files({{"Manifest", manifest}});
+    if (!QVLManifestSigner::signComponent(component, name, "Main", identity(signer))) abort();
     return component;
 }
 
 Dictionary segmented(const std::string& signer, std::optional<std::string> type, const Dictionary& backup) {
-    Dictionary certificates;
-    certificates.set("Main", certificateEntry(signer, type));
-    Dictionary backups;
-    backups.set("backup.BaseBackup", signedComponent("backup.BaseBackup", "Main", signer, backup));
-    Dictionary info;
-    info.set("Name", "Store demo");
-    Dictionary outer;
-    outer.set("Version", 5);
-    outer.set("Certificates", certificates);
-    outer.set("Info", info);
-    outer.set("InstallationOrder", plist::Array{Value("backup.BaseBackup")});
-    outer.set("Backup", backups);
-    return outer;
+    Dictionary main = files({{"Certificate", identity(signer).chain}});
+    if (type) main.set("TypeOfSignature", *type);
+    return files(
+        {{"Version", 5},
+         {"Certificates", files({{"Main", main}})},
+         {"Info", files({{"Name", "Store demo"}})},
+         {"InstallationOrder", plist::Array{Value("backup.BaseBackup")}},
+         {"Backup", files({{"backup.BaseBackup", signedComponent("backup.BaseBackup", signer, backup)}})}});
 }
 
-bool loadsWith(const QVLSignedManifest::Services& services, const Dictionary& outer) {
+std::unique_ptr<QVLSignedManifest> load(const Dictionary& outer,
+                                        const QVLSignedManifest::Services& services) {
     const std::string bytes = plist::writeBinary(Value(outer));
-    QVLSignedManifest manifest(services);
-    return manifest.initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
-}
-
-std::unique_ptr<QVLSignedManifest> load(const Dictionary& outer, TestEnvironment& env) {
-    const std::string bytes = plist::writeBinary(Value(outer));
-    auto manifest = std::make_unique<QVLSignedManifest>(env.services());
+    auto manifest = std::make_unique<QVLSignedManifest>(services);
     if (!manifest->initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}))
         return nullptr;
     return manifest;

@@ -23,8 +23,6 @@ namespace fs = std::filesystem;
 using namespace qvl::testing;
 using plist::Array;
 using plist::Data;
-using plist::Dictionary;
-using plist::Value;
 
 const std::string kInit = "-[QVLSignedManifest initWithNSStream:]";
 const std::string kSegmented = "-[QVLSignedManifest verifyManifestSignature:]";
@@ -32,14 +30,15 @@ const std::string kMonolithic = "-[QVLSignedManifest verifyMonolithicManifestSig
 const std::string kCreateKey = "-[QVLSignedManifest createPublicKey:usingPolicy:anchors:]";
 const std::string kBase = "backup.BaseBackup";
 
-std::string checkTypeOf(const QVLSignedManifest& manifest, const std::string& component) {
-    const auto backups = manifest.getBackupList();
-    const Dictionary* c = backups ? backups->getDictionary(component) : nullptr;
+std::string checkTypeOf(const QVLSignedManifest& manifest, const std::string& section,
+                        const std::string& name) {
+    const Dictionary* components = manifest.payload()->getDictionary(section);
+    const Dictionary* c = components ? components->getDictionary(name) : nullptr;
     const std::string* type = c ? c->getString("RigorousCheckType") : nullptr;
     return type ? *type : "(none)";
 }
 
-// A version 2 manifest of `raw` (the raw manifest's sections; "Version" 4 unless given).
+// A version 2 manifest of the raw manifest `raw` ("Version" 4 unless given).
 Dictionary monolithic(Dictionary raw, const std::string& signer) {
     if (!raw.contains("Version")) raw.set("Version", 4);
     if (!raw.contains("Info")) raw.set("Info", Dictionary());
@@ -47,185 +46,169 @@ Dictionary monolithic(Dictionary raw, const std::string& signer) {
     return *QVLManifestSigner::monolithicManifest(Data(bytes.begin(), bytes.end()), identity(signer));
 }
 
+// Old-layout data entries: wrapped (with the app's version) and bare.
 Dictionary rawManifest() {
-    Dictionary entry = files({{"Manifest", fileManifest({"/Documents/c"})}});
-    entry.set("CFBundleShortVersionString", "1.0");
-    Dictionary raw;
-    raw.set("Backup", fileManifest({"/var/mobile/Media/x", "/var/mobile/Media/y"}));
-    raw.set("AppData", files({{"com.example.app", entry}}));
-    raw.set("ExtensionData", files({{"com.example.ext", fileManifest({"/Library/e"})}}));  // bare entry
-    return raw;
+    const auto wrapped =
+        files({{"Manifest", fileManifest({"/Documents/c"})}, {"CFBundleShortVersionString", "1.0"}});
+    return files({{"Backup", fileManifest({"/var/mobile/Media/x", "/var/mobile/Media/y"})},
+                  {"AppData", files({{"com.example.app", wrapped}})},
+                  {"ExtensionData", files({{"com.example.ext", fileManifest({"/Library/e"})}})}});
+}
+
+// Whether loading `outer` fails with `line` among the lines logged.
+::testing::AssertionResult refusedWith(const Dictionary& outer, const QVLSignedManifest::Services& services,
+                                       const std::string& line) {
+    QVLLogCapture capture;
+    if (load(outer, services)) return ::testing::AssertionFailure() << "accepted";
+    if (capture.contains(line)) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << "last line: " << (capture.lines().empty() ? "" : capture.lines().back());
 }
 
 TEST(QVLSignedManifestTest, EachSignerKindOnProductionAndDevelopmentHardware) {
-    const std::string notValid = kSegmented + ": Certificate not valid.";
+    const std::string notValid = kSegmented + ": Certificate not valid.",
+                      verdict5 = kCreateKey + ": certificate trust evaluation failed: 5";
     const std::string skipping = kSegmented + ":Skipping rigorous manifest testing\n";
     const std::string prodFused = kSegmented + ": Manifest contains UAT component on prodFused device\n";
-    const std::string verdict5 = kCreateKey + ": certificate trust evaluation failed: 5";
     const struct {
         const char* signer;
         std::optional<std::string> type;
         std::optional<bool> fuse;  // true: production, false: development, nullopt: no answer
-        const char* checkType;     // nullptr: refused
+        std::string checkType;     // "": refused
         std::string logLine;
     } cases[] = {
         {"manual-signer", std::nullopt, true, "Skip", skipping},
         {"manual-signer", "Production", false, "Skip", skipping},
         {"auto-signer", std::nullopt, std::nullopt, "Default", "Verifying strong signing"},
-        {"uat-signer", "UAT", true, nullptr, prodFused},
-        {"uat-signer", "UAT", std::nullopt, nullptr, prodFused},
+        {"uat-signer", "UAT", true, "", prodFused},
+        {"uat-signer", "UAT", std::nullopt, "", prodFused},
         {"uat-signer", "UAT", false, "Skip", "Verifying development signing"},
         {"vantor-signer", std::nullopt, true, "AppLayout", verdict5},
-        {"expired-signer", std::nullopt, true, nullptr, verdict5},
-        {"noeku-signer", std::nullopt, true, nullptr, notValid},
-        {"unknown-signer", std::nullopt, false, nullptr, notValid},
-        {"uat-signer", std::nullopt, false, nullptr, notValid},  // a test signer must say so
-        {"auto-signer", "UAT", false, nullptr, notValid},
+        {"expired-signer", std::nullopt, true, "", verdict5},
+        {"noeku-signer", std::nullopt, true, "", notValid},
+        {"unknown-signer", std::nullopt, false, "", notValid},
+        {"uat-signer", std::nullopt, false, "", notValid},  // a test signer must say so
+        {"auto-signer", "UAT", false, "", notValid},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.signer) + " fuse " + (c.fuse ? std::to_string(*c.fuse) : "none"));
         TestEnvironment env;
-        env.device.fuse = c.fuse;
+        env.fuse = c.fuse;
         QVLLogCapture capture;
-        auto manifest = load(segmented(c.signer, c.type), env);
+        auto manifest = load(segmented(c.signer, c.type), env.services());
         EXPECT_TRUE(capture.contains(c.logLine));
-        const bool rigorous = c.checkType && std::string(c.checkType) != "Skip";
+        const bool rigorous = !c.checkType.empty() && c.checkType != "Skip";
         EXPECT_EQ(env.segmentedChecks, rigorous ? 1 : 0);
-        ASSERT_EQ(manifest != nullptr, c.checkType != nullptr);
+        ASSERT_EQ(manifest != nullptr, !c.checkType.empty());
         if (!manifest) continue;
-        EXPECT_EQ(checkTypeOf(*manifest, kBase), c.checkType);
+        EXPECT_EQ(checkTypeOf(*manifest, "Backup", kBase), c.checkType);
         if (rigorous) {
             EXPECT_EQ(env.lastChecked, manifest->payload());  // the checker sees the payload itself
         }
     }
-}
 
-TEST(QVLSignedManifestTest, EveryCertificateIsJudgedAndEachComponentGetsItsSignersType) {
+    // Each component gets its own signer's type; an unused test signer is
+    // harmless on production hardware, an unused invalid signer is not.
     TestEnvironment env;
-    env.device.fuse = true;
     auto outer = segmented("manual-signer");
-    sub(outer, "Certificates").set("Test", certificateEntry("uat-signer", "UAT"));
-    sub(outer, "Certificates").set("Auto", certificateEntry("auto-signer"));
-    outer.set("AppData", files({}));
-    sub(outer, "AppData")
-        .set("com.example.app",
-             signedComponent("com.example.app", "Auto", "auto-signer", fileManifest({"/Documents/d"})));
-    auto manifest = load(outer, env);  // an unused test signer is harmless on production hardware
+    sub(outer, "Certificates")
+        .set("Test", files({{"Certificate", identity("uat-signer").chain}, {"TypeOfSignature", "UAT"}}));
+    sub(outer, "Certificates").set("Auto", files({{"Certificate", identity("auto-signer").chain}}));
+    Value app = signedComponent("com.example.app", "auto-signer", fileManifest({"/Documents/d"}));
+    app.asDictionary()->set("Certificate", "Auto");
+    outer.set("AppData", files({{"com.example.app", app}}));
+    auto manifest = load(outer, env.services());
     ASSERT_TRUE(manifest);
-    EXPECT_EQ(env.segmentedChecks, 1);
-    EXPECT_EQ(checkTypeOf(*manifest, kBase), "Skip");
-    EXPECT_EQ(*manifest->getAppDataList()->getDictionary("com.example.app")->getString("RigorousCheckType"),
-              "Default");
+    EXPECT_EQ(checkTypeOf(*manifest, "Backup", kBase), "Skip");
+    EXPECT_EQ(checkTypeOf(*manifest, "AppData", "com.example.app"), "Default");
     env.checksPass = false;
-    QVLLogCapture capture;
-    EXPECT_FALSE(load(outer, env));
-    EXPECT_TRUE(capture.contains("rigorousTesting failed\n"));
-
-    // An invalid certificate refuses the manifest even when nothing uses it.
+    EXPECT_TRUE(refusedWith(outer, env.services(), "rigorousTesting failed\n"));
+    sub(outer, "Certificates").set("Old", files({{"Certificate", identity("expired-signer").chain}}));
     env.checksPass = true;
-    sub(outer, "Certificates").set("Old", certificateEntry("expired-signer"));
-    EXPECT_FALSE(load(outer, env));
-    EXPECT_TRUE(capture.contains(kSegmented + ": Certificate not valid."));
+    EXPECT_TRUE(refusedWith(outer, env.services(), notValid));
 }
 
-// Each spoilt manifest is refused with the given log line and keeps no payload.
+// Each spoilt manifest is refused with its log line: a key of the outer
+// dictionary, of its certificate "Main" or of its base backup set (or, with
+// no value, removed).
 TEST(QVLSignedManifestTest, LoadingAndVerificationRefusals) {
     const std::string badCertificates =
         kSegmented + ": cannot find certificates, or certificate format not correct.";
     const std::string badSignature = kSegmented + ":signature verification failed for backup.BaseBackup\n";
-    auto main = [](Dictionary& o) -> Dictionary& { return sub(sub(o, "Certificates"), "Main"); };
-    auto base = [](Dictionary& o) -> Dictionary& { return sub(sub(o, "Backup"), kBase); };
+    const Value base = signedComponent(kBase, "manual-signer", fileManifest({"/var/mobile/Media/a"}));
     const struct {
-        std::function<void(Dictionary&)> spoil;
+        const char* where;
+        std::string key;
+        std::optional<Value> value;
         std::string logLine;
     } refusals[] = {
-        {[](Dictionary& o) { o.erase("Version"); }, kInit + ": required key (version) not found."},
-        {[](Dictionary& o) { o.set("Version", 1); },
-         kInit + ": signed manifest version 1 is not supported yet"},
-        {[](Dictionary& o) { o.set("Version", 6); },
-         kInit + ": signed manifest version 6 is not supported yet"},
-        {[](Dictionary& o) { o.set("Version", "5"); },
-         kInit + ": signed manifest version 0 is not supported yet"},
-        {[](Dictionary& o) { o.erase("Info"); }, kInit + ": no Info section or in wrong format."},
-        {[](Dictionary& o) { o.set("InstallationOrder", Array{Value(1)}); },
-         kInit + ": InstallationOrder section in wrong format."},
-        {[](Dictionary& o) {
-             o.set("App", *o.find("Backup"));
-             o.erase("Backup");
-         },
-         kInit + ": no Backup section or in wrong format."},
-        {[](Dictionary& o) {
-             o.set("InstallationOrder", Array{Value(kBase), Value("backup.More")});
-         },
+        {"", "Version", std::nullopt, kInit + ": required key (version) not found."},
+        {"", "Version", 1, kInit + ": signed manifest version 1 is not supported yet"},
+        {"", "Version", 6, kInit + ": signed manifest version 6 is not supported yet"},
+        {"", "Version", "5", kInit + ": signed manifest version 0 is not supported yet"},
+        {"", "Info", std::nullopt, kInit + ": no Info section or in wrong format."},
+        {"", "InstallationOrder", Array{Value(1)}, kInit + ": InstallationOrder section in wrong format."},
+        {"", "Backup", std::nullopt, kInit + ": no Backup section or in wrong format."},
+        {"", "InstallationOrder", Array{Value(kBase), Value("backup.More")},
          "InstallationOrder entry count does not match components listed in manifest."},
-        {[](Dictionary& o) { o.erase("Certificates"); }, "No certificated found in the manifest\n"},
-        {[](Dictionary& o) { o.set("Certificates", Array{}); }, badCertificates},
-        {[&](Dictionary& o) { main(o).erase("Certificate"); }, badCertificates},
-        {[&](Dictionary& o) { main(o).set("TypeOfSignature", 1); }, badCertificates},
-        {[&](Dictionary& o) { main(o).set("Certificate", Array{Value("x")}); },
-         kCreateKey + ": Cannot load certificate."},
-        {[&](Dictionary& o) { main(o).set("Certificate", Array{}); },
-         kCreateKey + ": Cannot create secure trust object: -1"},
-        {[&](Dictionary& o) { base(o).set("Certificate", "Other"); },
-         kSegmented + ":No matching certificate for Other\n"},
-        {[&](Dictionary& o) { sub(base(o), "Manifest").set("/var/evil", record()); }, badSignature},
-        {[](Dictionary& o) {  // a component renamed
-             sub(o, "Backup").set("backup.Other", *sub(o, "Backup").find(kBase));
-             sub(o, "Backup").erase(kBase);
-             o.set("InstallationOrder", Array{Value("backup.Other")});
-         },
-         kSegmented + ":signature verification failed for backup.Other\n"},
-        {[&](Dictionary& o) { base(o).set("Signature", "sig"); }, badSignature},
-        {[](Dictionary& o) { o.set("GroupData", Array{Value(1)}); },
-         kSegmented + ": GroupData section in wrong format."},
-        {[](Dictionary& o) { sub(o, "Backup").set(kBase, Data{1}); },
-         kSegmented + ": component backup.BaseBackup in wrong format."},
+        {"", "Certificates", std::nullopt, "No certificated found in the manifest\n"},
+        {"", "Certificates", Array{}, badCertificates},
+        {"", "GroupData", Array{Value(1)}, kSegmented + ": GroupData section in wrong format."},
+        {"Main", "Certificate", std::nullopt, badCertificates},
+        {"Main", "TypeOfSignature", 1, badCertificates},
+        {"Main", "Certificate", Array{Value("x")}, kCreateKey + ": Cannot load certificate."},
+        {"Main", "Certificate", Array{}, kCreateKey + ": Cannot create secure trust object: -1"},
+        {"Base", "Certificate", "Other", kSegmented + ":No matching certificate for Other\n"},
+        {"Base", "Signature", "sig", badSignature},
+        {"Base", "Manifest", fileManifest({"/var/evil"}), badSignature},  // a file added after signing
+        {"Backup", kBase, Data{1}, kSegmented + ": component backup.BaseBackup in wrong format."},
+        {"Backup", "backup.Other", base, kSegmented + ":signature verification failed for backup.Other\n"},
     };
     TestEnvironment env;
-    auto refused = [&](const std::string& bytes, const std::string& line) {
-        QVLLogCapture capture;
-        QVLSignedManifest manifest(env.services());
-        EXPECT_FALSE(manifest.initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}));
-        EXPECT_TRUE(capture.contains(line)) << (capture.lines().empty() ? "" : capture.lines().back());
-        EXPECT_FALSE(manifest.payload());
-    };
     for (const auto& r : refusals) {
         SCOPED_TRACE(r.logLine);
         auto outer = segmented("manual-signer");
-        r.spoil(outer);
-        refused(plist::writeBinary(Value(outer)), r.logLine);
+        Dictionary& at = std::string(r.where).empty()     ? outer
+                         : r.where == std::string("Main") ? sub(sub(outer, "Certificates"), "Main")
+                         : r.where == std::string("Base") ? sub(sub(outer, "Backup"), kBase)
+                                                          : sub(outer, r.where);
+        if (r.value)
+            at.set(r.key, *r.value);
+        else
+            at.erase(r.key);
+        EXPECT_TRUE(refusedWith(outer, env.services(), r.logLine));
     }
-    refused(plist::writeBinary(Value(Array{Value(1)})), kInit + ": format not correct.");
-    refused("", kInit + ": Cannot convert to property list - property list is empty(0x1).");
+    QVLLogCapture capture;
+    QVLSignedManifest manifest(env.services());
+    EXPECT_FALSE(manifest.initWithBytes({}));
+    EXPECT_FALSE(manifest.payload());
+    EXPECT_TRUE(capture.contains(kInit + ": Cannot convert to property list - property list is empty(0x1)."));
+    const std::string notADictionary = plist::writeBinary(Value(Array{Value(1)}));
+    EXPECT_FALSE(manifest.initWithBytes(
+        {reinterpret_cast<const uint8_t*>(notADictionary.data()), notADictionary.size()}));
+    EXPECT_TRUE(capture.contains(kInit + ": format not correct."));
+    auto services = env.services();
+    services.manifestVerifier = {};  // without a content checker nothing loads
+    EXPECT_TRUE(refusedWith(segmented("manual-signer"), services, "Could not initialize manifestVerifier\n"));
 
     // Version 2: only the payload and the signer matter.
     const auto outer = monolithic(rawManifest(), "manual-signer");
-    auto spoilt = outer;
-    spoilt.set("Certificate", "x");
-    refused(plist::writeBinary(Value(spoilt)),
-            kMonolithic + ": cannot find certificates, or certificate format not correct.");
+    auto spoilt = files({{"Version", 2}, {"Certificate", "x"}});
+    EXPECT_TRUE(refusedWith(spoilt, env.services(),
+                            kMonolithic + ": cannot find certificates, or certificate format not correct."));
     spoilt = outer;
     spoilt.erase("Payload");
-    refused(plist::writeBinary(Value(spoilt)), kMonolithic + ": Manifest format not correct.");
-    Dictionary raw5;
-    raw5.set("Version", 5);
-    refused(plist::writeBinary(Value(monolithic(raw5, "manual-signer"))),
-            kMonolithic + ":Raw manifest version:5 for monolithic manifest is not supported.");
-    const std::string arrayBytes = plist::writeBinary(Value(Array{Value(1)}));
-    refused(plist::writeBinary(Value(*QVLManifestSigner::monolithicManifest(
-                Data(arrayBytes.begin(), arrayBytes.end()), identity("manual-signer")))),
-            kMonolithic + ": rawManifest format not correct.");
+    EXPECT_TRUE(refusedWith(spoilt, env.services(), kMonolithic + ": Manifest format not correct."));
+    EXPECT_TRUE(
+        refusedWith(monolithic(files({{"Version", 5}}), "manual-signer"), env.services(),
+                    kMonolithic + ":Raw manifest version:5 for monolithic manifest is not supported."));
+    const std::string array = plist::writeBinary(Value(Array{Value(1)}));
+    EXPECT_TRUE(refusedWith(
+        *QVLManifestSigner::monolithicManifest(Data(array.begin(), array.end()), identity("manual-signer")),
+        env.services(), kMonolithic + ": rawManifest format not correct."));
     spoilt = outer;
-    Data payload = *spoilt.getData("Payload");
-    payload[payload.size() / 2] ^= 1;
-    spoilt.set("Payload", payload);
-    EXPECT_FALSE(load(spoilt, env));
-
-    auto services = env.services();
-    services.manifestVerifier = {};  // without a content checker nothing loads
-    QVLLogCapture capture;
-    EXPECT_FALSE(loadsWith(services, segmented("manual-signer")));
-    EXPECT_TRUE(capture.contains("Could not initialize manifestVerifier\n"));
+    spoilt.set("Payload", Data{1, 2});  // no longer what was signed
+    EXPECT_FALSE(load(spoilt, env.services()));
 }
 
 // Manifests of the auto signing key, so that every content check runs: each
@@ -235,19 +218,14 @@ TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
     std::string signer = "auto-signer";
     auto signedAs = [&](const std::string& section, const std::string& name, const Value& content) {
         auto outer = segmented(signer);
-        if (section == "Backup") {
-            sub(outer, "Backup").set(kBase, signedComponent(kBase, "Main", signer, content));
-        } else {
-            outer.set(section, files({}));
-            sub(outer, section).set(name, signedComponent(name, "Main", signer, content));
-        }
+        if (section != "Backup") outer.set(section, Dictionary());
+        sub(outer, section).set(name, signedComponent(name, signer, content));
         return outer;
     };
     auto backup = [&](const Dictionary& content) { return signedAs("Backup", kBase, content); };
-    const std::string climbing = "/../../../../etc/sudoers";
+    const std::string climbing = "/../../../../etc/sudoers", books = "/var/mobile/Media/Books/x";
     const std::string notCanonical =
         climbing + " is not an absolute path without empty, \".\" or \"..\" parts.";
-    const std::string books = "/var/mobile/Media/Books/x";
     const char* link = "NSFileTypeSymbolicLink";
     const struct {
         std::function<Dictionary(bool attack)> make;
@@ -274,9 +252,9 @@ TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
          },
          notCanonical},
         {[&](bool attack) {
+             const std::string path = attack ? climbing : "/Library/Preferences/x.plist";
              return signedAs("AppData", "com.example.app",
-                             files({{attack ? climbing : "/Library/Preferences/x.plist",
-                                     record("NSFileTypeRegular", 0666)}}));
+                             files({{path, record("NSFileTypeRegular", 0666)}}));
          },
          notCanonical},
         {[&](bool attack) {
@@ -287,13 +265,12 @@ TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
              const auto folder = record("NSFileTypeDirectory", attack ? 0777 : 0755);
              return backup(files({{"/", folder}, {"/var", folder}, {"/var/mobile/Media/x", record()}}));
          },
-         "/var is a folder above an allowed place, so it must be a directory without group or other write "
-         "and without set-id bits."},
+         "/var is a folder above an allowed place, so it must be a directory without group or other "
+         "write and without set-id bits."},
         {[&](bool attack) {
-             const std::string zone = "/var/db/timezone/zoneinfo/";
-             return backup(
-                 files({{"/var/db/timezone/localtime",
-                         record(link, 0755, zone + (attack ? "../../../../etc/shadow" : "Europe/Paris"))}}));
+             const std::string target = attack ? "../../../../etc/shadow" : "Europe/Paris";
+             return backup(files({{"/var/db/timezone/localtime",
+                                   record(link, 0755, "/var/db/timezone/zoneinfo/" + target)}}));
          },
          "Not a valid fileType(NSFileTypeSymbolicLink) for file:/var/db/timezone/localtime"},
         {[&](bool attack) {
@@ -303,7 +280,7 @@ TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
          "Not a valid fileType(NSFileTypeSymbolicLink) for file:" + books},
         {[&](bool attack) {
              return backup(files({{books, record(link, 0755, "OPS/images")},
-                                  {attack ? books + "/sudoers" : books + "-sudoers", record()}}));
+                                  {books + (attack ? "/sudoers" : "-sudoers"), record()}}));
          },
          "File " + books + "/sudoers lies below the symbolic link " + books},
     };
@@ -315,86 +292,76 @@ TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
     services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
     for (const auto& a : attacks) {
         SCOPED_TRACE(a.logLine);
-        QVLLogCapture capture;
-        EXPECT_TRUE(loadsWith(services, a.make(false)));
-        EXPECT_FALSE(loadsWith(services, a.make(true)));
-        EXPECT_TRUE(capture.contains(a.logLine)) << (capture.lines().empty() ? "" : capture.lines().back());
+        EXPECT_TRUE(load(a.make(false), services));
+        EXPECT_TRUE(refusedWith(a.make(true), services, a.logLine));
     }
     signer = "manual-signer";  // content the manual key signs is not inspected
-    EXPECT_TRUE(loadsWith(services, attacks[2].make(true)));
+    EXPECT_TRUE(load(attacks[2].make(true), services));
 }
 
+// A trust service whose step `fault` fails: 1 no policy, 2 evaluation status
+// 7, 3 verdict 6, 4 verdict 1 (proceed), 5 no key, 6 anchors not set (status 9).
+class FaultyTrust : public platform::TrustService {
+  public:
+    explicit FaultyTrust(int fault) : TrustService(pkiPath("anchors")), fault_(fault) {}
+    std::optional<platform::TrustPolicy> createPolicy(platform::TrustPolicy p) const override {
+        return fault_ == 1 ? std::nullopt : std::optional(p);
+    }
+    int evaluate(platform::Trust& t, int* verdict) const override {
+        const int status = fault_ == 2 ? 7 : TrustService::evaluate(t, verdict);
+        if (fault_ == 3 || fault_ == 4) *verdict = fault_ == 3 ? 6 : 1;
+        return status;
+    }
+    platform::PublicKeyRef copyPublicKey(const platform::Trust& t) const override {
+        return fault_ == 5 ? nullptr : TrustService::copyPublicKey(t);
+    }
+    int setAnchors(platform::Trust& t, const std::vector<platform::CertificateRef>& a) const override {
+        return fault_ == 6 ? 9 : TrustService::setAnchors(t, a);
+    }
+
+  private:
+    int fault_;
+};
+
 TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
-    class FaultyTrust : public platform::TrustService {
-      public:
-        using TrustService::TrustService;
-        bool noPolicy = false, noKey = false;
-        int anchorsStatus = 0, evaluateStatus = 0;
-        std::optional<int> forcedVerdict;
-        std::optional<platform::TrustPolicy> createPolicy(platform::TrustPolicy p) const override {
-            return noPolicy ? std::nullopt : std::optional(p);
-        }
-        int setAnchors(platform::Trust& t, const std::vector<platform::CertificateRef>& a) const override {
-            return anchorsStatus ? anchorsStatus : TrustService::setAnchors(t, a);
-        }
-        platform::PublicKeyRef copyPublicKey(const platform::Trust& t) const override {
-            return noKey ? nullptr : TrustService::copyPublicKey(t);
-        }
-        int evaluate(platform::Trust& t, int* verdict) const override {
-            if (evaluateStatus) return evaluateStatus;
-            const int status = TrustService::evaluate(t, verdict);
-            if (forcedVerdict) *verdict = *forcedVerdict;
-            return status;
-        }
-    };
     const struct {
         const char* signer;
-        std::function<void(FaultyTrust&)> inject;
+        int fault;
         std::string logLine;  // "": the load succeeds
     } faults[] = {
-        {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 6; },
-         kCreateKey + ": certificate trust evaluation failed: 6"},
-        {"manual-signer", [](FaultyTrust& f) { f.evaluateStatus = 7; },
-         kCreateKey + ": Cannot evaluate trust: 7"},
-        {"manual-signer", [](FaultyTrust& f) { f.noPolicy = true; },
-         "-[QVLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy."},
-        {"manual-signer", [](FaultyTrust& f) { f.noKey = true; },
-         kCreateKey + ": Cannot extract public key."},
-        {"manual-signer", [](FaultyTrust& f) { f.anchorsStatus = 9; },
-         ""},  // only the Vantor key sets anchors
-        {"vantor-signer", [](FaultyTrust& f) { f.anchorsStatus = 9; },
-         kCreateKey + ": Cannot set anchor certificates: 9"},
-        {"manual-signer", [](FaultyTrust& f) { f.forcedVerdict = 1; }, ""},  // proceed, like unspecified
+        {"manual-signer", 1, "-[QVLSignedManifest createPublicKeyForStrongSigning:]: Cannot create policy."},
+        {"manual-signer", 2, kCreateKey + ": Cannot evaluate trust: 7"},
+        {"manual-signer", 3, kCreateKey + ": certificate trust evaluation failed: 6"},
+        {"manual-signer", 4, ""},
+        {"manual-signer", 5, kCreateKey + ": Cannot extract public key."},
+        {"manual-signer", 6, ""},  // only the Vantor key sets anchors
+        {"vantor-signer", 6, kCreateKey + ": Cannot set anchor certificates: 9"},
     };
     for (const auto& f : faults) {
-        SCOPED_TRACE(std::string(f.signer) + " / " + f.logLine);
+        SCOPED_TRACE(f.logLine);
         TestEnvironment env;
-        FaultyTrust faulty(pkiPath("anchors"));
-        f.inject(faulty);
+        FaultyTrust faulty(f.fault);
         auto services = env.services();
         services.trust = &faulty;
-        QVLLogCapture capture;
-        EXPECT_EQ(loadsWith(services, segmented(f.signer)), f.logLine.empty());
-        if (!f.logLine.empty()) {
-            EXPECT_TRUE(capture.contains(f.logLine));
+        if (f.logLine.empty()) {
+            EXPECT_TRUE(load(segmented(f.signer), services));
+        } else {
+            EXPECT_TRUE(refusedWith(segmented(f.signer), services, f.logLine));
         }
     }
 }
 
-// backup.A, backup.B, app.x, backup.C; "/shared" lies in A and B.
+// backup.A, backup.B, app.x, backup.C; "/shared" lies in A and B, C has no file manifest.
 Dictionary groupedManifest() {
     auto outer = segmented("manual-signer");
-    auto b = fileManifest({"/shared", "/only-b"});
+    auto b = fileManifest({"/only-b"});
     b.set("/shared", record("NSFileTypeRegular", 0600));
-    Dictionary backups;
-    backups.set("backup.A",
-                signedComponent("backup.A", "Main", "manual-signer", fileManifest({"/shared", "/only-a"})));
-    backups.set("backup.B", signedComponent("backup.B", "Main", "manual-signer", b));
-    // Without a dictionary under "Manifest" a component stands for an empty manifest.
-    backups.set("backup.C", signedComponent("backup.C", "Main", "manual-signer", Value("not a manifest")));
-    outer.set("Backup", backups);
-    outer.set("App", files({}));
-    sub(outer, "App").set("app.x", signedComponent("app.x", "Main", "manual-signer", fileManifest({"/app"})));
+    outer.set("Backup",
+              files({{"backup.A",
+                      signedComponent("backup.A", "manual-signer", fileManifest({"/shared", "/only-a"}))},
+                     {"backup.B", signedComponent("backup.B", "manual-signer", b)},
+                     {"backup.C", signedComponent("backup.C", "manual-signer", "not a manifest")}}));
+    outer.set("App", files({{"app.x", signedComponent("app.x", "manual-signer", fileManifest({"/app"}))}}));
     outer.set("InstallationOrder",
               Array{Value("backup.A"), Value("backup.B"), Value("app.x"), Value("backup.C")});
     return outer;
@@ -402,7 +369,7 @@ Dictionary groupedManifest() {
 
 TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     TestEnvironment env;
-    auto manifest = load(groupedManifest(), env);
+    auto manifest = load(groupedManifest(), env.services());
     ASSERT_TRUE(manifest);
     EXPECT_EQ(manifest->rangeOfGroupedBackups(0), (QVLRange{0, 2}));
     EXPECT_EQ(manifest->rangeOfGroupedBackups(1), (QVLRange{1, 1}));
@@ -426,10 +393,9 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     EXPECT_EQ(manifest->mergedBackupManifest({3, 2}), nullptr);  // outside the installation order
     EXPECT_EQ(manifest->mergedBackupManifest({0xFFFFFFFF, 2}), nullptr);
 
-    // Older segmented versions use the whole backup section.
     auto outer = groupedManifest();
-    outer.set("Version", 4);
-    manifest = load(outer, env);
+    outer.set("Version", 4);  // older segmented versions use the whole backup section
+    manifest = load(outer, env.services());
     ASSERT_TRUE(manifest);
     EXPECT_EQ(manifest->getBackup()->size(), 3u);
     EXPECT_EQ(manifest->mergedBackupManifest({7, 9}), manifest->getBackup());
@@ -440,46 +406,43 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
 TEST(QVLSignedManifestTest, MonolithicSignersAndTheOldLayout) {
     TestEnvironment env;
     QVLLogCapture capture;
-    auto manifest = load(monolithic(rawManifest(), "manual-signer"), env);
+    auto manifest = load(monolithic(rawManifest(), "manual-signer"), env.services());
     ASSERT_TRUE(manifest);
     EXPECT_TRUE(capture.contains(kMonolithic + ":Found the manual key. Bypassing checking\n"));
     EXPECT_EQ(manifest->getVersion(), 4);
     EXPECT_EQ(Value(*manifest->getBackupList()), Value(files({{kBase, *manifest->getBackup()}})));
     EXPECT_EQ(manifest->mergedBackupManifest({5, 5}), manifest->getBackup());
-    // Entries of the old layout are wrapped or bare.
     EXPECT_EQ(manifest->fileManifestOf(*manifest->getAppDataList()->find("com.example.app"))->size(), 1u);
-    EXPECT_TRUE(manifest->fileManifestOf(*manifest->getPlugInDataList()->find("com.example.ext"))
-                    ->contains("/Library/e"));
+    EXPECT_EQ(Value(*manifest->fileManifestOf(*manifest->getPlugInDataList()->find("com.example.ext"))),
+              Value(fileManifest({"/Library/e"})));
     EXPECT_EQ(env.unsegmentedChecks, 0);
 
-    EXPECT_TRUE(load(monolithic(rawManifest(), "auto-signer"), env));
+    EXPECT_TRUE(load(monolithic(rawManifest(), "auto-signer"), env.services()));
     EXPECT_TRUE(capture.contains(kMonolithic + ":Found the auto signing key. Running rigorous checks\n"));
     EXPECT_EQ(env.unsegmentedChecks, 1);
     env.checksPass = false;
-    EXPECT_FALSE(load(monolithic(rawManifest(), "auto-signer"), env));
-
-    env.device.fuse = false;
-    EXPECT_TRUE(load(monolithic(rawManifest(), "uat-signer"), env));
+    EXPECT_FALSE(load(monolithic(rawManifest(), "auto-signer"), env.services()));
+    env.fuse = false;
+    EXPECT_TRUE(load(monolithic(rawManifest(), "uat-signer"), env.services()));
     EXPECT_TRUE(capture.contains(kMonolithic + ":Test Signed"));
-    EXPECT_FALSE(load(monolithic(rawManifest(), "vantor-signer"), env));  // not accepted in this form
-    env.device.fuse = true;
-    EXPECT_FALSE(load(monolithic(rawManifest(), "uat-signer"), env));
-    EXPECT_TRUE(capture.contains(kMonolithic + ": Certificate not valid."));
+    EXPECT_FALSE(load(monolithic(rawManifest(), "vantor-signer"), env.services()));  // not in this form
+    env.fuse = true;
+    EXPECT_TRUE(refusedWith(monolithic(rawManifest(), "uat-signer"), env.services(),
+                            kMonolithic + ": Certificate not valid."));
 }
 
 TEST(QVLSignedManifestTest, CountRuleAndOrderItems) {
     TestEnvironment env;
     auto outer = segmented("manual-signer");
-    outer.set("App", files({}));
-    sub(outer, "App").set("app.x", signedComponent("app.x", "Main", "manual-signer", fileManifest({"/a"})));
+    outer.set("App", files({{"app.x", signedComponent("app.x", "manual-signer", fileManifest({"/a"}))}}));
     outer.set("InstallationOrder", Array{Value(kBase), Value("systemappdata"), Value("app.x")});
-    EXPECT_TRUE(load(outer, env));
+    EXPECT_TRUE(load(outer, env.services()));
     outer.set("InstallationOrder",
               Array{Value(kBase), Value("systemappdata"), Value("systemappdata"), Value("app.x")});
-    EXPECT_FALSE(load(outer, env));  // "systemappdata" counts once
+    EXPECT_FALSE(load(outer, env.services()));  // "systemappdata" counts once
     outer.erase("InstallationOrder");
     outer.erase("Backup");  // without an installation order, Backup and App are not looked at
-    EXPECT_TRUE(load(outer, env));
+    EXPECT_TRUE(load(outer, env.services()));
 
     EXPECT_TRUE(QVLSignedManifest::isItemBackup("backup.BaseBackup"));
     EXPECT_FALSE(QVLSignedManifest::isItemBackup("app.backup."));
@@ -490,64 +453,48 @@ TEST(QVLSignedManifestTest, CountRuleAndOrderItems) {
     EXPECT_TRUE(capture.contains("Wrong app identifer to install: backup.x"));
 }
 
-// Runs a shell command; false when it did not exit 0.
-bool run(const std::string& command) {
-    return system(command.c_str()) == 0;
-}
-
-class ExternalToolsTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/manifest-tools-XXXXXX";
-        ASSERT_TRUE(mkdtemp(pattern));
-        dir_ = pattern;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    std::string file(const std::string& name) { return dir_ + "/" + name; }
-    void writeFile(const std::string& name, std::span<const uint8_t> bytes) {
-        std::ofstream(file(name), std::ios::binary)
+// Cross-checks with tools no one here wrote: signatures made by the openssl
+// command, a manifest rewritten by Python's plistlib.
+TEST(QVLSignedManifestExternalTest, OpenSSLSignaturesAndPlistlibRewrites) {
+    if (system("command -v openssl >/dev/null && python3 -c 'import plistlib'") != 0)
+        GTEST_SKIP() << "openssl or python3 with plistlib not available";
+    char pattern[] = "/tmp/manifest-tools-XXXXXX";
+    ASSERT_TRUE(mkdtemp(pattern));
+    const std::string dir = pattern;
+    auto put = [&](const std::string& name, std::span<const uint8_t> bytes) {
+        std::ofstream(dir + "/" + name, std::ios::binary)
             .write(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    }
-    Data readFile(const std::string& name) {
-        std::ifstream in(file(name), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-    std::string dir_;
-};
-
-TEST_F(ExternalToolsTest, SignaturesMadeByOpenSSLVerify) {
-    if (!run("command -v openssl >/dev/null")) GTEST_SKIP() << "openssl command not installed";
+        return dir + "/" + name;
+    };
+    auto signature = [&](const std::string& command) {
+        EXPECT_EQ(system(command.c_str()), 0);
+        std::ifstream in(dir + "/sig.bin", std::ios::binary);
+        return Value(Data(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()));
+    };
     TestEnvironment env;
     auto outer = segmented("auto-signer");
     Dictionary& component = sub(sub(outer, "Backup"), kBase);
-    writeFile("digest.bin", *QVLComponentDigest(kBase, component.find("Manifest")));
-    ASSERT_TRUE(run("openssl pkeyutl -sign -inkey " + pkiPath("auto-signer.key") +
-                    " -pkeyopt digest:sha1 -in " + file("digest.bin") + " -out " + file("sig.bin")));
-    component.set("Signature", readFile("sig.bin"));
-    EXPECT_TRUE(load(outer, env));
+    const std::string digest = put("digest.bin", *QVLComponentDigest(kBase, component.find("Manifest")));
+    component.set("Signature",
+                  signature("openssl pkeyutl -sign -inkey " + pkiPath("auto-signer.key") +
+                            " -pkeyopt digest:sha1 -in " + digest + " -out " + dir + "/sig.bin"));
+    EXPECT_TRUE(load(outer, env.services()));
+    auto whole = monolithic(rawManifest(), "manual-signer");  // a monolithic payload signed whole
+    const std::string payload = put("payload.bin", *whole.getData("Payload"));
+    whole.set("Signature", signature("openssl dgst -sha1 -sign " + pkiPath("manual-signer.key") + " -out " +
+                                     dir + "/sig.bin " + payload));
+    EXPECT_TRUE(load(whole, env.services()));
 
-    // A monolithic payload signed whole.
-    auto monolithicOuter = monolithic(rawManifest(), "manual-signer");
-    writeFile("payload.bin", *monolithicOuter.getData("Payload"));
-    ASSERT_TRUE(run("openssl dgst -sha1 -sign " + pkiPath("manual-signer.key") + " -out " + file("sig.bin") +
-                    " " + file("payload.bin")));
-    monolithicOuter.set("Signature", readFile("sig.bin"));
-    EXPECT_TRUE(load(monolithicOuter, env));
-}
-
-TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibLoadsFromAnOpenFile) {
-    if (!run("python3 -c 'import plistlib' 2>/dev/null"))
-        GTEST_SKIP() << "python3 with plistlib not available";
-    TestEnvironment env;
     const std::string xml = plist::writeXML(Value(groupedManifest()));
-    writeFile("ours.plist", {reinterpret_cast<const uint8_t*>(xml.data()), xml.size()});
+    const std::string ours = put("ours.plist", {reinterpret_cast<const uint8_t*>(xml.data()), xml.size()});
     for (const char* format : {"FMT_BINARY", "FMT_XML"}) {
         SCOPED_TRACE(format);
-        ASSERT_TRUE(
-            run("python3 -c 'import plistlib,sys; v=plistlib.load(open(sys.argv[1],\"rb\")); "
-                "plistlib.dump(v, open(sys.argv[2],\"wb\"), fmt=plistlib." +
-                std::string(format) + ")' " + file("ours.plist") + " " + file("python.plist")));
-        const int fd = open(file("python.plist").c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_EQ(system(("python3 -c 'import plistlib,sys; v=plistlib.load(open(sys.argv[1],\"rb\")); "
+                          "plistlib.dump(v, open(sys.argv[2],\"wb\"), fmt=plistlib." +
+                          std::string(format) + ")' " + ours + " " + dir + "/python.plist")
+                             .c_str()),
+                  0);
+        const int fd = open((dir + "/python.plist").c_str(), O_RDONLY | O_CLOEXEC);
         ASSERT_GE(fd, 0);
         auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, env.services());
         EXPECT_NE(fcntl(fd, F_GETFD), -1);  // left open for the caller
@@ -555,6 +502,7 @@ TEST_F(ExternalToolsTest, ManifestRewrittenByPythonPlistlibLoadsFromAnOpenFile) 
         ASSERT_TRUE(manifest);
         EXPECT_EQ(manifest->mergedBackupManifest({0, 2})->size(), 3u);
     }
+    fs::remove_all(dir);
 }
 
 }  // namespace

@@ -41,52 +41,41 @@ class QvlmanifestSignTest : public ::testing::Test {
         fs::create_directories(dir_ + "/content/var/mobile/Documents/notes");
         std::ofstream(dir_ + "/content/var/mobile/Documents/notes/a.txt") << "hello\n";
         std::ofstream(dir_ + "/content/var/mobile/Documents/b.txt") << "world\n";
-        Dictionary attributes;
-        attributes.set("NSFileType", "NSFileTypeRegular");
-        attributes.set("NSFilePosixPermissions", 0644);
-        Dictionary record;
-        record.set("QVLManifestFileAttributes", attributes);
-        record.set("QVLManifestFileHash", qvl::plist::Data(20, 7));
-        Dictionary data;
-        data.set("/Documents/c.txt", record);
-        ASSERT_TRUE(qvl::plist::writeFileAtomically(file("data.plist"), data, qvl::plist::Format::XML));
+        write(
+            "data.plist",
+            "<dict><key>/Documents/c.txt</key><dict><key>QVLManifestFileAttributes</key><dict><key>NSFileType"
+            "</key><string>NSFileTypeRegular</string></dict></dict></dict>");
     }
     void TearDown() override { fs::remove_all(dir_); }
 
+    void write(const std::string& name, const std::string& dict) {
+        std::ofstream(file(name)) << "<?xml version=\"1.0\" encoding=\"UTF-8\"?><plist version=\"1.0\">"
+                                  << dict << "</plist>";
+    }
     // A recipe of `version`: certificate "Store" of `signer` (and, above
-    // version 2, "Test" of the test signer), a base backup scanned from content/ under
-    // "Store", and a container in each data section from data.plist under
-    // `dataCert`.
+    // version 2, "Test" of the test signer), a base backup scanned from
+    // content/ under "Store", and a container in each data section from
+    // data.plist under `dataCert`.
     void writeRecipe(int version, const std::string& signer, const std::string& dataCert = "Store") {
-        Dictionary certificates;
-        for (const auto& [name, who, type] : {std::tuple{"Store", signer, "Production"},
-                                              std::tuple{"Test", std::string("uat-signer"), "UAT"}}) {
-            if (version == 2 && std::string(name) == "Test") continue;
-            Dictionary entry;
-            entry.set("Chain", pki(who + "-chain.pem"));
-            entry.set("PrivateKey", pki(who + ".key"));
-            entry.set("TypeOfSignature", type);
-            certificates.set(name, entry);
-        }
-        auto component = [](const char* section, const char* name, const std::string& cert, const char* key,
-                            const char* value) {
-            Dictionary c;
-            c.set("Section", section);
-            c.set("Name", name);
-            c.set("Certificate", cert);
-            c.set(key, value);
-            return Value(c);
+        auto certificate = [](const std::string& name, const std::string& who, const std::string& type) {
+            return "<key>" + name + "</key><dict><key>Chain</key><string>" + pki(who + "-chain.pem") +
+                   "</string><key>PrivateKey</key><string>" + pki(who + ".key") +
+                   "</string><key>TypeOfSignature</key><string>" + type + "</string></dict>";
         };
-        qvl::plist::Array components{component("Backup", "backup.BaseBackup", "Store", "Folder", "content")};
-        for (const char* section : {"AppData", "GroupData", "ExtensionData"}) {
-            components.push_back(
-                component(section, "com.example.data", dataCert, "ManifestFile", "data.plist"));
-        }
-        Dictionary recipe;
-        recipe.set("Version", version);
-        recipe.set("Certificates", certificates);
-        recipe.set("Components", components);
-        ASSERT_TRUE(qvl::plist::writeFileAtomically(file("recipe.plist"), recipe, qvl::plist::Format::XML));
+        auto component = [](const std::string& section, const std::string& cert, const std::string& source) {
+            return "<dict><key>Section</key><string>" + section + "</string><key>Name</key><string>" +
+                   (section == "Backup" ? "backup.BaseBackup" : "com.example.data") +
+                   "</string><key>Certificate</key><string>" + cert + "</string>" + source + "</dict>";
+        };
+        const std::string data = "<key>ManifestFile</key><string>data.plist</string>";
+        write("recipe.plist",
+              "<dict><key>Version</key><integer>" + std::to_string(version) +
+                  "</integer><key>Certificates</key><dict>" + certificate("Store", signer, "Production") +
+                  (version == 2 ? "" : certificate("Test", "uat-signer", "UAT")) +
+                  "</dict><key>Components</key><array>" +
+                  component("Backup", "Store", "<key>Folder</key><string>content</string>") +
+                  component("AppData", dataCert, data) + component("GroupData", dataCert, data) +
+                  component("ExtensionData", dataCert, data) + "</array></dict>");
     }
 
     Result run(const std::string& args) {
@@ -195,9 +184,7 @@ TEST_F(QvlmanifestSignTest, BadUsageAndUnreadableFilesExitWithTwo) {
     EXPECT_EQ(run("verify " + file("missing")).status, 2);
     EXPECT_EQ(run("verify " + file("x") + " --production-device --development-device").status, 2);
     EXPECT_EQ(run("sign " + file("missing") + " -o " + file("out")).status, 2);
-    Dictionary recipe;
-    recipe.set("Version", 7);
-    ASSERT_TRUE(qvl::plist::writeFileAtomically(file("recipe.plist"), recipe, qvl::plist::Format::XML));
+    write("recipe.plist", "<dict><key>Version</key><integer>7</integer></dict>");
     EXPECT_EQ(run("sign " + file("recipe.plist") + " -o " + file("out")).status, 2);
     EXPECT_FALSE(fs::exists(file("out")));
     EXPECT_EQ(run("digest " + file("missing")).status, 2);
