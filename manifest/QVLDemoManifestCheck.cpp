@@ -82,19 +82,14 @@ std::string_view withoutPrivate(std::string_view path) {
     return path;
 }
 
-bool atOrBelow(std::string_view path, std::string_view place) {
-    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
-    return path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/');
-}
-
 // Whether the resolved link target `place` stays in the place a rule's target
 // fragment allows. An absolute fragment names a folder (or file) the target
 // must lie in. A relative one ("OPS/images") names folders inside the rule's
 // own place ("/var/mobile/Media/Books"), so the target must stay there and
 // pass through them.
 bool targetWithin(std::string_view place, std::string_view fragment, std::string_view rulePath) {
-    if (fragment.starts_with('/')) return atOrBelow(place, withoutPrivate(fragment));
-    if (!atOrBelow(place, rulePath)) return false;
+    if (fragment.starts_with('/')) return WhitelistChecker::pathAtOrBelow(place, withoutPrivate(fragment));
+    if (!WhitelistChecker::pathAtOrBelow(place, rulePath)) return false;
     const std::string inner = "/" + std::string(fragment) + "/";
     return std::string(place).append("/").find(inner) != std::string::npos;
 }

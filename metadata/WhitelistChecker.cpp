@@ -48,18 +48,10 @@ std::string appendPathComponent(std::string_view root, std::string_view componen
     return out;
 }
 
-// Whether `path` lies at or below `place`, on a "/" boundary: "/var/mobile/MediaEvil"
-// is not below "/var/mobile/Media". A trailing "/" of the place is ignored.
-bool atOrBelow(std::string_view path, std::string_view place) {
-    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
-    if (place == "/") return path.starts_with('/');
-    return path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/');
-}
-
 // Whether `path` is a folder on the way to `place` (a strict parent of it).
 bool above(std::string_view path, std::string_view place) {
     while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
-    return path != place && atOrBelow(place, path);
+    return path != place && WhitelistChecker::pathAtOrBelow(place, path);
 }
 
 // A parent of an allowed place is restored as a whole folder over device
@@ -201,6 +193,12 @@ bool WhitelistChecker::checkManifestFile(const std::string& path) {
     return backup ? checkManifest(*backup->asDictionary()) : true;
 }
 
+bool WhitelistChecker::pathAtOrBelow(std::string_view path, std::string_view place) {
+    while (place.size() > 1 && place.back() == '/') place.remove_suffix(1);
+    if (place == "/") return path.starts_with('/');
+    return path.starts_with(place) && (path.size() == place.size() || path[place.size()] == '/');
+}
+
 bool WhitelistChecker::isCanonicalAbsolutePath(std::string_view path) {
     if (path == "/") return true;
     if (!path.starts_with('/') || path.find('\0') != std::string_view::npos) return false;
@@ -222,7 +220,7 @@ bool WhitelistChecker::checkFile(const std::string& path, const plist::Value& me
         return false;
     }
     for (std::string_view allowed : kAlwaysAllowed) {
-        if (atOrBelow(path, allowed)) return true;
+        if (pathAtOrBelow(path, allowed)) return true;
     }
     if (annotated(metaData)) return true;
 
@@ -276,7 +274,7 @@ std::vector<std::string> WhitelistChecker::createFullPathList(const plist::Array
 
 bool WhitelistChecker::fileWhitelisted(std::string_view path, const std::vector<std::string>& list) {
     for (const std::string& entry : list) {
-        if (atOrBelow(path, entry)) return true;
+        if (pathAtOrBelow(path, entry)) return true;
     }
     return false;
 }

@@ -63,6 +63,9 @@ class WhitelistChecker {
     // Whether a backup file that lies in a system container is acceptable.
     bool handleSystemContainerFiles(const std::string& path, const plist::Value& metaData);
 
+    // Whether `path` lies at or below `place` on a "/" boundary ("/var/mobile/MediaEvil" is
+    // not below "/var/mobile/Media"); a trailing "/" of the place is ignored.
+    static bool pathAtOrBelow(std::string_view path, std::string_view place);
     // "/", or "/" followed by names that are neither empty, "." nor "..".
     static bool isCanonicalAbsolutePath(std::string_view path);
     // Logged, with the path, for a path that is not canonical and absolute.
