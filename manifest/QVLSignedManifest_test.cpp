@@ -444,9 +444,6 @@ TEST(QVLSignedManifestTest, CountRuleAndOrderItems) {
     outer.erase("Backup");  // without an installation order, Backup and App are not looked at
     EXPECT_TRUE(load(outer, env.services()));
 
-    EXPECT_TRUE(QVLSignedManifest::isItemBackup("backup.BaseBackup"));
-    EXPECT_FALSE(QVLSignedManifest::isItemBackup("app.backup."));
-    EXPECT_TRUE(QVLSignedManifest::isItemSystemAppData("systemappdata"));
     EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("app.com.example"), "com.example");
     QVLLogCapture capture;
     EXPECT_EQ(QVLSignedManifest::appIdentifierFromOrderItem("backup.x"), std::nullopt);

@@ -6,9 +6,10 @@
 // list is reported in the log but does not refuse the path. Places match on a
 // "/" boundary. A folder on the way to an allowed place ("/", "/var") passes
 // only as a directory that gives no write to group or others and carries no
-// set-id bit. Paths must be absolute, without empty, "." or ".." parts. The checker also
-// looks at the top folder of each system container of the backup: one that
-// the device already has and excludes from backup must not be overwritten.
+// set-id bit. Paths must be absolute, without empty, "." or ".." parts. The
+// checker also looks at the top folder of each system container of the
+// backup: one that the device already has and excludes from backup must not
+// be overwritten.
 //
 // Thread-safety: the checks read the domains and may be called from several
 // threads at once; loading or setting the domains needs external

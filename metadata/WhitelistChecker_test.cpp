@@ -196,12 +196,10 @@ TEST(WhitelistCheckerFilesTest, LoadingFromFiles) {
     EXPECT_TRUE(capture.contains("Cannot load " + garbage));
 
     std::ofstream(dir / "table.plist")
-        << "<plist version=\"1.0\"><dict><key>SystemDomains</key><dict><key>d</key><dict><key>RootPath</key>"
-           "<string>/var/d</string><key>RelativePathsToBackupAndRestore</key><array><string>ok</string></"
-           "array>"
-           "</dict></dict><key>Backup</key><dict><key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></"
-           "dict>"
-           "</dict></plist>";
+        << "<plist version=\"1.0\"><dict><key>SystemDomains</key><dict><key>d</key><dict>"
+           "<key>RootPath</key><string>/var/d</string><key>RelativePathsToBackupAndRestore</key>"
+           "<array><string>ok</string></array></dict></dict><key>Backup</key><dict>"
+           "<key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></dict></dict></plist>";
     EXPECT_TRUE(checker.load((dir / "table.plist").string()));
     EXPECT_EQ(checker.domains().size(), 1u);
     EXPECT_FALSE(checker.checkManifestFile((dir / "table.plist").string()));

@@ -16,8 +16,6 @@
 namespace {
 
 namespace fs = std::filesystem;
-using qvl::plist::Dictionary;
-using qvl::plist::Value;
 
 std::string pki(const std::string& name) {
     const char* src = getenv("QVL_SOURCE_DIR");
@@ -41,10 +39,9 @@ class QvlmanifestSignTest : public ::testing::Test {
         fs::create_directories(dir_ + "/content/var/mobile/Documents/notes");
         std::ofstream(dir_ + "/content/var/mobile/Documents/notes/a.txt") << "hello\n";
         std::ofstream(dir_ + "/content/var/mobile/Documents/b.txt") << "world\n";
-        write(
-            "data.plist",
-            "<dict><key>/Documents/c.txt</key><dict><key>QVLManifestFileAttributes</key><dict><key>NSFileType"
-            "</key><string>NSFileTypeRegular</string></dict></dict></dict>");
+        write("data.plist",
+              "<dict><key>/Documents/c.txt</key><dict><key>QVLManifestFileAttributes</key>"
+              "<dict><key>NSFileType</key><string>NSFileTypeRegular</string></dict></dict></dict>");
     }
     void TearDown() override { fs::remove_all(dir_); }
 
