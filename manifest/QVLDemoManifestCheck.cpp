@@ -4,11 +4,11 @@
 #include <iterator>
 #include <unordered_set>
 
+#include "base/QVLLog.h"
 #include "metadata/QVLFileMetadata.h"
 #include "metadata/WhitelistChecker.h"
 #include "platform/codesign/CodeSignature.h"
 #include "platform/notify/QVLNotificationCenter.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 namespace {

@@ -6,7 +6,6 @@
 #include "platform/codesign/CodeSignature.h"
 #include "platform/containers/ContainerLookup.h"
 #include "platform/notify/QVLNotificationCenter.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -18,7 +18,7 @@
 
 #include <openssl/sha.h>
 
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
 
 namespace qvl {
 

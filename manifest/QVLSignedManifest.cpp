@@ -1,17 +1,15 @@
 #include "manifest/QVLSignedManifest.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstring>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "base/DescriptorIO.h"
+#include "base/QVLLog.h"
 #include "platform/deviceinfo/DeviceInfo.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 
@@ -22,29 +20,6 @@ constexpr std::string_view kBackupPrefix = "backup.";
 constexpr std::string_view kSystemAppDataPrefix = "systemappdata";
 constexpr std::string_view kAppPrefix = "app.";
 constexpr const char* kBaseBackup = "backup.BaseBackup";
-
-// Reads the whole stream, refusing more than kMaxSignedManifestSize bytes.
-bool readStream(int fd, std::string& bytes, plist::ReadError& error) {
-    struct stat st;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-        static_cast<uint64_t>(st.st_size) <= kMaxSignedManifestSize)
-        bytes.reserve(static_cast<size_t>(st.st_size));
-    char buffer[1 << 16];
-    for (;;) {
-        const ssize_t n = read(fd, buffer, sizeof buffer);
-        if (n == 0) return true;
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            error = {plist::ReadError::kIO, std::string("read failed: ") + strerror(errno)};
-            return false;
-        }
-        if (bytes.size() + static_cast<size_t>(n) > kMaxSignedManifestSize) {
-            error = {plist::ReadError::kIO, "the manifest is larger than the largest accepted"};
-            return false;
-        }
-        bytes.append(buffer, static_cast<size_t>(n));
-    }
-}
 
 }  // namespace
 
@@ -58,13 +33,16 @@ std::unique_ptr<QVLSignedManifest> QVLSignedManifest::signedManifestWithNSStream
 }
 
 bool QVLSignedManifest::initWithNSStream(int fd) {
-    std::string bytes;
-    plist::ReadError error;
-    if (!readStream(fd, bytes, error)) {
-        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, error.message, error.code);
+    std::vector<uint8_t> bytes;
+    if (const int err = readAll(fd, kMaxSignedManifestSize, &bytes)) {
+        const std::string message = err == EFBIG
+                                        ? std::string("the manifest is larger than the largest accepted")
+                                        : std::string("read failed: ") + strerror(err);
+        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, message,
+               static_cast<int>(plist::ReadError::kIO));
         return false;
     }
-    return initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+    return initWithBytes(bytes);
 }
 
 bool QVLSignedManifest::initWithBytes(std::span<const uint8_t> bytes) {

@@ -3,12 +3,12 @@
 
 #include <openssl/evp.h>
 
+#include "base/QVLLog.h"
 #include "manifest/QVLBuiltinKeys.h"
 #include "manifest/QVLPropertyListDigest.h"
 #include "manifest/QVLSignedManifest.h"
 #include "platform/deviceinfo/DeviceInfo.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 

@@ -10,11 +10,11 @@
 #include <functional>
 #include <iterator>
 
+#include "base/QVLLogCapture.h"
 #include "manifest/QVLDemoManifestCheck.h"
 #include "manifest/QVLSignedManifestTestSupport.h"
 #include "platform/containers/ContainerLookup.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -6,6 +6,7 @@
 #include <mutex>
 #include <unordered_map>
 
+#include "base/UTF8.h"
 #include "metadata/QVLFileMetadata.h"
 #include "platform/fileattrs/FileAttributesPort.h"
 
@@ -80,8 +81,7 @@ plist::Date dateOf(const timespec& t) {
 std::string protectionClassOf(FileAttributesPort& port, const std::string& path) {
     std::optional<std::string> value = port.protectionClass(path);
     // A value that is not text is not a class the platform knows.
-    if (!value || value->empty() || !QVLAttributeDictionary::isValidUTF8(*value))
-        return std::string(kNSFileProtectionNone);
+    if (!value || value->empty() || !isValidUTF8(*value)) return std::string(kNSFileProtectionNone);
     return *value;
 }
 
@@ -178,41 +178,6 @@ bool fail(std::string* error) {
 }
 
 }  // namespace
-
-bool QVLAttributeDictionary::isValidUTF8(std::string_view text) {
-    static constexpr uint32_t kSmallestOfLength[] = {0, 0x80, 0x800, 0x10000};
-    size_t i = 0;
-    while (i < text.size()) {
-        const auto lead = static_cast<unsigned char>(text[i]);
-        size_t extra = 0;
-        uint32_t codePoint = 0;
-        if (lead < 0x80) {
-            ++i;
-            continue;
-        } else if ((lead & 0xe0) == 0xc0) {
-            extra = 1, codePoint = lead & 0x1f;
-        } else if ((lead & 0xf0) == 0xe0) {
-            extra = 2, codePoint = lead & 0x0f;
-        } else if ((lead & 0xf8) == 0xf0) {
-            extra = 3, codePoint = lead & 0x07;
-        } else {
-            return false;
-        }
-        if (text.size() - i <= extra) return false;
-        for (size_t k = 1; k <= extra; ++k) {
-            const auto next = static_cast<unsigned char>(text[i + k]);
-            if ((next & 0xc0) != 0x80) return false;
-            codePoint = (codePoint << 6) | (next & 0x3f);
-        }
-        // Overlong forms, surrogates and values past Unicode are not text.
-        if (codePoint < kSmallestOfLength[extra] || codePoint > 0x10ffff ||
-            (codePoint >= 0xd800 && codePoint <= 0xdfff)) {
-            return false;
-        }
-        i += extra + 1;
-    }
-    return true;
-}
 
 std::string QVLAttributeDictionary::errorText(int error) {
     return std::string(std::strerror(error)) + " (errno " + std::to_string(error) + ")";

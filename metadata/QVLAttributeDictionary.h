@@ -47,10 +47,6 @@ class QVLAttributeDictionary {
     static bool setProtectionClass(const plist::Dictionary& attributes, const std::string& path,
                                    std::string* error);
 
-    // Whether `text` is well-formed UTF-8 (names and classes read from the
-    // file system are bytes, records hold text).
-    static bool isValidUTF8(std::string_view text);
-
     // The text of an errno value for log lines.
     static std::string errorText(int error);
 };

@@ -6,8 +6,8 @@
 #include <memory>
 #include <new>
 
+#include "base/QVLLog.h"
 #include "platform/fileattrs/FileAttributesPort.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <vector>
 
+#include "base/QVLLogCapture.h"
 #include "metadata/MetadataTestSupport.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -3,10 +3,11 @@
 #include <array>
 #include <memory>
 
+#include "base/QVLLog.h"
+#include "base/UTF8.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
 #include "platform/fileattrs/FileAttributesPort.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 namespace {
@@ -165,7 +166,7 @@ std::optional<std::vector<std::string>> QVLFileMetadata::extendedAttributeKeysWi
         if (name.empty()) continue;
         // A record holds names as text; a name that is not UTF-8 cannot be
         // recorded faithfully, so it is left out rather than mangled.
-        if (!QVLAttributeDictionary::isValidUTF8(name)) {
+        if (!isValidUTF8(name)) {
             QVLLog("Skipping an extended attribute of %@ whose name is not UTF-8", path);
             continue;
         }
@@ -216,7 +217,7 @@ std::optional<std::string> QVLFileMetadata::targetFileWithPath(const std::string
                QVLAttributeDictionary::errorText(errno));
         return std::nullopt;
     }
-    if (!QVLAttributeDictionary::isValidUTF8(target)) {
+    if (!isValidUTF8(target)) {
         QVLLog("Could not get destination of symbolic link %@ with error - %@", path,
                "the link text is not UTF-8");
         return std::nullopt;
@@ -290,7 +291,7 @@ bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path) const {
     if (!extendedAttributes) return true;
     FileAttributesPort& port = FileAttributesPort::current();
     for (const auto& [name, value] : *extendedAttributes) {
-        if (!QVLAttributeDictionary::isValidUTF8(name)) {
+        if (!isValidUTF8(name)) {
             QVLLog("Got Non-string key");
             return false;
         }

@@ -7,9 +7,9 @@
 
 #include <vector>
 
+#include "base/QVLLogCapture.h"
 #include "metadata/MetadataTestSupport.h"
 #include "platform/fileattrs/FileAttributesPort.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

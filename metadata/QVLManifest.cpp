@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <limits>
 
+#include "base/QVLLog.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
 #include "platform/fileattrs/FileAttributesPort.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 namespace {

@@ -25,9 +25,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "base/QVLProgressUpdater.h"
 #include "metadata/QVLFileMetadata.h"
 #include "plist/PlistValue.h"
-#include "qvald_helper/QVLProgressUpdater.h"
 
 namespace qvl {
 

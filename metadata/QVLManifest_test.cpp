@@ -8,9 +8,9 @@
 #include <map>
 #include <sstream>
 
+#include "base/QVLLogCapture.h"
 #include "metadata/MetadataTestSupport.h"
 #include "metadata/QVLFileDigest.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

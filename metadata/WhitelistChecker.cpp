@@ -4,11 +4,11 @@
 
 #include <cerrno>
 
+#include "base/QVLLog.h"
 #include "metadata/DomainTable.h"
 #include "metadata/QVLFileMetadata.h"
 #include "platform/containers/ContainerLookup.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLog.h"
 
 namespace qvl {
 namespace {

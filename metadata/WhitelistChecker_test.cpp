@@ -6,8 +6,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "base/QVLLogCapture.h"
 #include "platform/containers/ContainerLookup.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -12,12 +12,12 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace qvl::ops {
 namespace {
 
-using Fd = zrp::UniqueFd;
+using Fd = UniqueFd;
 
 struct DirCloser {
     void operator()(DIR* d) const { ::closedir(d); }

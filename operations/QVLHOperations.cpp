@@ -19,11 +19,11 @@
 #include <string_view>
 #include <vector>
 
+#include "base/QVLLog.h"
+#include "base/UniqueFd.h"
 #include "operations/FileTree.h"
 #include "platform/nvram/NvramStore.h"
 #include "platform/reboot/SystemRestart.h"
-#include "platform/zrp/UniqueFd.h"
-#include "qvald_helper/QVLLog.h"
 
 // Errors from the system are reported the way the platform's file manager
 // reports its own: the "description" in a log line is strerror()'s text and
@@ -47,7 +47,7 @@ constexpr mode_t kNewFolderMode = 0755;
 constexpr const char* kPrepareDirectoryName = "-[QVLHOperations prepareDirectory:writableByMobile:]";
 constexpr const char* kWriteNVRamName = "-[QVLHOperations writeNVRam:withValue:]";
 
-using Fd = zrp::UniqueFd;
+using Fd = UniqueFd;
 
 struct DirCloser {
     void operator()(DIR* d) const { ::closedir(d); }

@@ -14,10 +14,10 @@
 
 #include <gtest/gtest.h>
 
+#include "base/QVLLogCapture.h"
 #include "operations/FileTree.h"
 #include "platform/nvram/NvramStore.h"
 #include "platform/reboot/SystemRestart.h"
-#include "qvald_helper/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -12,6 +12,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/UTF8.h"
 #include "plist/PlistValue.h"
 #include "plist/PropertyList.h"
 
@@ -31,15 +32,9 @@ std::nullopt_t fail(ReadError* error, int code, std::string message);
 // or by a careless tool should not become unreadable because of it).
 Dictionary makeDictionary(std::vector<Dictionary::Entry>&& entries);
 
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUTF8(std::string_view s);
-
-// Appends the UTF-16 code units of valid UTF-8 text `s`; returns false (and
-// leaves `out` as it was) when `s` is not valid UTF-8.
-bool appendUTF16(std::string_view s, std::vector<uint16_t>& out);
-
-// Appends the UTF-8 form of UTF-16 code units; returns false on an unpaired
-// surrogate.
-bool appendUTF8FromUTF16(const uint16_t* units, size_t count, std::string& out);
+// Text: the system's one UTF-8 validator and its UTF-16 conversions.
+using qvl::appendUTF16;
+using qvl::appendUTF8FromUTF16;
+using qvl::isValidUTF8;
 
 }  // namespace qvl::plist::detail

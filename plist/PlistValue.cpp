@@ -360,4 +360,26 @@ std::string Value::description() const {
     return out;
 }
 
+std::string qvlDescription(const Value& value) {
+    if (const std::string* text = value.asString()) return *text;
+    return value.description();
+}
+
+std::string qvlDescription(const Dictionary& dictionary) {
+    return Value(dictionary).description();
+}
+
+std::string qvlDescription(const Array& array) {
+    return Value(array).description();
+}
+
+std::optional<int64_t> qvlIntegerValue(const Value& value) {
+    return value.integerValue();
+}
+
+std::optional<double> qvlRealValue(const Value& value) {
+    if (const double* real = value.asReal()) return *real;
+    return std::nullopt;
+}
+
 }  // namespace qvl::plist

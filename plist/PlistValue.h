@@ -184,6 +184,15 @@ class Value {
     std::variant<Dictionary, Array, std::string, Data, Integer, double, bool, Date> v_;
 };
 
+// "%@" of property values in formatted messages (base/QVLFormat.h): a string
+// prints as itself, any other value as its description; numeric conversions
+// read a value as the platform's accessors do.
+std::string qvlDescription(const Value& value);
+std::string qvlDescription(const Dictionary& dictionary);
+std::string qvlDescription(const Array& array);
+std::optional<int64_t> qvlIntegerValue(const Value& value);
+std::optional<double> qvlRealValue(const Value& value);
+
 inline size_t Dictionary::size() const {
     return entries_.size();
 }

@@ -2,9 +2,9 @@
 
 #include <utility>
 
+#include "base/QVLLog.h"
 #include "operations/QVLHOperations.h"
 #include "platform/entitlements/EntitlementService.h"
-#include "qvald_helper/QVLLog.h"
 #include "qvald_helper/zrpdictConv.h"
 
 namespace qvl {

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "qvald_helper/QVLLogCapture.h"
+#include "base/QVLLogCapture.h"
 
 namespace qvl {
 namespace {

@@ -11,11 +11,11 @@
 #include <memory>
 #include <mutex>
 
+#include "base/QVLLog.h"
+#include "base/QVLLogModel.h"
+#include "base/QVLProgressUpdater.h"
 #include "platform/zrp/ZRP.h"
 #include "qvald_helper/QVLHMessageResponder.h"
-#include "qvald_helper/QVLLog.h"
-#include "qvald_helper/QVLLogModel.h"
-#include "qvald_helper/QVLProgressUpdater.h"
 
 using qvl::QVLHMessageResponder;
 namespace zrp = qvl::zrp;

@@ -1,48 +1,14 @@
 #include "qvald_helper/zrpdictConv.h"
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
+#include "base/UTF8.h"
 
 namespace qvl {
 
 namespace {
-
-// Whether `s` is well-formed UTF-8: no stray continuation bytes, no overlong
-// forms, no surrogates, nothing above U+10FFFF.
-bool isValidUTF8(std::string_view s) {
-    size_t i = 0;
-    while (i < s.size()) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        size_t length;
-        uint32_t min;
-        uint32_t cp;
-        if ((c & 0xE0) == 0xC0) {
-            length = 2, min = 0x80, cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            length = 3, min = 0x800, cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            length = 4, min = 0x10000, cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (s.size() - i < length) return false;
-        for (size_t k = 1; k < length; ++k) {
-            const auto cc = static_cast<unsigned char>(s[i + k]);
-            if ((cc & 0xC0) != 0x80) return false;
-            cp = (cp << 6) | (cc & 0x3F);
-        }
-        if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-        i += length;
-    }
-    return true;
-}
 
 // The bytes with everything outside printable ASCII written as \xNN, so that
 // a log line never carries malformed text of its own.
@@ -112,17 +78,7 @@ plist::Dictionary convertDictionary(const zrp::Dictionary& zrpDictionary) {
 }  // namespace
 
 plist::Dictionary dictionaryWithZRPDictionary(const zrp::Dictionary& zrpDictionary) {
-    plist::Dictionary result;
-    initWithZRPDictionary(result, zrpDictionary);
-    return result;
-}
-
-void initWithZRPDictionary(plist::Dictionary& receiver, const zrp::Dictionary& zrpDictionary) {
-    receiver = convertDictionary(zrpDictionary);
-}
-
-std::optional<zrp::Dictionary> createZRPDictionary(const plist::Dictionary&) {
-    return std::nullopt;
+    return convertDictionary(zrpDictionary);
 }
 
 }  // namespace qvl

@@ -9,12 +9,10 @@
 //
 // An entry that can't be converted costs only itself: the rest of the request
 // is converted as usual. The conversion works in one direction only; replies
-// are built as ZRP dictionaries directly.
+// are built as ZRP dictionaries directly by the responder.
 //
 // Thread-safety: reentrant; keeps no state.
 #pragma once
-
-#include <optional>
 
 #include "platform/zrp/ZRP.h"
 #include "plist/PlistValue.h"
@@ -23,14 +21,5 @@ namespace qvl {
 
 // A new property dictionary holding the converted entries of `zrpDictionary`.
 plist::Dictionary dictionaryWithZRPDictionary(const zrp::Dictionary& zrpDictionary);
-
-// Replaces the contents of `receiver` with the converted entries of
-// `zrpDictionary`, in the service's iteration order. Always succeeds; the
-// result may be empty.
-void initWithZRPDictionary(plist::Dictionary& receiver, const zrp::Dictionary& zrpDictionary);
-
-// The reverse direction is deliberately not provided: replies are built by the
-// responder itself. Always answers no dictionary.
-std::optional<zrp::Dictionary> createZRPDictionary(const plist::Dictionary& dictionary);
 
 }  // namespace qvl

@@ -18,6 +18,8 @@
 #include <memory>
 #include <vector>
 
+#include "base/UniqueFd.h"
+
 namespace qvl::platform {
 namespace {
 
@@ -37,20 +39,6 @@ struct CertStackFree {
 };
 template <class T>
 using Owned = std::unique_ptr<T, Deleter>;
-
-class FileDescriptor {
-  public:
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    ~FileDescriptor() {
-        if (fd_ >= 0) close(fd_);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 class Mapping {
   public:
@@ -121,7 +109,7 @@ ModuleSignatureValidator::ModuleSignatureValidator(std::string anchorsFolder)
     : anchorsFolder_(std::move(anchorsFolder)) {}
 
 int ModuleSignatureValidator::validateCodeSignature(const std::string& path) {
-    FileDescriptor fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    UniqueFd fd(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (fd.get() < 0) return kCodeSignatureUnreadable;
     struct stat st {};
     if (fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) return kCodeSignatureUnreadable;

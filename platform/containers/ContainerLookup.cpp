@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
 
 namespace qvl::platform {
 namespace {

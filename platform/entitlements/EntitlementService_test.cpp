@@ -24,7 +24,7 @@ zrp::AuditToken tokenFor(pid_t pid, uid_t uid, std::string exe) {
     token.pid = pid;
     token.uid = uid;
     token.executablePath = std::move(exe);
-    token.pidfd = std::make_shared<const zrp::UniqueFd>(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
+    token.pidfd = std::make_shared<const UniqueFd>(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));
     return token;
 }
 

@@ -16,6 +16,8 @@
 #include <memory>
 #include <string_view>
 
+#include "base/UniqueFd.h"
+
 namespace qvl::platform {
 namespace {
 
@@ -24,20 +26,6 @@ constexpr std::string_view kUserPrefix = "user.";
 constexpr size_t kMaxNameListSize = 1 << 20;
 // Account database records are small; a larger one is refused.
 constexpr size_t kMaxAccountRecordSize = 1 << 20;
-
-class Fd {
-  public:
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    int get() const { return fd_; }
-
-  private:
-    int fd_;
-};
 
 ItemType typeFromMode(mode_t mode) {
     switch (mode & S_IFMT) {
@@ -85,7 +73,7 @@ ItemType typeFromDirent(unsigned char type) {
 // device or a fifo can have side effects, and links have no flags of their own.
 bool immutableFlagByIoctl(const std::string& path, ItemType type) {
     if (type != ItemType::kRegular && type != ItemType::kDirectory) return false;
-    Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) return false;
     int flags = 0;
     if (::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) return false;
@@ -181,7 +169,7 @@ int LinuxFileAttributesPort::statFollowingLinks(const std::string& path, ItemSta
 }
 
 int LinuxFileAttributesPort::setImmutableFlag(const std::string& path, bool immutable) {
-    Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) return -1;
     int flags = 0;
     if (::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) {
@@ -317,7 +305,7 @@ void LinuxFileAttributesPort::adviseDone(int fd, off_t offset, off_t length) {
 }
 
 void LinuxFileAttributesPort::prefetch(const std::string& path, off_t length) {
-    Fd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
     if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
 }
 

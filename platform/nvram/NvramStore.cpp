@@ -9,28 +9,16 @@
 #include <string>
 #include <utility>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/DescriptorIO.h"
+#include "base/UniqueFd.h"
 
 namespace qvl::platform {
 namespace {
 
-using Fd = zrp::UniqueFd;
+using Fd = UniqueFd;
 
 int errnoOr(int fallback) {
     return errno != 0 ? errno : fallback;
-}
-
-int writeAll(int fd, std::span<const uint8_t> bytes) {
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t n = ::write(fd, bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            return errnoOr(EIO);
-        }
-        done += static_cast<size_t>(n);
-    }
-    return 0;
 }
 
 std::string_view asText(std::span<const uint8_t> bytes) {

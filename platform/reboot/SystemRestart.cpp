@@ -8,7 +8,7 @@
 #include <cstring>
 #include <utility>
 
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
 
 namespace qvl::platform {
 

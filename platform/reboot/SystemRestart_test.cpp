@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "qvald_helper/QVLLogCapture.h"
+#include "base/QVLLogCapture.h"
 
 namespace qvl::platform {
 namespace {

@@ -24,7 +24,7 @@
 
 #include "platform/zrp/Endpoint.h"
 #include "platform/zrp/TerminationSignal.h"
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 struct epoll_event;
 

@@ -12,7 +12,7 @@
 #include <memory>
 #include <mutex>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "platform/zrp/ZRP.h"
 
 namespace qvl::zrp {

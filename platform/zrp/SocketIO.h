@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 #include "platform/zrp/ZRP.h"
 
 namespace qvl::zrp {

@@ -10,7 +10,7 @@
 #include <mutex>
 #include <string>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace qvl::zrp {
 

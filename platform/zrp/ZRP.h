@@ -41,7 +41,7 @@
 #include <variant>
 #include <vector>
 
-#include "platform/zrp/UniqueFd.h"
+#include "base/UniqueFd.h"
 
 namespace qvl::zrp {
 

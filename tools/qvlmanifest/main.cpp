@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "base/QVLLogModel.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLogModel.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {

@@ -8,9 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "base/QVLProgressUpdater.h"
 #include "metadata/QVLManifest.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLProgressUpdater.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {

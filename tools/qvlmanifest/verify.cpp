@@ -10,15 +10,16 @@
 #include <unistd.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
+#include "base/QVLLogModel.h"
 #include "manifest/QVLDemoManifestCheck.h"
 #include "manifest/QVLSignedManifest.h"
 #include "platform/containers/ContainerLookup.h"
 #include "platform/deviceinfo/DeviceInfo.h"
 #include "platform/trust/TrustService.h"
 #include "plist/PropertyList.h"
-#include "qvald_helper/QVLLogModel.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {
@@ -47,24 +48,9 @@ void printLogLine(std::string_view message) {
     std::fprintf(stderr, "%.*s\n", static_cast<int>(message.size()), message.data());
 }
 
-// While it lives, log lines are neither printed nor kept: the summary judges
-// certificates a second time and must not repeat the load's lines.
-class QuietLog {
-  public:
-    QuietLog() {
-        previous_ = QVLLogModel::sharedInstance().captureForTesting();
-        QVLLogModel::sharedInstance().setCaptureForTesting([](std::string_view) {});
-    }
-    ~QuietLog() { QVLLogModel::sharedInstance().setCaptureForTesting(previous_); }
-
-  private:
-    std::function<void(std::string_view)> previous_;
-};
-
 // The signer kind and rigorous check type of one chain, judged as verification does.
 std::string describeSigner(QVLSignedManifest& judge, const plist::Array& chain, const std::string* type,
                            bool monolithic, bool development) {
-    QuietLog quiet;
     if (!monolithic && type && *type == "UAT") {
         if (!judge.createPublicKeyForDevelopmentSigning(chain)) return "test signer: not valid";
         return development ? "test signer, check Skip"
@@ -199,7 +185,9 @@ int verifyVerb(Arguments args) {
     QVLDemoManifestCheck::Services checkServices;
     checkServices.containers = &containers;
 
-    QVLLogModel::sharedInstance().setCaptureForTesting(printLogLine);
+    // The load's lines are printed; the summary's second look at the
+    // certificates below is not.
+    auto observation = std::make_unique<QVLLogObservation>(QVLLogModel::sharedInstance(), printLogLine);
     auto checker = QVLDemoManifestCheck::create(checkServices);
     QVLSignedManifest::Services services;
     services.trust = &trust;
@@ -207,7 +195,7 @@ int verifyVerb(Arguments args) {
     if (checker) services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
     auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, services);
     close(fd);
-    QVLLogModel::sharedInstance().setCaptureForTesting({});
+    observation.reset();
 
     std::fflush(stderr);
     const auto file = plist::readFile(path);

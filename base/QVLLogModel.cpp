@@ -1,4 +1,4 @@
-#include "qvald_helper/QVLLogModel.h"
+#include "base/QVLLogModel.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,8 +13,7 @@
 #include <filesystem>
 #include <optional>
 
-#include "plist/PlistValue.h"
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
 
 namespace qvl {
 
@@ -97,13 +96,33 @@ std::string_view cachedDateText(double unixSeconds) {
     return cache.text;
 }
 
-// The system-log copy; also what tests capture.
 void writeSystemLog(std::string_view message) {
     if (!systemLogAvailable()) return;
     syslog(LOG_NOTICE, "%.*s", static_cast<int>(message.size()), message.data());
 }
 
+bool writabilityTest(const std::string& folder) {
+    const std::string probe = folder + "/" + kWritabilityProbe;
+    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
+    if (fd < 0) return false;
+    const bool written = write(fd, "a", 1) == 1;
+    close(fd);
+    unlink(probe.c_str());  // the outcome of the removal is not looked at
+    return written;
+}
+
 }  // namespace
+
+void QVLLogMessage(std::string_view message) {
+    QVLLogModel::sharedInstance().logMessage(message);
+}
+
+QVLLogModel::QVLLogModel(Services services)
+    : services_(std::move(services)), observers_(std::make_shared<const ObserverList>()) {}
+
+QVLLogModel::~QVLLogModel() {
+    if (logFP_) fclose(logFP_);
+}
 
 QVLLogModel& QVLLogModel::sharedInstance() {
     static QVLLogModel* model = new QVLLogModel();  // lives until exit; never destroyed mid-log
@@ -115,13 +134,32 @@ std::string QVLLogModel::dateText(double unixSeconds) {
 }
 
 void QVLLogModel::systemLog(std::string_view message) {
-    writeSystemLog(message);
-    std::function<void(std::string_view)> capture;
+    if (services_.systemLog)
+        services_.systemLog(message);
+    else
+        writeSystemLog(message);
+    std::shared_ptr<const ObserverList> observers;
     {
-        std::lock_guard<std::mutex> guard(captureLock_);
-        capture = capture_;
+        std::lock_guard<std::mutex> guard(observerLock_);
+        observers = observers_;
     }
-    if (capture) capture(message);
+    for (const ObserverEntry& entry : *observers) entry.observer(message);
+}
+
+uint64_t QVLLogModel::addObserver(Observer observer) {
+    std::lock_guard<std::mutex> guard(observerLock_);
+    auto list = std::make_shared<ObserverList>(*observers_);
+    const uint64_t token = nextToken_++;
+    list->push_back({token, std::move(observer)});
+    observers_ = std::move(list);
+    return token;
+}
+
+void QVLLogModel::removeObserver(uint64_t token) {
+    std::lock_guard<std::mutex> guard(observerLock_);
+    auto list = std::make_shared<ObserverList>(*observers_);
+    std::erase_if(*list, [token](const ObserverEntry& entry) { return entry.token == token; });
+    observers_ = std::move(list);
 }
 
 void QVLLogModel::logMessage(std::string_view message) {
@@ -180,20 +218,10 @@ bool QVLLogModel::enableLogToFilesUnder_skipFinishDemoRestore(const std::string&
     return enableLogToFilesUnder(folder, prefix, expireDays, true);
 }
 
-bool QVLLogModel::writabilityTest(const std::string& folder) {
-    const std::string probe = folder + "/" + kWritabilityProbe;
-    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) return false;
-    const bool written = write(fd, "a", 1) == 1;
-    close(fd);
-    unlink(probe.c_str());  // the outcome of the removal is not looked at
-    return written;
-}
-
 void QVLLogModel::removeExpiredEntries(const std::string& folder, long expireDays,
                                        bool skipFinishDemoRestore) {
     const double cutoff = now() - static_cast<double>(expireDays) * 86400.0;
-    const std::string cutoffText = plist::Value(plist::Date::fromUnix(cutoff)).description();
+    const std::string cutoffText = dateText(cutoff);
     std::error_code ec;
     fs::directory_iterator it(folder, ec);
     if (ec) return;
@@ -206,8 +234,8 @@ void QVLLogModel::removeExpiredEntries(const std::string& folder, long expireDay
                                       cutoffText));
         const std::optional<double> created = creationDate(fullPath);
         if (!created || !(*created < cutoff)) continue;
-        systemLog(QVLStringWithFormat("Removing %@ whose creation date is %@.", fullPath,
-                                      plist::Value(plist::Date::fromUnix(*created)).description()));
+        systemLog(
+            QVLStringWithFormat("Removing %@ whose creation date is %@.", fullPath, dateText(*created)));
         std::error_code removeError;
         fs::remove_all(fullPath, removeError);  // a failed removal is ignored
     }
@@ -222,29 +250,7 @@ bool QVLLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
 }
 
 double QVLLogModel::now() const {
-    std::lock_guard<std::mutex> guard(captureLock_);
-    return clock_ ? clock_() : unixNow();
-}
-
-void QVLLogModel::setCaptureForTesting(std::function<void(std::string_view)> capture) {
-    std::lock_guard<std::mutex> guard(captureLock_);
-    capture_ = std::move(capture);
-}
-
-std::function<void(std::string_view)> QVLLogModel::captureForTesting() {
-    std::lock_guard<std::mutex> guard(captureLock_);
-    return capture_;
-}
-
-void QVLLogModel::setClockForTesting(std::function<double()> clock) {
-    std::lock_guard<std::mutex> guard(captureLock_);
-    clock_ = std::move(clock);
-}
-
-void QVLLogModel::closeLogFileForTesting() {
-    std::lock_guard<std::mutex> guard(lock_);
-    if (logFP_) fclose(logFP_);
-    logFP_ = nullptr;
+    return services_.clock ? services_.clock() : unixNow();
 }
 
 }  // namespace qvl

@@ -5,8 +5,9 @@
 // than the last one sent, so at most one message goes out per whole percent
 // and 0 is never sent. Nothing caps the value at 100.
 //
-// Where the percentages go is set with setProgressSender: the helper routes
-// them to its client, a tool to its progress bar. Without a sender they are
+// Where the percentages go is given at construction: a tool sends them to its
+// progress bar. The shared instance is connected once, at start, by the
+// process entry, which routes them to its client. Without a sender they are
 // dropped.
 //
 // Thread-safety: each property is read and written atomically on its own, and
@@ -18,6 +19,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <utility>
 
 namespace qvl {
 
@@ -25,7 +27,7 @@ class QVLProgressUpdater {
   public:
     using ProgressSender = std::function<void(int64_t percent)>;
 
-    QVLProgressUpdater() = default;
+    explicit QVLProgressUpdater(ProgressSender sender = {}) : sender_(std::move(sender)) {}
     QVLProgressUpdater(const QVLProgressUpdater&) = delete;
     QVLProgressUpdater& operator=(const QVLProgressUpdater&) = delete;
 
@@ -35,12 +37,11 @@ class QVLProgressUpdater {
     void updatePercentageWithIncrement(int64_t increment);
 
     int64_t total() const { return total_.load(); }
-    void setTotal(int64_t total) { total_.store(total); }
     int64_t finished() const { return finished_.load(); }
-    void setFinished(int64_t finished) { finished_.store(finished); }
     int32_t reportedPercent() const { return reportedPercent_.load(); }
-    void setReportedPercent(int32_t percent) { reportedPercent_.store(percent); }
 
+    // Connects the shared instance to the helper's client (the process entry
+    // does this once, before the first request).
     void setProgressSender(ProgressSender sender);
 
   private:

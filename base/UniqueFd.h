@@ -1,4 +1,6 @@
-// UniqueFd: owns one file descriptor and closes it when destroyed.
+// UniqueFd: owns one file descriptor and closes it when destroyed. The one
+// owner of descriptors in the system: every layer that opens one hands it
+// over to a UniqueFd at once, so no path leaks it.
 //
 // Thread-safety: like any value; one owner at a time.
 #pragma once
@@ -7,7 +9,7 @@
 
 #include <utility>
 
-namespace qvl::zrp {
+namespace qvl {
 
 class UniqueFd {
   public:
@@ -30,9 +32,15 @@ class UniqueFd {
         if (fd_ >= 0) ::close(fd_);
         fd_ = fd;
     }
+    // Closes now and answers whether close(2) succeeded: on some file systems
+    // that is where a late write error shows.
+    bool closeChecked() {
+        if (fd_ < 0) return true;
+        return ::close(std::exchange(fd_, -1)) == 0;
+    }
 
   private:
     int fd_ = -1;
 };
 
-}  // namespace qvl::zrp
+}  // namespace qvl

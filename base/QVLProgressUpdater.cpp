@@ -1,6 +1,6 @@
-#include "qvald_helper/QVLProgressUpdater.h"
+#include "base/QVLProgressUpdater.h"
 
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLLog.h"
 
 namespace qvl {
 

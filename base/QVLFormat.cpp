@@ -1,22 +1,10 @@
-#include "qvald_helper/QVLLog.h"
+#include "base/QVLFormat.h"
 
-#include <cinttypes>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 
-#include "qvald_helper/QVLLogModel.h"
-
 namespace qvl {
-
-QVLLogArg::QVLLogArg(const plist::Dictionary& d)
-    : kind_(Kind::Value), owned_(std::make_shared<plist::Value>(d)) {
-    value_ = owned_.get();
-}
-
-QVLLogArg::QVLLogArg(const plist::Array& a) : kind_(Kind::Value), owned_(std::make_shared<plist::Value>(a)) {
-    value_ = owned_.get();
-}
-
 namespace {
 
 // One parsed conversion: "%-08.3llx" gives flags "-0", width "8", precision
@@ -78,11 +66,8 @@ std::string describeValue(const QVLLogArg& arg) {
             snprintf(buf, sizeof buf, "%g", arg.realValue());
             return buf;
         }
-        case QVLLogArg::Kind::Value: {
-            const plist::Value* v = arg.value();
-            if (const std::string* s = v->asString()) return *s;
-            return v->description();
-        }
+        case QVLLogArg::Kind::Object:
+            return arg.description();
     }
     return "(null)";
 }
@@ -101,8 +86,8 @@ uint64_t integerBits(const QVLLogArg& arg, const std::string& length) {
         case QVLLogArg::Kind::Real:
             bits = static_cast<uint64_t>(static_cast<int64_t>(arg.realValue()));
             break;
-        case QVLLogArg::Kind::Value:
-            if (auto n = arg.value()->integerValue()) bits = static_cast<uint64_t>(*n);
+        case QVLLogArg::Kind::Object:
+            if (auto n = arg.objectInteger()) bits = static_cast<uint64_t>(*n);
             break;
         default:
             break;
@@ -164,10 +149,10 @@ std::string formatReal(const Conversion& c, const QVLLogArg& arg) {
         case QVLLogArg::Kind::Unsigned:
             d = static_cast<double>(arg.unsignedValue());
             break;
-        case QVLLogArg::Kind::Value:
-            if (const double* r = arg.value()->asReal())
+        case QVLLogArg::Kind::Object:
+            if (auto r = arg.objectReal())
                 d = *r;
-            else if (auto n = arg.value()->integerValue())
+            else if (auto n = arg.objectInteger())
                 d = static_cast<double>(*n);
             break;
         default:
@@ -211,7 +196,7 @@ std::string formatOne(const Conversion& c, const QVLLogArg* arg) {
             // A string or a value that is not a number, given to an integer
             // conversion, is printed as text rather than as a made-up number.
             if (arg->kind() == QVLLogArg::Kind::String || arg->kind() == QVLLogArg::Kind::Null ||
-                (arg->kind() == QVLLogArg::Kind::Value && !arg->value()->integerValue()))
+                (arg->kind() == QVLLogArg::Kind::Object && !arg->objectInteger()))
                 return describeValue(*arg);
             return formatInteger(c, *arg);
     }
@@ -249,10 +234,6 @@ std::string QVLFormat(std::string_view format, const QVLLogArg* args, size_t cou
         out += formatOne(c, arg);
     }
     return out;
-}
-
-void QVLLogMessage(std::string_view message) {
-    QVLLogModel::sharedInstance().logMessage(message);
 }
 
 }  // namespace qvl

@@ -1,38 +1,28 @@
-// QVLLogCapture: test helper that collects every message logged through
-// QVLLog (and every direct system-log message) while it lives, so tests can
-// check log lines word for word. Captures nest: the previous capture is
-// restored on destruction and still sees the messages.
+// QVLLogCapture: test helper that collects every message a log model sends
+// to the system log (so every message logged through QVLLog, and every
+// direct system-log message) while it lives, so tests can check log lines
+// word for word. Captures nest: each one sees every message.
 //
 // Thread-safety: messages may arrive from any thread.
 #pragma once
 
 #include <algorithm>
-#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "qvald_helper/QVLLogModel.h"
+#include "base/QVLLogModel.h"
 
 namespace qvl {
 
 class QVLLogCapture {
   public:
-    QVLLogCapture() {
-        auto& model = QVLLogModel::sharedInstance();
-        previous_ = model.captureForTesting();
-        model.setCaptureForTesting([this](std::string_view message) {
-            {
-                std::lock_guard<std::mutex> guard(mutex_);
-                lines_.emplace_back(message);
-            }
-            if (previous_) previous_(message);
-        });
-    }
-    ~QVLLogCapture() { QVLLogModel::sharedInstance().setCaptureForTesting(previous_); }
-    QVLLogCapture(const QVLLogCapture&) = delete;
-    QVLLogCapture& operator=(const QVLLogCapture&) = delete;
+    explicit QVLLogCapture(QVLLogModel& model = QVLLogModel::sharedInstance())
+        : observation_(model, [this](std::string_view message) {
+              std::lock_guard<std::mutex> guard(mutex_);
+              lines_.emplace_back(message);
+          }) {}
 
     std::vector<std::string> lines() const {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -56,7 +46,8 @@ class QVLLogCapture {
   private:
     mutable std::mutex mutex_;
     std::vector<std::string> lines_;
-    std::function<void(std::string_view)> previous_;
+    // Last: removed first, before the lines it writes to go.
+    QVLLogObservation observation_;
 };
 
 }  // namespace qvl

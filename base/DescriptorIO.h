@@ -1,0 +1,25 @@
+// DescriptorIO: whole reads and writes through an open descriptor, the one
+// place where short transfers and interrupted calls are dealt with. Every
+// read of a whole file in the system goes through readAll, with a bound the
+// caller chooses, so that no input can make us allocate without limit.
+//
+// Results are errno values: 0 for success.
+//
+// Thread-safety: reentrant; the descriptor is the caller's.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <vector>
+
+namespace qvl {
+
+// Reads from `fd` until its end. EFBIG when it holds more than `limit`
+// bytes; otherwise the errno of a failed read. `out` is replaced only on
+// success.
+int readAll(int fd, uint64_t limit, std::vector<uint8_t>* out);
+
+// Writes every byte of `bytes`.
+int writeAll(int fd, std::span<const uint8_t> bytes);
+
+}  // namespace qvl
