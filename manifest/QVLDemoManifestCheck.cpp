@@ -8,6 +8,8 @@
 #include "metadata/QVLFileMetadata.h"
 #include "metadata/WhitelistChecker.h"
 #include "platform/codesign/CodeSignature.h"
+#include "platform/containers/ContainerLookup.h"
+#include "platform/fs/LinuxFileSystem.h"
 #include "platform/notify/QVLNotificationCenter.h"
 
 namespace qvl {
@@ -156,6 +158,8 @@ QVLDemoManifestCheck::QVLDemoManifestCheck(Services services) : services_(servic
         services_.codeSignature = &platform::ModuleSignatureValidator::sharedInstance();
     if (!services_.notifications)
         services_.notifications = &platform::QVLNotificationCenter::sharedInstance();
+    if (!services_.containers) services_.containers = &platform::FileContainerLookup::sharedInstance();
+    if (!services_.files) services_.files = &platform::LinuxFileSystem::sharedInstance();
 }
 
 QVLDemoManifestCheck::~QVLDemoManifestCheck() {
@@ -174,7 +178,7 @@ bool QVLDemoManifestCheck::init() {
           "/private/var/mobile/Library/Preferences/com.ostrel.PeoplePicker.plist",
           "/private/var/mobile/Library/Preferences/.GlobalPreferences.plist"}},
     };
-    whitelistChecker_ = std::make_unique<WhitelistChecker>(services_.containers);
+    whitelistChecker_ = std::make_unique<WhitelistChecker>(*services_.containers, *services_.files);
     if (!whitelistChecker_->loadFromData()) {
         QVLLog("Loading Domains.plist failed\n");
         return false;

@@ -34,6 +34,7 @@ class WhitelistChecker;
 namespace platform {
 class ContainerLookup;
 class CodeSignatureValidator;
+class FileSystem;
 class QVLNotificationCenter;
 }  // namespace platform
 
@@ -53,6 +54,7 @@ class QVLDemoManifestCheck {
         platform::ContainerLookup* containers = nullptr;
         platform::CodeSignatureValidator* codeSignature = nullptr;
         platform::QVLNotificationCenter* notifications = nullptr;
+        platform::FileSystem* files = nullptr;
     };
 
     // The process-wide checker, made on first use. Null when it could not be

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "base/QVLLogCapture.h"
 #include "manifest/QVLSignedManifestTestSupport.h"
 #include "platform/codesign/CodeSignature.h"
 #include "platform/containers/ContainerLookup.h"

@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "base/DescriptorIO.h"
 #include "base/QVLLog.h"
 #include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/fs/LinuxFileSystem.h"
 #include "plist/PropertyList.h"
 
 namespace qvl {
@@ -26,23 +26,32 @@ constexpr const char* kBaseBackup = "backup.BaseBackup";
 QVLSignedManifest::QVLSignedManifest(Services services) : services_(std::move(services)) {}
 QVLSignedManifest::~QVLSignedManifest() = default;
 
-std::unique_ptr<QVLSignedManifest> QVLSignedManifest::signedManifestWithNSStream(int fd, Services services) {
-    auto manifest = std::make_unique<QVLSignedManifest>(std::move(services));
-    if (!manifest->initWithNSStream(fd)) return nullptr;
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::loadFromFile(const std::string& path,
+                                                                   Services services) {
+    platform::FileSystem& files =
+        services.files ? *services.files : platform::LinuxFileSystem::sharedInstance();
+    std::vector<uint8_t> bytes;
+    if (files.readFile(path, kMaxSignedManifestSize, &bytes, platform::RegularFileOptions()) != 0) {
+        const int err = errno;
+        const std::string message = err == EFBIG
+                                        ? std::string("the manifest is larger than the largest accepted")
+                                        : path + ": " + strerror(err);
+        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, message,
+               static_cast<int>(plist::ReadError::kIO));
+        return nullptr;
+    }
+    return loadFromBytes(bytes, std::move(services));
+}
+
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::loadFromBytes(std::span<const uint8_t> bytes,
+                                                                    Services services) {
+    std::unique_ptr<QVLSignedManifest> manifest(new QVLSignedManifest(std::move(services)));
+    if (!manifest->initWithBytes(bytes)) return nullptr;
     return manifest;
 }
 
-bool QVLSignedManifest::initWithNSStream(int fd) {
-    std::vector<uint8_t> bytes;
-    if (const int err = readAll(fd, kMaxSignedManifestSize, &bytes)) {
-        const std::string message = err == EFBIG
-                                        ? std::string("the manifest is larger than the largest accepted")
-                                        : std::string("read failed: ") + strerror(err);
-        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, message,
-               static_cast<int>(plist::ReadError::kIO));
-        return false;
-    }
-    return initWithBytes(bytes);
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::verifier(Services services) {
+    return std::unique_ptr<QVLSignedManifest>(new QVLSignedManifest(std::move(services)));
 }
 
 bool QVLSignedManifest::initWithBytes(std::span<const uint8_t> bytes) {

@@ -1,14 +1,14 @@
-// QVLSignedManifest: the signed content manifest, read from an open stream,
-// verified, and then answering questions about its sections, its installation
-// order and its backups.
+// QVLSignedManifest: the signed content manifest, read from a file, verified,
+// and then answering questions about its sections, its installation order and
+// its backups.
 //
 // Loading reads one property list (XML or binary), checks its "Version",
 // verifies the signatures (version 2: one signature over the "Payload";
 // versions 3 to 5: one per component over its property-list digest), lets the
 // content checker inspect what less trusted signers sent, and checks the
-// sections of what verification returned. An object exists only when every
-// step passed; it is not changed afterwards. Each refusal is logged once with
-// its cause.
+// sections of what verification returned. The loading factories answer an
+// object only when every step passed; it is not changed afterwards. Each
+// refusal is logged once with its cause.
 //
 // Signers and what their content still has to pass:
 //   test signer ("UAT"), test store-signing usage     "Skip" (refused on production hardware)
@@ -39,7 +39,8 @@ namespace qvl {
 class QVLDemoManifestCheck;
 namespace platform {
 class DeviceInfo;
-}
+class FileSystem;
+}  // namespace platform
 
 // A range of installation items. kNotFound as location means "not found".
 struct QVLRange {
@@ -62,12 +63,13 @@ class QVLSignedManifest {
     };
 
     // The services loading uses. Null or empty members take the device's own
-    // (the shared trust and device-information services, the built-in manual
-    // key and Vantor root); an empty manifestVerifier means there is none, and
-    // no manifest loads.
+    // (the shared trust, device-information and file-system services, the
+    // built-in manual key and Vantor root); an empty manifestVerifier means
+    // there is none, and no manifest loads.
     struct Services {
         platform::TrustService* trust = nullptr;
         platform::DeviceInfo* deviceInfo = nullptr;
+        platform::FileSystem* files = nullptr;
         ContentChecks manifestVerifier;
         std::span<const uint8_t> manualKey;
         std::span<const uint8_t> vantorRoot;
@@ -78,19 +80,22 @@ class QVLSignedManifest {
     // Content checks run by `checker`, which must outlive their use.
     static ContentChecks contentChecksOf(QVLDemoManifestCheck& checker);
 
-    // Reads and verifies the manifest from `fd` (left open for the caller).
-    static std::unique_ptr<QVLSignedManifest> signedManifestWithNSStream(int fd);
-    static std::unique_ptr<QVLSignedManifest> signedManifestWithNSStream(int fd, Services services);
+    // Reads the manifest file at `path` and verifies it: the loaded manifest,
+    // or null. The file is opened as one in a folder another user can write:
+    // a link at the name is not followed and a fifo there can't block the
+    // load. At most kMaxSignedManifestSize bytes are read.
+    static std::unique_ptr<QVLSignedManifest> loadFromFile(const std::string& path);
+    static std::unique_ptr<QVLSignedManifest> loadFromFile(const std::string& path, Services services);
+    // The same from bytes already read (tools, fuzzing).
+    static std::unique_ptr<QVLSignedManifest> loadFromBytes(std::span<const uint8_t> bytes,
+                                                            Services services);
+    // An object that holds no manifest, for asking how verification would
+    // judge a certificate chain (tools); its accessors answer null.
+    static std::unique_ptr<QVLSignedManifest> verifier(Services services);
 
-    explicit QVLSignedManifest(Services services);
     ~QVLSignedManifest();
     QVLSignedManifest(const QVLSignedManifest&) = delete;
     QVLSignedManifest& operator=(const QVLSignedManifest&) = delete;
-
-    // The loading algorithm; true when the object is ready.
-    bool initWithNSStream(int fd);
-    // The same from bytes already read (tools, fuzzing).
-    bool initWithBytes(std::span<const uint8_t> bytes);
 
     // Accessors: null when the section is absent or of another kind.
     std::shared_ptr<const plist::Dictionary> payload() const { return payload_; }
@@ -137,6 +142,9 @@ class QVLSignedManifest {
     const ContentChecks& manifestVerifier() const { return services_.manifestVerifier; }
 
   private:
+    explicit QVLSignedManifest(Services services);
+    // The loading algorithm; true when the object is ready.
+    bool initWithBytes(std::span<const uint8_t> bytes);
     std::shared_ptr<const plist::Dictionary> section(std::string_view key) const;
     bool finishLoading(std::shared_ptr<plist::Dictionary> verified);
     bool isDevelopmentHardware() const;

@@ -25,8 +25,8 @@ QVLSignedManifest::Services QVLSignedManifest::defaultServices() {
     return services;
 }
 
-std::unique_ptr<QVLSignedManifest> QVLSignedManifest::signedManifestWithNSStream(int fd) {
-    return signedManifestWithNSStream(fd, defaultServices());
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::loadFromFile(const std::string& path) {
+    return loadFromFile(path, defaultServices());
 }
 
 }  // namespace qvl

@@ -105,10 +105,8 @@ Dictionary segmented(const std::string& signer, std::optional<std::string> type,
 std::unique_ptr<QVLSignedManifest> load(const Dictionary& outer,
                                         const QVLSignedManifest::Services& services) {
     const std::string bytes = plist::writeBinary(Value(outer));
-    auto manifest = std::make_unique<QVLSignedManifest>(services);
-    if (!manifest->initWithBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}))
-        return nullptr;
-    return manifest;
+    return QVLSignedManifest::loadFromBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()},
+                                            services);
 }
 
 }  // namespace qvl::testing

@@ -179,13 +179,11 @@ TEST(QVLSignedManifestTest, LoadingAndVerificationRefusals) {
         EXPECT_TRUE(refusedWith(outer, env.services(), r.logLine));
     }
     QVLLogCapture capture;
-    QVLSignedManifest manifest(env.services());
-    EXPECT_FALSE(manifest.initWithBytes({}));
-    EXPECT_FALSE(manifest.payload());
+    EXPECT_FALSE(QVLSignedManifest::loadFromBytes({}, env.services()));
     EXPECT_TRUE(capture.contains(kInit + ": Cannot convert to property list - property list is empty(0x1)."));
     const std::string notADictionary = plist::writeBinary(Value(Array{Value(1)}));
-    EXPECT_FALSE(manifest.initWithBytes(
-        {reinterpret_cast<const uint8_t*>(notADictionary.data()), notADictionary.size()}));
+    EXPECT_FALSE(QVLSignedManifest::loadFromBytes(
+        {reinterpret_cast<const uint8_t*>(notADictionary.data()), notADictionary.size()}, env.services()));
     EXPECT_TRUE(capture.contains(kInit + ": format not correct."));
     auto services = env.services();
     services.manifestVerifier = {};  // without a content checker nothing loads
@@ -491,14 +489,17 @@ TEST(QVLSignedManifestExternalTest, OpenSSLSignaturesAndPlistlibRewrites) {
                           std::string(format) + ")' " + ours + " " + dir + "/python.plist")
                              .c_str()),
                   0);
-        const int fd = open((dir + "/python.plist").c_str(), O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, env.services());
-        EXPECT_NE(fcntl(fd, F_GETFD), -1);  // left open for the caller
-        close(fd);
+        auto manifest = QVLSignedManifest::loadFromFile(dir + "/python.plist", env.services());
         ASSERT_TRUE(manifest);
         EXPECT_EQ(manifest->mergedBackupManifest({0, 2})->size(), 3u);
     }
+    // The file is opened as one in a folder another user can write: a link
+    // at the name is not followed.
+    ASSERT_EQ(symlink((dir + "/python.plist").c_str(), (dir + "/link").c_str()), 0);
+    QVLLogCapture capture;
+    EXPECT_FALSE(QVLSignedManifest::loadFromFile(dir + "/link", env.services()));
+    EXPECT_TRUE(capture.contains(kInit + ": Cannot convert to property list - " + dir +
+                                 "/link: Too many levels of symbolic links(0x6)."));
     fs::remove_all(dir);
 }
 

@@ -6,11 +6,14 @@
 //
 // The table is checked before it is compiled, so that a broken edit fails the
 // build instead of refusing every backup on the device.
+#include <cerrno>
 #include <cstdio>
-#include <fstream>
+#include <cstring>
 #include <sstream>
 #include <string>
 
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace {
@@ -77,7 +80,8 @@ int main(int argc, char** argv) {
         return 2;
     }
     qvl::plist::ReadError error;
-    const auto table = qvl::plist::readFile(argv[1], &error);
+    qvl::platform::FileSystem& files = qvl::platform::LinuxFileSystem::sharedInstance();
+    const auto table = qvl::platform::readPropertyListFile(files, argv[1], &error);
     if (!table) return fail(std::string("cannot read ") + argv[1] + ": " + error.message), 1;
     if (!validTable(*table)) return 1;
 
@@ -86,12 +90,9 @@ int main(int argc, char** argv) {
     const auto back = qvl::plist::read(binary);
     if (!back || !(*back == *table)) return fail("the binary encoding does not read back equal"), 1;
 
-    const std::string tmp = std::string(argv[2]) + ".tmp";
-    {
-        std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-        out << cppSource(binary);
-        if (!out.flush()) return fail(std::string("cannot write ") + tmp), 1;
-    }
-    if (std::rename(tmp.c_str(), argv[2]) != 0) return fail(std::string("cannot write ") + argv[2]), 1;
+    const std::string source = cppSource(binary);
+    if (files.writeFileAtomically(argv[2], {reinterpret_cast<const uint8_t*>(source.data()), source.size()},
+                                  std::nullopt) != 0)
+        return fail(std::string("cannot write ") + argv[2] + ": " + std::strerror(errno)), 1;
     return 0;
 }

@@ -8,12 +8,12 @@
 
 #include "base/UTF8.h"
 #include "metadata/QVLFileMetadata.h"
-#include "platform/fileattrs/FileAttributesPort.h"
+#include "platform/fs/FileSystem.h"
 
 namespace qvl {
 namespace {
 
-using platform::FileAttributesPort;
+using platform::FileSystem;
 using platform::ItemStat;
 using platform::ItemType;
 
@@ -78,8 +78,8 @@ plist::Date dateOf(const timespec& t) {
                        static_cast<double>(t.tv_nsec) * 1e-9};
 }
 
-std::string protectionClassOf(FileAttributesPort& port, const std::string& path) {
-    std::optional<std::string> value = port.protectionClass(path);
+std::string protectionClassOf(FileSystem& files, const std::string& path) {
+    std::optional<std::string> value = files.protectionClass(path);
     // A value that is not text is not a class the platform knows.
     if (!value || value->empty() || !isValidUTF8(*value)) return std::string(kNSFileProtectionNone);
     return *value;
@@ -108,7 +108,7 @@ bool readID(const plist::Dictionary& attributes, std::string_view key, uint32_t*
 }
 
 bool readName(const plist::Dictionary& attributes, std::string_view key, bool isUser, uint32_t* out,
-              std::string* error) {
+              std::string* error, FileSystem& files) {
     const plist::Value* value = attributes.find(key);
     if (!value) return true;
     const std::string* name = value->asString();
@@ -116,8 +116,7 @@ bool readName(const plist::Dictionary& attributes, std::string_view key, bool is
         *error = std::string("Invalid value for ") + std::string(key);
         return false;
     }
-    FileAttributesPort& port = FileAttributesPort::current();
-    std::optional<uint32_t> id = isUser ? port.userID(*name) : port.groupID(*name);
+    std::optional<uint32_t> id = isUser ? files.userID(*name) : files.groupID(*name);
     if (!id) {
         *error = std::string(isUser ? "No user named " : "No group named ") + *name;
         return false;
@@ -126,15 +125,16 @@ bool readName(const plist::Dictionary& attributes, std::string_view key, bool is
     return true;
 }
 
-bool readChanges(const plist::Dictionary& attributes, AttributeChanges* changes, std::string* error) {
+bool readChanges(const plist::Dictionary& attributes, AttributeChanges* changes, std::string* error,
+                 FileSystem& files) {
     // An ID is what was recorded; a name is used only where no ID is given,
     // since the same name may stand for another ID on this system.
     if (!attributes.contains(kNSFileOwnerAccountID) &&
-        !readName(attributes, kNSFileOwnerAccountName, true, &changes->uid, error)) {
+        !readName(attributes, kNSFileOwnerAccountName, true, &changes->uid, error, files)) {
         return false;
     }
     if (!attributes.contains(kNSFileGroupOwnerAccountID) &&
-        !readName(attributes, kNSFileGroupOwnerAccountName, false, &changes->gid, error)) {
+        !readName(attributes, kNSFileGroupOwnerAccountName, false, &changes->gid, error, files)) {
         return false;
     }
     if (!readID(attributes, kNSFileOwnerAccountID, &changes->uid, error) ||
@@ -184,17 +184,17 @@ std::string QVLAttributeDictionary::errorText(int error) {
 }
 
 std::optional<plist::Dictionary> QVLAttributeDictionary::attributesOfItem(const std::string& path,
-                                                                          std::string* error) {
-    FileAttributesPort& port = FileAttributesPort::current();
+                                                                          std::string* error,
+                                                                          FileSystem& files) {
     ItemStat st;
-    if (port.statItem(path, &st) != 0) {
+    if (files.statItem(path, &st) != 0) {
         fail(error);
         return std::nullopt;
     }
     std::optional<std::string> owner =
-        userNames().nameFor(st.uid, [&](uint32_t id) { return port.userName(id); });
+        userNames().nameFor(st.uid, [&](uint32_t id) { return files.userName(id); });
     std::optional<std::string> group =
-        groupNames().nameFor(st.gid, [&](uint32_t id) { return port.groupName(id); });
+        groupNames().nameFor(st.gid, [&](uint32_t id) { return files.groupName(id); });
 
     plist::Dictionary attributes;
     attributes.reserve(18);
@@ -210,7 +210,7 @@ std::optional<plist::Dictionary> QVLAttributeDictionary::attributesOfItem(const 
     attributes.appendUnchecked(std::string(kNSFileOwnerAccountID), static_cast<int64_t>(st.uid));
     if (owner) attributes.appendUnchecked(std::string(kNSFileOwnerAccountName), std::move(*owner));
     attributes.appendUnchecked(std::string(kNSFilePosixPermissions), static_cast<int64_t>(st.permissions));
-    attributes.appendUnchecked(std::string(kNSFileProtectionKey), protectionClassOf(port, path));
+    attributes.appendUnchecked(std::string(kNSFileProtectionKey), protectionClassOf(files, path));
     attributes.appendUnchecked(std::string(kNSFileReferenceCount), static_cast<int64_t>(st.linkCount));
     attributes.appendUnchecked(std::string(kNSFileSize), plist::Integer::fromUnsigned(st.size));
     attributes.appendUnchecked(std::string(kNSFileSystemFileNumber), plist::Integer::fromUnsigned(st.inode));
@@ -220,43 +220,41 @@ std::optional<plist::Dictionary> QVLAttributeDictionary::attributesOfItem(const 
 }
 
 bool QVLAttributeDictionary::setAttributes(const plist::Dictionary& attributes, const std::string& path,
-                                           std::string* error) {
+                                           std::string* error, FileSystem& files) {
     AttributeChanges changes;
-    if (!readChanges(attributes, &changes, error)) return false;
-    FileAttributesPort& port = FileAttributesPort::current();
+    if (!readChanges(attributes, &changes, error, files)) return false;
     ItemStat st;
-    if (port.statItem(path, &st) != 0) return fail(error);
+    if (files.statItem(path, &st) != 0) return fail(error);
     // An immutable item refuses every other change: lift the flag first and
     // put back what the record (or, without one, the item) says at the end.
     const bool finalImmutable = changes.immutable.value_or(st.immutable);
-    if (st.immutable && port.setImmutableFlag(path, false) != 0) return fail(error);
+    if (st.immutable && files.setImmutableFlag(path, false) != 0) return fail(error);
     // Owner before mode: changing the owner clears the set-ID bits.
     if ((changes.uid != static_cast<uint32_t>(-1) || changes.gid != static_cast<uint32_t>(-1)) &&
-        port.changeOwner(path, changes.uid, changes.gid) != 0) {
+        files.changeOwner(path, changes.uid, changes.gid) != 0) {
         return fail(error);
     }
-    if (changes.mode && port.changeMode(path, *changes.mode) != 0) return fail(error);
-    if (changes.modification && port.setModificationTime(path, *changes.modification) != 0)
+    if (changes.mode && files.changeMode(path, *changes.mode) != 0) return fail(error);
+    if (changes.modification && files.setModificationTime(path, *changes.modification) != 0)
         return fail(error);
-    if ((finalImmutable || st.immutable) && port.setImmutableFlag(path, finalImmutable) != 0) {
+    if ((finalImmutable || st.immutable) && files.setImmutableFlag(path, finalImmutable) != 0) {
         return fail(error);
     }
     return true;
 }
 
 bool QVLAttributeDictionary::setProtectionClass(const plist::Dictionary& attributes, const std::string& path,
-                                                std::string* error) {
+                                                std::string* error, FileSystem& files) {
     const plist::Value* value = attributes.find(kNSFileProtectionKey);
     if (!value) return true;
     const std::string* protectionClass = value->asString();
     if (!protectionClass || protectionClass->empty() ||
-        protectionClass->size() > FileAttributesPort::kMaxProtectionClassLength) {
+        protectionClass->size() > FileSystem::kMaxProtectionClassLength) {
         *error = "Invalid value for NSFileProtectionKey";
         return false;
     }
-    FileAttributesPort& port = FileAttributesPort::current();
-    if (protectionClassOf(port, path) == *protectionClass) return true;
-    if (port.setProtectionClass(path, *protectionClass) != 0) return fail(error);
+    if (protectionClassOf(files, path) == *protectionClass) return true;
+    if (files.setProtectionClass(path, *protectionClass) != 0) return fail(error);
     return true;
 }
 

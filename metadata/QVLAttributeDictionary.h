@@ -15,23 +15,29 @@
 // Writing applies the keys of an allowed set (see QVLFileMetadata) in one
 // call, never following a final symbolic link.
 //
+// Every operation reaches the item through the FileSystem it is given.
+//
 // Thread-safety: all operations may be called from any thread; the name
 // caches are guarded.
 #pragma once
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "plist/PlistValue.h"
 
 namespace qvl {
 
+namespace platform {
+class FileSystem;
+}
+
 class QVLAttributeDictionary {
   public:
     // The attributes of the item at `path`; nullopt with `error` set to the
     // reason when they cannot be read.
-    static std::optional<plist::Dictionary> attributesOfItem(const std::string& path, std::string* error);
+    static std::optional<plist::Dictionary> attributesOfItem(const std::string& path, std::string* error,
+                                                             platform::FileSystem& files);
 
     // Applies owner and group (by ID, or by name when no ID is given), the
     // permission bits, the modification date and the immutable flag from
@@ -40,12 +46,12 @@ class QVLAttributeDictionary {
     // value is checked before anything is changed; false with `error` set when
     // a value is unusable or a call fails (changes made before it stay).
     static bool setAttributes(const plist::Dictionary& attributes, const std::string& path,
-                              std::string* error);
+                              std::string* error, platform::FileSystem& files);
 
     // Writes the protection class of `attributes` ("NSFileProtectionKey"),
     // if it has one and the item does not already carry it.
     static bool setProtectionClass(const plist::Dictionary& attributes, const std::string& path,
-                                   std::string* error);
+                                   std::string* error, platform::FileSystem& files);
 
     // The text of an errno value for log lines.
     static std::string errorText(int error);

@@ -7,12 +7,10 @@
 #include <new>
 
 #include "base/QVLLog.h"
-#include "platform/fileattrs/FileAttributesPort.h"
+#include "platform/fs/FileSystem.h"
 
 namespace qvl {
 namespace {
-
-using platform::FileAttributesPort;
 
 struct MdCtxFree {
     void operator()(EVP_MD_CTX* ctx) const { EVP_MD_CTX_free(ctx); }
@@ -42,34 +40,18 @@ std::optional<plist::Data> finishSHA1(EVP_MD_CTX* ctx) {
     return digest;
 }
 
-class PortFd {
-  public:
-    PortFd(FileAttributesPort& port, int fd) : port_(port), fd_(fd) {}
-    PortFd(const PortFd&) = delete;
-    PortFd& operator=(const PortFd&) = delete;
-    ~PortFd() {
-        if (fd_ >= 0) port_.close(fd_);
-    }
-    int get() const { return fd_; }
-
-  private:
-    FileAttributesPort& port_;
-    int fd_;
-};
-
 }  // namespace
 
-std::optional<plist::Data> fileHash(const std::string& path) {
-    FileAttributesPort& port = FileAttributesPort::current();
+std::optional<plist::Data> fileHash(const std::string& path, platform::FileSystem& files) {
     uint64_t size = 0;
-    PortFd fd(port, port.openForReading(path, &size));
-    if (fd.get() < 0) {
+    const UniqueFd fd = files.openForReading(path, &size);
+    if (!fd.valid()) {
         QVLLog("Cannot read file %@", path);
         return std::nullopt;
     }
     // Read-ahead advice only matters for a file of more than one piece; most
     // files of a device tree are smaller, and the call is not free.
-    if (size > kQVLFileHashPieceSize) port.adviseSequential(fd.get());
+    if (size > kQVLFileHashPieceSize) files.adviseSequential(fd.get());
     MdCtx ctx = startSHA1();
     if (!ctx) return std::nullopt;
     // One piece is held at a time: it is hashed before the next is read.
@@ -80,14 +62,14 @@ std::optional<plist::Data> fileHash(const std::string& path) {
     }
     off_t offset = 0;
     for (;;) {
-        ssize_t n = port.read(fd.get(), piece.get(), kQVLFileHashPieceSize);
+        ssize_t n = files.read(fd.get(), piece.get(), kQVLFileHashPieceSize);
         if (n < 0) {
             QVLLog("Cannot read data from %@.", path);
             return std::nullopt;
         }
         if (n == 0) break;
         EVP_DigestUpdate(ctx.get(), piece.get(), static_cast<size_t>(n));
-        port.adviseDone(fd.get(), offset, n);
+        files.adviseDone(fd.get(), offset, n);
         offset += n;
     }
     std::optional<plist::Data> digest = finishSHA1(ctx.get());
@@ -101,7 +83,7 @@ std::optional<plist::Data> directoryHash(const std::string&) {
 
 std::optional<plist::Data> createFileDigest(const std::string& path, const std::string& algorithm,
                                             int64_t expectedSize, digestProgressHandler handler,
-                                            void* context) {
+                                            void* context, platform::FileSystem& files) {
     if (algorithm != "SHA-1") {
         QVLLog("Unknown algorithm");
         return std::nullopt;
@@ -111,9 +93,8 @@ std::optional<plist::Data> createFileDigest(const std::string& path, const std::
         return std::nullopt;
     }
     const std::string location = "file://" + path;
-    FileAttributesPort& port = FileAttributesPort::current();
-    PortFd fd(port, port.openForReading(path, nullptr));
-    if (fd.get() < 0) {
+    const UniqueFd fd = files.openForReading(path, nullptr);
+    if (!fd.valid()) {
         QVLLog("Can't open read stream %@ *** %@", location, path);
         return std::nullopt;
     }
@@ -127,7 +108,7 @@ std::optional<plist::Data> createFileDigest(const std::string& path, const std::
     }
     int64_t total = 0;
     // A read error counts as the end of the data: the bytes read so far are digested.
-    for (ssize_t n; (n = port.read(fd.get(), buffer.get(), kQVLFileDigestBufferSize)) > 0;) {
+    for (ssize_t n; (n = files.read(fd.get(), buffer.get(), kQVLFileDigestBufferSize)) > 0;) {
         EVP_DigestUpdate(ctx.get(), buffer.get(), static_cast<size_t>(n));
         total += n;
         const float fraction =

@@ -6,6 +6,8 @@
 // to keep the pages it has read, so that digesting a whole partition does not
 // flood the page cache. createFileDigest reads 64 KiB at a time.
 //
+// Files are read through the FileSystem given.
+//
 // Thread-safety: every function is reentrant; the SHA-1 implementation is
 // looked up once, thread-safely.
 #pragma once
@@ -18,6 +20,10 @@
 
 namespace qvl {
 
+namespace platform {
+class FileSystem;
+}
+
 inline constexpr size_t kQVLDigestLength = 20;
 inline constexpr size_t kQVLFileHashPieceSize = 262144;
 inline constexpr size_t kQVLFileDigestBufferSize = 65536;
@@ -28,7 +34,7 @@ using digestProgressHandler = int (*)(void* context, float fraction, float unuse
 
 // The 20-byte SHA-1 of the regular file at `path`; nullopt, logged, when it
 // cannot be opened or read.
-std::optional<plist::Data> fileHash(const std::string& path);
+std::optional<plist::Data> fileHash(const std::string& path, platform::FileSystem& files);
 
 // Folders have no digest: always nullopt.
 std::optional<plist::Data> directoryHash(const std::string& path);
@@ -38,7 +44,7 @@ std::optional<plist::Data> directoryHash(const std::string& path);
 // `handler`: 0.0 first, one per piece read, 1.0 last.
 std::optional<plist::Data> createFileDigest(const std::string& path, const std::string& algorithm,
                                             int64_t expectedSize, digestProgressHandler handler,
-                                            void* context);
+                                            void* context, platform::FileSystem& files);
 
 // 40 lower-case hexadecimal digits; nullopt, logged, when `digest` is not 20 bytes.
 std::optional<std::string> createDigestHexString(const plist::Data& digest);

@@ -5,50 +5,46 @@
 #include <vector>
 
 #include "base/QVLLogCapture.h"
-#include "metadata/MetadataTestSupport.h"
+#include "tests/support/FaultyFileSystem.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl {
 namespace {
 
-using testing::FaultyPort;
+using testing::FaultyFileSystem;
 using testing::sha1Of;
 using testing::TempTree;
 
-TEST(FileHash, EmptyFileAndExactPieceAreDigestedWithOneEmptyReadAtTheEnd) {
+TEST(FileHash, DigestsPieceByPieceAndReleasesWhatWasRead) {
     TempTree tree;
-    FaultyPort port;
-    platform::ScopedFileAttributesPort scoped(port);
-    EXPECT_EQ(fileHash(tree.file("empty")), sha1Of(""));
-    EXPECT_EQ(port.reads, 1);
-
-    const std::string piece(kQVLFileHashPieceSize, 'q');
-    port.reads = 0;
-    EXPECT_EQ(fileHash(tree.file("piece", piece)), sha1Of(piece));
-    EXPECT_EQ(port.reads, 2);
-    // What was read is released from the page cache as it goes.
-    EXPECT_EQ(port.doneAdvice, (std::vector<std::pair<off_t, off_t>>{{0, 262144}}));
-
-    const std::string larger(3 * kQVLFileHashPieceSize + 17, 'x');
-    EXPECT_EQ(fileHash(tree.file("larger", larger)), sha1Of(larger));
+    FaultyFileSystem files;
+    const struct {
+        std::string content;
+        int reads;  // one empty read ends each file
+    } cases[] = {{"", 1},
+                 {std::string(kQVLFileHashPieceSize, 'q'), 2},
+                 {std::string(3 * kQVLFileHashPieceSize + 17, 'x'), 5}};
+    for (const auto& c : cases) {
+        files.reads = 0;
+        EXPECT_EQ(fileHash(tree.file("f", c.content), files), sha1Of(c.content)) << c.content.size();
+        EXPECT_EQ(files.reads, c.reads) << c.content.size();
+    }
+    EXPECT_EQ(files.doneAdvice.front(), (std::pair<off_t, off_t>{0, 262144}));
+    EXPECT_FALSE(directoryHash(tree.root()));
 }
 
 TEST(FileHash, FailuresYieldNothingWithTheirMessages) {
     TempTree tree;
+    FaultyFileSystem files;
     QVLLogCapture capture;
-    EXPECT_FALSE(fileHash(tree.path("missing")));
-    EXPECT_TRUE(capture.contains("Cannot read file " + tree.path("missing")));
-
-    // A fifo is not read at all: it would block.
-    EXPECT_FALSE(fileHash(tree.fifo("pipe")));
-    EXPECT_TRUE(capture.contains("Cannot read file " + tree.path("pipe")));
-
-    FaultyPort port;
-    platform::ScopedFileAttributesPort scoped(port);
-    port.failReadNumber = 2;
-    const std::string path = tree.file("big", std::string(2 * kQVLFileHashPieceSize, 'b'));
-    EXPECT_FALSE(fileHash(path));
-    EXPECT_TRUE(capture.contains("Cannot read data from " + path + "."));
-    EXPECT_FALSE(directoryHash(tree.root()));
+    EXPECT_FALSE(fileHash(tree.path("missing"), files));
+    EXPECT_FALSE(fileHash(tree.fifo("pipe"), files));  // not read at all: it would block
+    files.failReadNumber = 2;
+    const std::string big = tree.file("big", std::string(2 * kQVLFileHashPieceSize, 'b'));
+    EXPECT_FALSE(fileHash(big, files));
+    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"Cannot read file " + tree.path("missing"),
+                                                         "Cannot read file " + tree.path("pipe"),
+                                                         "Cannot read data from " + big + "."}));
 }
 
 struct Progress {
@@ -64,52 +60,45 @@ struct Progress {
 
 TEST(CreateFileDigest, ReportsFractionsAroundEachPiece) {
     TempTree tree;
+    FaultyFileSystem files;
     const std::string content(2 * kQVLFileDigestBufferSize + 100, 'd');
     const std::string path = tree.file("f", content);
 
     Progress unknownSize;
-    EXPECT_EQ(createFileDigest(path, "SHA-1", 0, Progress::record, &unknownSize), sha1Of(content));
+    EXPECT_EQ(createFileDigest(path, "SHA-1", 0, Progress::record, &unknownSize, files), sha1Of(content));
     EXPECT_EQ(unknownSize.fractions, (std::vector<float>{0.0f, -1.0f, -1.0f, -1.0f, 1.0f}));
-
     Progress knownSize;
-    EXPECT_EQ(
-        createFileDigest(path, "SHA-1", static_cast<int64_t>(content.size()), Progress::record, &knownSize),
-        sha1Of(content));
+    EXPECT_EQ(createFileDigest(path, "SHA-1", static_cast<int64_t>(content.size()), Progress::record,
+                               &knownSize, files),
+              sha1Of(content));
     ASSERT_EQ(knownSize.fractions.size(), 5u);
     EXPECT_FLOAT_EQ(knownSize.fractions[1], 65536.0f / content.size());
     EXPECT_FLOAT_EQ(knownSize.fractions[3], 1.0f);
 
-    EXPECT_EQ(createFileDigest(path, "SHA-1", 0, nullptr, nullptr), sha1Of(content));
+    // A read error ends the data: what was read so far is digested.
+    files.reads = 0;
+    files.failReadNumber = 2;
+    EXPECT_EQ(createFileDigest(path, "SHA-1", 0, nullptr, nullptr, files),
+              sha1Of(content.substr(0, kQVLFileDigestBufferSize)));
 }
 
 TEST(CreateFileDigest, RefusesOtherAlgorithmsAndStopsWhenTheHandlerSaysSo) {
     TempTree tree;
+    FaultyFileSystem files;
     const std::string path = tree.file("f", "abc");
     QVLLogCapture capture;
-    for (const char* name : {"sha-1", "SHA1", "MD5", ""}) {
-        EXPECT_FALSE(createFileDigest(path, name, 0, nullptr, nullptr)) << name;
-    }
-    EXPECT_EQ(capture.lines(), std::vector<std::string>(4, "Unknown algorithm"));
-
+    for (const char* name : {"sha-1", "SHA1", "MD5", ""})
+        EXPECT_FALSE(createFileDigest(path, name, 0, nullptr, nullptr, files)) << name;
     Progress stopping;
     stopping.failAt = 2;  // the first piece
-    EXPECT_FALSE(createFileDigest(path, "SHA-1", 3, Progress::record, &stopping));
+    EXPECT_FALSE(createFileDigest(path, "SHA-1", 3, Progress::record, &stopping, files));
     EXPECT_EQ(stopping.fractions, (std::vector<float>{0.0f, 1.0f}));
-    EXPECT_TRUE(capture.contains("Progress handler returned with status 7; failing verification"));
-
-    EXPECT_FALSE(createFileDigest(tree.path("missing"), "SHA-1", 0, nullptr, nullptr));
-    EXPECT_TRUE(capture.contains("Can't open read stream file://" + tree.path("missing") + " *** " +
-                                 tree.path("missing")));
-}
-
-TEST(CreateFileDigest, ReadErrorEndsTheDataAndKeepsWhatWasRead) {
-    TempTree tree;
-    const std::string content(kQVLFileDigestBufferSize + 5, 'r');
-    FaultyPort port;
-    platform::ScopedFileAttributesPort scoped(port);
-    port.failReadNumber = 2;
-    EXPECT_EQ(createFileDigest(tree.file("f", content), "SHA-1", 0, nullptr, nullptr),
-              sha1Of(content.substr(0, kQVLFileDigestBufferSize)));
+    const std::string missing = tree.path("missing");
+    EXPECT_FALSE(createFileDigest(missing, "SHA-1", 0, nullptr, nullptr, files));
+    std::vector<std::string> expected(4, "Unknown algorithm");
+    expected.push_back("Progress handler returned with status 7; failing verification");
+    expected.push_back("Can't open read stream file://" + missing + " *** " + missing);
+    EXPECT_EQ(capture.lines(), expected);
 }
 
 TEST(CreateDigestHexString, FormatsTwentyBytesOnly) {

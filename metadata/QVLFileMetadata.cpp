@@ -7,15 +7,15 @@
 #include "base/UTF8.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
-#include "platform/fileattrs/FileAttributesPort.h"
+#include "platform/fs/FileSystem.h"
 
 namespace qvl {
 namespace {
 
-using platform::FileAttributesPort;
+using platform::FileSystem;
 
 // The kernel keeps names and values of extended attributes under 64 KiB; a
-// port answering more is not believed.
+// file system answering more is not believed.
 constexpr ssize_t kMaxExtendedAttributeSize = 1 << 20;
 
 constexpr std::array<std::string_view, 12> kAllowedAttributeKeys = {
@@ -52,9 +52,9 @@ const std::string* fileTypeOf(const plist::Dictionary& attributes) {
 
 // The digest of an item whose attributes were just read: it exists, so only
 // folders and unreadable content are left to tell apart from a digest.
-plist::Data contentDigest(const std::string& path, const std::string* type) {
+plist::Data contentDigest(const std::string& path, const std::string* type, FileSystem& files) {
     if (type && *type == kNSFileTypeDirectory) return plist::Data();
-    std::optional<plist::Data> hash = fileHash(path);
+    std::optional<plist::Data> hash = fileHash(path, files);
     if (!hash) {
         QVLLog("Maybe it's an Nimbra file (%@)?", path);
         return plist::Data();
@@ -74,22 +74,23 @@ plist::Dictionary withoutIgnoredAttribute(const plist::Dictionary* attributes) {
 
 }  // namespace
 
-std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std::string& path) {
-    std::optional<plist::Dictionary> attributes = fileAttributesWithPath(path);
+std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std::string& path,
+                                                                      FileSystem& files) {
+    std::optional<plist::Dictionary> attributes = fileAttributesWithPath(path, files);
     if (!attributes) {
         QVLLog("Cannot get file attribute for %@", path);
         return std::nullopt;
     }
-    std::optional<plist::Dictionary> extendedAttributes = extendedAttributesWithPath(path);
+    std::optional<plist::Dictionary> extendedAttributes = extendedAttributesWithPath(path, files);
     std::optional<plist::Data> hash;
     std::optional<std::string> target;
     const std::string* type = fileTypeOf(*attributes);
     if (type && *type == kNSFileTypeSymbolicLink) {
         hash = plist::Data();
-        target = targetFileWithPath(path);
+        target = targetFileWithPath(path, files);
     } else {
         target = std::string();
-        hash = contentDigest(path, type);
+        hash = contentDigest(path, type, files);
     }
     // The record ends at the first value that could not be produced.
     plist::Dictionary record;
@@ -133,17 +134,18 @@ int64_t QVLFileMetadata::getFileSize() const {
     return size->integerValue().value_or(0);
 }
 
-std::optional<plist::Dictionary> QVLFileMetadata::fileAttributesWithPath(const std::string& path) {
+std::optional<plist::Dictionary> QVLFileMetadata::fileAttributesWithPath(const std::string& path,
+                                                                         FileSystem& files) {
     std::string error;
-    std::optional<plist::Dictionary> attributes = QVLAttributeDictionary::attributesOfItem(path, &error);
+    std::optional<plist::Dictionary> attributes =
+        QVLAttributeDictionary::attributesOfItem(path, &error, files);
     if (!attributes) QVLLog("Get file attributes failed for %@ with error - %@", path, error);
     return attributes;
 }
 
 std::optional<std::vector<std::string>> QVLFileMetadata::extendedAttributeKeysWithPath(
-    const std::string& path) {
-    FileAttributesPort& port = FileAttributesPort::current();
-    const ssize_t size = port.listExtendedAttributes(path, nullptr, 0);
+    const std::string& path, FileSystem& files) {
+    const ssize_t size = files.listExtendedAttributes(path, nullptr, 0);
     if (size < 0 || size > kMaxExtendedAttributeSize) {
         QVLLog("Could not extract extended attributes from %@.", path);
         return std::nullopt;
@@ -151,7 +153,7 @@ std::optional<std::vector<std::string>> QVLFileMetadata::extendedAttributeKeysWi
     std::vector<std::string> names;
     if (size == 0) return names;
     std::string list(static_cast<size_t>(size), '\0');
-    const ssize_t length = port.listExtendedAttributes(path, list.data(), list.size());
+    const ssize_t length = files.listExtendedAttributes(path, list.data(), list.size());
     if (length < 1) {
         QVLLog("Could not extract extended attributes from %@. File is expected to have extended attributes.",
                path);
@@ -175,16 +177,16 @@ std::optional<std::vector<std::string>> QVLFileMetadata::extendedAttributeKeysWi
     return names;
 }
 
-plist::Data QVLFileMetadata::valueForExtendedAttributesKey(const std::string& key, const std::string& path) {
-    FileAttributesPort& port = FileAttributesPort::current();
-    const ssize_t size = port.getExtendedAttribute(path, key, nullptr, 0);
+plist::Data QVLFileMetadata::valueForExtendedAttributesKey(const std::string& key, const std::string& path,
+                                                           FileSystem& files) {
+    const ssize_t size = files.getExtendedAttribute(path, key, nullptr, 0);
     if (size < 0 || size > kMaxExtendedAttributeSize) {
         QVLLog("Could not extract extended file attributes from %@, returned %d", path,
                static_cast<int>(size));
         return plist::Data();
     }
     plist::Data value(static_cast<size_t>(size), 0);
-    const ssize_t length = port.getExtendedAttribute(path, key, value.data(), value.size());
+    const ssize_t length = files.getExtendedAttribute(path, key, value.data(), value.size());
     if (length < 0) {
         QVLLog(
             "Coud not extract extended file attributes from %@. File is expected to have extended "
@@ -196,23 +198,24 @@ plist::Data QVLFileMetadata::valueForExtendedAttributesKey(const std::string& ke
     return value;
 }
 
-std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesWithPath(const std::string& path) {
-    std::optional<std::vector<std::string>> names = extendedAttributeKeysWithPath(path);
+std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesWithPath(const std::string& path,
+                                                                             FileSystem& files) {
+    std::optional<std::vector<std::string>> names = extendedAttributeKeysWithPath(path, files);
     if (!names) {
         QVLLog("Could not get attribute keys from file %@", path);
         return std::nullopt;
     }
     plist::Dictionary values;
     for (std::string& name : *names) {
-        plist::Data value = valueForExtendedAttributesKey(name, path);
+        plist::Data value = valueForExtendedAttributesKey(name, path, files);
         values.set(std::move(name), std::move(value));
     }
     return values;
 }
 
-std::optional<std::string> QVLFileMetadata::targetFileWithPath(const std::string& path) {
+std::optional<std::string> QVLFileMetadata::targetFileWithPath(const std::string& path, FileSystem& files) {
     std::string target;
-    if (FileAttributesPort::current().readLink(path, &target) != 0) {
+    if (files.readLink(path, &target) != 0) {
         QVLLog("Could not get destination of symbolic link %@ with error - %@", path,
                QVLAttributeDictionary::errorText(errno));
         return std::nullopt;
@@ -225,14 +228,14 @@ std::optional<std::string> QVLFileMetadata::targetFileWithPath(const std::string
     return target;
 }
 
-std::optional<plist::Data> QVLFileMetadata::fileHashWithPath(const std::string& path) {
+std::optional<plist::Data> QVLFileMetadata::fileHashWithPath(const std::string& path, FileSystem& files) {
     platform::ItemStat st;
-    if (FileAttributesPort::current().statFollowingLinks(path, &st) != 0) {
+    if (files.statFollowingLinks(path, &st) != 0) {
         QVLLog("File does not exist at %@", path);
         return std::nullopt;
     }
     if (st.type == platform::ItemType::kDirectory) return plist::Data();
-    std::optional<plist::Data> hash = fileHash(path);
+    std::optional<plist::Data> hash = fileHash(path, files);
     if (!hash) {
         QVLLog("Maybe it's an Nimbra file (%@)?", path);
         return plist::Data();
@@ -253,43 +256,41 @@ plist::Dictionary QVLFileMetadata::fileAttributesAllowSet(const plist::Dictionar
     return allowed;
 }
 
-bool QVLFileMetadata::restoreAttribuesToPath(const std::string& path) const {
+bool QVLFileMetadata::restoreAttribuesToPath(const std::string& path, FileSystem& files) const {
     const plist::Dictionary* attributes = getFileAttributes();
     const std::string* type = getFileType();
     if (type && *type == kNSFileTypeSymbolicLink) {
-        FileAttributesPort& port = FileAttributesPort::current();
         // A link's own owner and mode: outcomes are ignored (Linux has no
         // modes on links at all).
-        (void)port.changeOwner(path, linkOwnerID(attributes, kNSFileOwnerAccountID),
-                               linkOwnerID(attributes, kNSFileGroupOwnerAccountID));
+        (void)files.changeOwner(path, linkOwnerID(attributes, kNSFileOwnerAccountID),
+                                linkOwnerID(attributes, kNSFileGroupOwnerAccountID));
         const plist::Value* mode = attributes->find(kNSFilePosixPermissions);
         if (std::optional<int64_t> bits = mode ? mode->integerValue() : std::nullopt) {
-            (void)port.changeMode(path, static_cast<uint32_t>(*bits) & 0xffff);
+            (void)files.changeMode(path, static_cast<uint32_t>(*bits) & 0xffff);
         }
-        return restoreExtendedAttributes(path);
+        return restoreExtendedAttributes(path, files);
     }
     const plist::Dictionary recorded = attributes ? *attributes : plist::Dictionary();
     const plist::Dictionary allowed = fileAttributesAllowSet(recorded);
     std::string error;
-    if (!QVLAttributeDictionary::setAttributes(allowed, path, &error)) {
+    if (!QVLAttributeDictionary::setAttributes(allowed, path, &error, files)) {
         QVLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path, error, allowed);
         return false;
     }
-    if (!QVLAttributeDictionary::setProtectionClass(recorded, path, &error)) {
+    if (!QVLAttributeDictionary::setProtectionClass(recorded, path, &error, files)) {
         QVLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path, error,
                recorded.find(kNSFileProtectionKey));
         return false;
     }
     // Extended attributes are put back as far as they go; their failures are
     // logged, not reported.
-    (void)restoreExtendedAttributes(path);
+    (void)restoreExtendedAttributes(path, files);
     return true;
 }
 
-bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path) const {
+bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path, FileSystem& files) const {
     const plist::Dictionary* extendedAttributes = getExtendedAttributes();
     if (!extendedAttributes) return true;
-    FileAttributesPort& port = FileAttributesPort::current();
     for (const auto& [name, value] : *extendedAttributes) {
         if (!isValidUTF8(name)) {
             QVLLog("Got Non-string key");
@@ -300,7 +301,7 @@ bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path) const {
             QVLLog("Got non-data value");
             return false;
         }
-        if (port.setExtendedAttribute(path, name, bytes->data(), bytes->size()) != 0) {
+        if (files.setExtendedAttribute(path, name, bytes->data(), bytes->size()) != 0) {
             QVLLog("Could not set extended attributes on %@", path);
             return false;
         }

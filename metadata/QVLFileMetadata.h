@@ -15,7 +15,7 @@
 //
 // Thread-safety: a QVLFileMetadata is immutable after construction and may be
 // read from any number of threads. The class operations touch only the file
-// system (through the file attributes port) and the log.
+// system (through the FileSystem they are given) and the log.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +27,10 @@
 #include "plist/PlistValue.h"
 
 namespace qvl {
+
+namespace platform {
+class FileSystem;
+}
 
 // Keys of a record, in record order.
 inline constexpr std::string_view kQVLManifestFileAttributes = "QVLManifestFileAttributes";
@@ -87,7 +91,8 @@ class QVLFileMetadata {
 
     // Collects the record of the item at `path` (a symbolic link is not
     // followed); nullopt, with the cause logged, when it cannot be collected.
-    static std::optional<QVLFileMetadata> fileMetadatatWithPath(const std::string& path);
+    static std::optional<QVLFileMetadata> fileMetadatatWithPath(const std::string& path,
+                                                                platform::FileSystem& files);
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
         return QVLFileMetadata(std::move(dict));
     }
@@ -106,31 +111,36 @@ class QVLFileMetadata {
 
     // Collecting operations.
     // The attribute dictionary of the item itself, or nullopt.
-    static std::optional<plist::Dictionary> fileAttributesWithPath(const std::string& path);
+    static std::optional<plist::Dictionary> fileAttributesWithPath(const std::string& path,
+                                                                   platform::FileSystem& files);
     // Extended-attribute names (empty when there are none), or nullopt.
-    static std::optional<std::vector<std::string>> extendedAttributeKeysWithPath(const std::string& path);
+    static std::optional<std::vector<std::string>> extendedAttributeKeysWithPath(const std::string& path,
+                                                                                 platform::FileSystem& files);
     // The bytes of one extended attribute; degrades to zero-length or
     // zero-filled data instead of failing.
-    static plist::Data valueForExtendedAttributesKey(const std::string& key, const std::string& path);
+    static plist::Data valueForExtendedAttributesKey(const std::string& key, const std::string& path,
+                                                     platform::FileSystem& files);
     // Name-to-value dictionary, or nullopt when the names cannot be listed.
-    static std::optional<plist::Dictionary> extendedAttributesWithPath(const std::string& path);
+    static std::optional<plist::Dictionary> extendedAttributesWithPath(const std::string& path,
+                                                                       platform::FileSystem& files);
     // The unresolved text of a symbolic link, or nullopt.
-    static std::optional<std::string> targetFileWithPath(const std::string& path);
+    static std::optional<std::string> targetFileWithPath(const std::string& path,
+                                                         platform::FileSystem& files);
     // The content digest: 20 bytes for a readable file, zero-length data for
     // a directory or an unreadable file, nullopt when nothing exists there.
-    static std::optional<plist::Data> fileHashWithPath(const std::string& path);
+    static std::optional<plist::Data> fileHashWithPath(const std::string& path, platform::FileSystem& files);
 
     // Writes this record's ownership, mode, dates, flags, protection class and
     // extended attributes onto the item at `path`. Attributes the item carries
     // and the record does not name are kept.
-    bool restoreAttribuesToPath(const std::string& path) const;
+    bool restoreAttribuesToPath(const std::string& path, platform::FileSystem& files) const;
     // The entries of `attributes` that the restore may write.
     static plist::Dictionary fileAttributesAllowSet(const plist::Dictionary& attributes);
     // Compares this record with `other` (null allowed); see CompareResult.
     int compareWith(const QVLFileMetadata* other) const;
 
   private:
-    bool restoreExtendedAttributes(const std::string& path) const;
+    bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files) const;
 
     plist::Dictionary dict_;
 };

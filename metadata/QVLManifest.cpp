@@ -7,13 +7,12 @@
 #include "base/QVLLog.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
-#include "platform/fileattrs/FileAttributesPort.h"
+#include "platform/fs/FileSystem.h"
 
 namespace qvl {
 namespace {
 
 using platform::DirectoryEntry;
-using platform::FileAttributesPort;
 using platform::ItemStat;
 using platform::ItemType;
 
@@ -57,9 +56,9 @@ std::string removingOccurrences(std::string_view text, std::string_view pattern)
     return result;
 }
 
-std::optional<ItemType> itemType(const std::string& path) {
+std::optional<ItemType> itemType(platform::FileSystem& files, const std::string& path) {
     ItemStat st;
-    if (FileAttributesPort::current().statItem(path, &st) != 0) return std::nullopt;
+    if (files.statItem(path, &st) != 0) return std::nullopt;
     return st.type;
 }
 
@@ -77,27 +76,26 @@ constexpr size_t kPrefetchWindow = 32;
 // visited. Memory: the listings of the folders from `top` down to the
 // current item.
 template <class Visit, class Prefetch>
-bool enumerateTree(const std::string& top, const std::vector<std::string>* skip, const char* signature,
-                   Visit visit, Prefetch prefetch) {
+bool enumerateTree(platform::FileSystem& files, const std::string& top, const std::vector<std::string>* skip,
+                   const char* signature, Visit visit, Prefetch prefetch) {
     struct Level {
         std::string path;
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
         size_t prefetched = 0;
     };
-    FileAttributesPort& port = FileAttributesPort::current();
     std::vector<Level> stack;
     auto descend = [&](const std::string& folder) {
-        if (QVLManifest::folder(skip, folder)) return;
+        if (QVLManifest::folderContains(skip, folder)) return;
         Level level{folder, {}, 0};
-        if (port.listDirectory(folder, &level.entries) != 0) {
+        if (files.listDirectory(folder, &level.entries) != 0) {
             QVLLog("%s: Could not enumerate %@, url=%@, error=%@", signature, folder,
                    "file://" + folder + "/", QVLAttributeDictionary::errorText(errno));
             return;
         }
         stack.push_back(std::move(level));
     };
-    if (itemType(top) == ItemType::kDirectory) descend(top);
+    if (itemType(files, top) == ItemType::kDirectory) descend(top);
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
@@ -111,8 +109,9 @@ bool enumerateTree(const std::string& top, const std::vector<std::string>* skip,
         }
         const DirectoryEntry& entry = level.entries[level.next++];
         const std::string item = childPath(level.path, entry.name);
-        if (QVLManifest::folder(skip, item)) continue;
-        const std::optional<ItemType> type = entry.type != ItemType::kUnknown ? entry.type : itemType(item);
+        if (QVLManifest::folderContains(skip, item)) continue;
+        const std::optional<ItemType> type =
+            entry.type != ItemType::kUnknown ? entry.type : itemType(files, item);
         if (!visit(item, type)) return false;
         if (type == ItemType::kDirectory) descend(item);
     }
@@ -131,7 +130,7 @@ int64_t recordedSize(const QVLFileMetadata& metadata) {
 
 }  // namespace
 
-QVLManifest::QVLManifest(const plist::Dictionary* dict) {
+QVLManifest::QVLManifest(platform::FileSystem& files, const plist::Dictionary* dict) : files_(files) {
     if (dict) setDict(*dict);
 }
 
@@ -156,7 +155,7 @@ void QVLManifest::setMetadata(QVLFileMetadata&& metadata, const std::string& fil
     }
 }
 
-bool QVLManifest::folder(const std::vector<std::string>* folders, std::string_view path) {
+bool QVLManifest::folderContains(const std::vector<std::string>* folders, std::string_view path) {
     if (!folders) return false;
     for (const std::string& folder : *folders) {
         // An empty folder is found nowhere, so it holds nothing.
@@ -167,7 +166,7 @@ bool QVLManifest::folder(const std::vector<std::string>* folders, std::string_vi
     return false;
 }
 
-bool QVLManifest::path(std::string_view path, const PathSet* superSet) {
+bool QVLManifest::pathInSuperSet(std::string_view path, const PathSet* superSet) {
     if (!superSet) return false;
     if (path.starts_with(kPrivatePrefix)) path.remove_prefix(kPrivatePrefix.size());
     return superSet->find(std::string(path)) != superSet->end();
@@ -209,8 +208,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     if (updater) updater->initializePercentageWithTotal(total);
 
     auto handleItem = [&](const std::string& item, std::optional<ItemType> type) {
-        if (folder(skip, item)) return true;
-        if (superSet && !QVLManifest::path(item, superSet)) {
+        if (folderContains(skip, item)) return true;
+        if (superSet && !pathInSuperSet(item, superSet)) {
             if (updater) addProgress(updater, fileSizeToAdjustPercentage(item));
             return true;
         }
@@ -229,13 +228,13 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             QVLLog("%@ is not below the root %@; it has no key", item, base);
             return false;
         }
-        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadatatWithPath(item);
+        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadatatWithPath(item, files_);
         if (!metadata) {
             QVLLog("Couldn't get meta data for %@", item);
             // An item removed while the walk runs is no longer part of the
             // tree: go on without it. Any other failure would leave a hole in
             // a manifest reported as complete, so the walk ends with false.
-            return !itemType(item) && errno == ENOENT;
+            return !itemType(files_, item) && errno == ENOENT;
         }
         const int64_t size = updater ? recordedSize(*metadata) : 0;
         if (!handler(*metadata, *key)) {
@@ -247,21 +246,19 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     // Only files the walk will read are fetched ahead: a superset may leave
     // most of a tree out, and fetching those would flood the cache.
-    FileAttributesPort& port = FileAttributesPort::current();
     auto prefetch = [&](const std::string& item) {
-        if (folder(skip, item) || (superSet && !QVLManifest::path(item, superSet))) return;
-        port.prefetch(item, static_cast<off_t>(kQVLFileHashPieceSize));
+        if (folderContains(skip, item) || (superSet && !pathInSuperSet(item, superSet))) return;
+        files_.prefetch(item, static_cast<off_t>(kQVLFileHashPieceSize));
     };
-    if (!enumerateTree(top, skip, kWalkSignature, handleItem, prefetch)) return false;
-    return handleItem(top, itemType(top));
+    if (!enumerateTree(files_, top, skip, kWalkSignature, handleItem, prefetch)) return false;
+    return handleItem(top, itemType(files_, top));
 }
 
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
-                                            const std::vector<std::string>* skipPaths) {
-    FileAttributesPort& port = FileAttributesPort::current();
+                                            const std::vector<std::string>* skipPaths) const {
     int64_t total = 0;
     const bool complete = enumerateTree(
-        standardizedPath(path), skipPaths, kTotalSignature,
+        files_, standardizedPath(path), skipPaths, kTotalSignature,
         [&](const std::string& item, std::optional<ItemType> type) {
             if (!type) {
                 QVLLog("Could not get resource for key %@", kRegularFileFlag);
@@ -269,7 +266,7 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
             }
             if (*type != ItemType::kRegular) return true;
             ItemStat st;
-            if (port.statItem(item, &st) != 0) {
+            if (files_.statItem(item, &st) != 0) {
                 QVLLog("Cound not get attribute for item %@", item);
                 return false;
             }
@@ -283,9 +280,9 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
     return complete ? total : 0;
 }
 
-int64_t QVLManifest::fileSizeToAdjustPercentage(const std::string& path) {
+int64_t QVLManifest::fileSizeToAdjustPercentage(const std::string& path) const {
     ItemStat st;
-    if (FileAttributesPort::current().statItem(path, &st) != 0) return 0;
+    if (files_.statItem(path, &st) != 0) return 0;
     return static_cast<int64_t>(std::min<uint64_t>(st.size, std::numeric_limits<int64_t>::max()));
 }
 

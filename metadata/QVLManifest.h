@@ -8,6 +8,8 @@
 // file form of a manifest is `dict` itself: a property-list dictionary from
 // key to record, with no header.
 //
+// A manifest reaches the tree through the FileSystem it is made with.
+//
 // Memory: the walk holds one record at a time plus the listings of the
 // folders on the way down to the current item; only the manifest grows with
 // the tree.
@@ -31,6 +33,10 @@
 
 namespace qvl {
 
+namespace platform {
+class FileSystem;
+}
+
 class QVLManifest {
   public:
     // Called with each collected record and its key; false stops the walk.
@@ -38,9 +44,9 @@ class QVLManifest {
     using Handler = std::function<bool(QVLFileMetadata& metadata, const std::string& key)>;
     using PathSet = std::unordered_set<std::string>;
 
-    QVLManifest() = default;
+    explicit QVLManifest(platform::FileSystem& files) : files_(files) {}
     // A manifest holding a copy of `dict` (null gives an empty manifest).
-    explicit QVLManifest(const plist::Dictionary* dict);
+    QVLManifest(platform::FileSystem& files, const plist::Dictionary* dict);
     QVLManifest(const QVLManifest&) = delete;
     QVLManifest& operator=(const QVLManifest&) = delete;
 
@@ -53,9 +59,9 @@ class QVLManifest {
 
     // Whether one of `folders` is `path` or a folder above it ("/a/b" holds
     // "/a/b" and "/a/b/c", not "/a/bc"; "/a/b/" holds what is below only).
-    static bool folder(const std::vector<std::string>* folders, std::string_view path);
+    static bool folderContains(const std::vector<std::string>* folders, std::string_view path);
     // Whether `path`, without a leading "/private", is in `superSet`.
-    static bool path(std::string_view path, const PathSet* superSet);
+    static bool pathInSuperSet(std::string_view path, const PathSet* superSet);
 
     // Walks the tree at `path` with keys relative to `root`, skipping the
     // folders of `skip` and, when `superSet` is given, every item not in it,
@@ -71,9 +77,9 @@ class QVLManifest {
 
     // The summed size of the regular files below `path` outside the skip
     // folders; 0 on any failure.
-    static int64_t calculateTotalFileSize(const std::string& path, const std::vector<std::string>* skipPaths);
+    int64_t calculateTotalFileSize(const std::string& path, const std::vector<std::string>* skipPaths) const;
     // The size of the item itself (a link is not followed); 0 when unknown.
-    static int64_t fileSizeToAdjustPercentage(const std::string& path);
+    int64_t fileSizeToAdjustPercentage(const std::string& path) const;
 
     // The key of the item at `path` for a walk relative to `root`; nullopt
     // when the root does not occur in the path.
@@ -93,6 +99,7 @@ class QVLManifest {
   private:
     void addProgress(QVLProgressUpdater* updater, int64_t increment);
 
+    platform::FileSystem& files_;
     mutable std::mutex lock_;
     plist::Dictionary dict_;
     // The keys of dict_, so that storing a new record does not search it.

@@ -1,13 +1,12 @@
 #include "metadata/WhitelistChecker.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 
 #include "base/QVLLog.h"
 #include "metadata/DomainTable.h"
 #include "metadata/QVLFileMetadata.h"
 #include "platform/containers/ContainerLookup.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace qvl {
@@ -67,11 +66,6 @@ bool safeParentRecord(const plist::Value& metaData) {
     return type && *type == kNSFileTypeDirectory && bits && *bits >= 0 && (*bits & 06022) == 0;
 }
 
-bool pathExists(const std::string& path) {
-    struct stat st {};
-    return lstat(path.c_str(), &st) == 0 || errno != ENOENT;
-}
-
 std::vector<std::string_view> splitAtSlash(std::string_view path) {
     std::vector<std::string_view> parts;
     size_t start = 0;
@@ -102,9 +96,16 @@ void appendStrings(plist::Array& to, const plist::Dictionary& domain, std::strin
         to.insert(to.end(), entries->begin(), entries->end());
 }
 
+// Anything there, even what can't be looked at, exists.
+bool pathExists(platform::FileSystem& files, const std::string& path) {
+    platform::ItemStat st;
+    return files.statItem(path, &st) == 0 || errno != ENOENT;
+}
+
 }  // namespace
 
-WhitelistChecker::WhitelistChecker(platform::ContainerLookup* containers) : containers_(containers) {}
+WhitelistChecker::WhitelistChecker(platform::ContainerLookup& containers, platform::FileSystem& files)
+    : containers_(containers), files_(files) {}
 
 void WhitelistChecker::setDomains(plist::Dictionary domains) {
     std::vector<Domain> compiled;
@@ -151,11 +152,11 @@ bool WhitelistChecker::loadFromData() {
 }
 
 bool WhitelistChecker::load(const std::string& path) {
-    if (!pathExists(path)) {
+    if (!pathExists(files_, path)) {
         QVLLog("%@ does not exist.", path);
         return false;
     }
-    const std::optional<plist::Value> parsed = plist::readFile(path);
+    const std::optional<plist::Value> parsed = platform::readPropertyListFile(files_, path);
     const plist::Dictionary* top = parsed ? parsed->asDictionary() : nullptr;
     const plist::Value* systemDomains = top ? top->find("SystemDomains") : nullptr;
     if (!top || (systemDomains && !systemDomains->isDictionary())) {
@@ -178,11 +179,11 @@ bool WhitelistChecker::checkManifest(const plist::Dictionary& manifest) {
 }
 
 bool WhitelistChecker::checkManifestFile(const std::string& path) {
-    if (!pathExists(path)) {
+    if (!pathExists(files_, path)) {
         QVLLog("%@ does not exist.", path);
         return false;
     }
-    const std::optional<plist::Value> parsed = plist::readFile(path);
+    const std::optional<plist::Value> parsed = platform::readPropertyListFile(files_, path);
     const plist::Dictionary* top = parsed ? parsed->asDictionary() : nullptr;
     const plist::Value* backup = top ? top->find("Backup") : nullptr;
     if (!top || (backup && !backup->isDictionary())) {
@@ -295,12 +296,10 @@ bool WhitelistChecker::fileBlacklisted(std::string_view path, const std::vector<
 }
 
 bool WhitelistChecker::shouldRestore(const std::string& identifier, bool shared) {
-    platform::ContainerLookup& lookup =
-        containers_ ? *containers_ : platform::FileContainerLookup::sharedInstance();
-    const auto container = lookup.containerPath(
+    const auto container = containers_.containerPath(
         identifier, shared ? platform::ContainerClass::kSystemGroup : platform::ContainerClass::kSystemData);
     if (!container || container->path.empty() || !container->existed) return true;
-    const std::optional<bool> excluded = lookup.excludedFromBackup(container->path);
+    const std::optional<bool> excluded = containers_.excludedFromBackup(container->path);
     if (excluded.value_or(false)) {
         QVLLog("%s:Not restoring (attribute set locally):%@", "-[WhitelistChecker shouldRestore:shared:]",
                identifier);

@@ -26,12 +26,13 @@ namespace qvl {
 
 namespace platform {
 class ContainerLookup;
-}
+class FileSystem;
+}  // namespace platform
 
 class WhitelistChecker {
   public:
-    // The container lookup used by shouldRestore; null means the process-wide one.
-    explicit WhitelistChecker(platform::ContainerLookup* containers = nullptr);
+    // `containers` answers shouldRestore; `files` reads domain and manifest files.
+    WhitelistChecker(platform::ContainerLookup& containers, platform::FileSystem& files);
 
     // Loads the domains from the table compiled into the program.
     bool loadFromData();
@@ -92,7 +93,8 @@ class WhitelistChecker {
     };
     static Domain compile(const std::string& name, const plist::Value& value);
 
-    platform::ContainerLookup* containers_;
+    platform::ContainerLookup& containers_;
+    platform::FileSystem& files_;
     plist::Dictionary domains_;
     std::vector<Domain> compiled_;
 };

@@ -8,6 +8,7 @@
 
 #include "base/QVLLogCapture.h"
 #include "platform/containers/ContainerLookup.h"
+#include "platform/fs/LinuxFileSystem.h"
 
 namespace qvl {
 namespace {
@@ -47,7 +48,7 @@ class WhitelistCheckerTest : public ::testing::Test {
   protected:
     void SetUp() override { ASSERT_TRUE(checker_.loadFromData()); }
     FakeContainers containers_;
-    WhitelistChecker checker_{&containers_};
+    WhitelistChecker checker_{containers_, platform::LinuxFileSystem::sharedInstance()};
 };
 
 TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
@@ -186,7 +187,8 @@ TEST(WhitelistCheckerFilesTest, LoadingFromFiles) {
     const fs::path dir = fs::temp_directory_path() / ("qvl-whitelist-" + std::to_string(getpid()));
     fs::create_directories(dir);
     const std::string missing = (dir / "missing.plist").string(), garbage = (dir / "garbage.plist").string();
-    WhitelistChecker checker;
+    FakeContainers containers;
+    WhitelistChecker checker(containers, platform::LinuxFileSystem::sharedInstance());
     QVLLogCapture capture;
     EXPECT_FALSE(checker.load(missing));
     EXPECT_TRUE(capture.contains(missing + " does not exist."));

@@ -3,12 +3,13 @@
 // cause of a failure once, where it is found; the client only ever sees the
 // flag.
 //
-// The firmware-variable store and the restart are reached through narrow
-// platform interfaces that tests may replace before calling the operations.
+// The file system, the firmware-variable store and the restart are reached
+// through the platform layers given at construction; sharedInstance() uses
+// the device's own.
 //
 // Thread-safety: the helper runs one command at a time; the operations keep no
-// state between calls apart from the platform layers, which are set once
-// before use.
+// state between calls apart from the platform layers, which are fixed at
+// construction.
 #pragma once
 
 #include <memory>
@@ -17,6 +18,7 @@
 #include "plist/PlistValue.h"
 
 namespace qvl::platform {
+class FileSystem;
 class NvramStore;
 class SystemRestart;
 }  // namespace qvl::platform
@@ -25,8 +27,19 @@ namespace qvl {
 
 class QVLHOperations {
   public:
+    // The layers the operations use; a null member means the device's own
+    // (the Linux file system, the store under /private/var/db/platform/nvram,
+    // the Linux restart). The layers must outlive the object.
+    struct Services {
+        platform::FileSystem* files = nullptr;
+        platform::NvramStore* nvram = nullptr;
+        platform::SystemRestart* restart = nullptr;
+    };
+
     static QVLHOperations& sharedInstance();
 
+    explicit QVLHOperations(Services services);
+    ~QVLHOperations();
     QVLHOperations(const QVLHOperations&) = delete;
     QVLHOperations& operator=(const QVLHOperations&) = delete;
 
@@ -48,16 +61,17 @@ class QVLHOperations {
     bool reboot();
     [[noreturn]] void quitHelper();
 
-    // Test seams: replace the platform layers (null restores the real ones).
-    void setNvramStoreForTesting(std::shared_ptr<platform::NvramStore> store);
-    void setSystemRestartForTesting(std::shared_ptr<platform::SystemRestart> restart);
-
   private:
-    QVLHOperations();
-    ~QVLHOperations();
+    bool openToAll(const std::string& path);
+    bool exists(const std::string& path);
+    bool overlapsFinalPlace(const std::string& staging);
+    bool nvramReachable();
 
-    std::shared_ptr<platform::NvramStore> nvram_;
-    std::shared_ptr<platform::SystemRestart> restart_;
+    std::unique_ptr<platform::NvramStore> ownNvram_;
+    std::unique_ptr<platform::SystemRestart> ownRestart_;
+    platform::FileSystem& files_;
+    platform::NvramStore& nvram_;
+    platform::SystemRestart& restart_;
 };
 
 }  // namespace qvl

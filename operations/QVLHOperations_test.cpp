@@ -8,41 +8,27 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 
 #include <gtest/gtest.h>
 
 #include "base/QVLLogCapture.h"
-#include "operations/FileTree.h"
+#include "platform/fs/FileTree.h"
 #include "platform/nvram/NvramStore.h"
-#include "platform/reboot/SystemRestart.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl {
 namespace {
 
 using Lines = std::vector<std::string>;
-
-bool inDeviceSandbox() {
-    const auto ns = platform::currentPidNamespaceInode();
-    char target[64] = {};
-    return ns && *ns != platform::kInitialPidNamespaceInode && ::access("/opt/qvl/src", F_OK) == 0 &&
-           ::readlink("/var", target, sizeof target - 1) > 0 && std::string(target) == "private/var";
-}
+using testing::inDeviceSandbox;
+using testing::lstatOf;
+using testing::readText;
 
 void write(const std::string& path, const std::string& text = "x") {
-    std::ofstream(path) << text;
+    testing::writeText(path, text);
 }
-std::string read(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-struct stat lstatOf(const std::string& path) {
-    struct stat st {};
-    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
-    return st;
-}
+
 void makeFolder(const std::string& path, mode_t mode = 0755) {
     ASSERT_EQ(::mkdir(path.c_str(), mode), 0) << path;
     ASSERT_EQ(::chmod(path.c_str(), mode), 0);
@@ -52,11 +38,11 @@ class DeviceOperationsTest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (!inDeviceSandbox()) GTEST_SKIP() << "needs the device sandbox (runs under tools/qvl-sandbox)";
-        ops::removeTree(kWork);
+        platform::removeTree(kWork);
         makeFolder(kWork);
     }
     void TearDown() override {
-        if (inDeviceSandbox()) ops::removeTree(kWork);
+        if (inDeviceSandbox()) platform::removeTree(kWork);
     }
     std::string at(const std::string& name) const { return std::string(kWork) + "/" + name; }
     // Mounts a file system at `path`, which then can't be removed.
@@ -66,7 +52,7 @@ class DeviceOperationsTest : public ::testing::Test {
     }
 
     static constexpr const char* kWork = "/private/var/tmp/ops";
-    QVLHOperations& operations = QVLHOperations::sharedInstance();
+    QVLHOperations operations{QVLHOperations::Services{}};
 };
 
 TEST_F(DeviceOperationsTest, PrepareDirectory) {
@@ -135,11 +121,11 @@ TEST_F(DeviceOperationsTest, FailedMovesLoseNothing) {
     QVLLogCapture capture;
     EXPECT_FALSE(operations.migratePreferencesFile());
     ASSERT_EQ(::rename("/var/mobile/Library/Prefs.away", "/var/mobile/Library/Preferences"), 0);
-    EXPECT_EQ(read(source), "prefs");
+    EXPECT_EQ(readText(source), "prefs");
     ::unlink(source.c_str());
 
     // The final place can't be cleared, so the move fails and staging stays whole.
-    ops::removeTree("/var/backup");
+    platform::removeTree("/var/backup");
     makeFolder("/var/backup");
     makeFolder(at("staging"));
     write(at("staging/new"), "content");
@@ -147,8 +133,8 @@ TEST_F(DeviceOperationsTest, FailedMovesLoseNothing) {
     if (!pin("/var/backup/mnt")) GTEST_SKIP() << "can't mount a tmpfs here";
     EXPECT_FALSE(operations.moveStagingToFinal(at("staging")));
     ::umount("/var/backup/mnt");
-    ops::removeTree("/var/backup");
-    EXPECT_EQ(read(at("staging/new")), "content");
+    platform::removeTree("/var/backup");
+    EXPECT_EQ(readText(at("staging/new")), "content");
     EXPECT_EQ(
         capture.lines(),
         (Lines{"Couldn't move " + source + " to " + destination, "Move the whole thing together.",
@@ -171,7 +157,6 @@ class RefusingStore final : public platform::NvramStore {
 };
 
 TEST(FirmwareOperationsTest, RefusalsAreLoggedWordForWord) {
-    QVLHOperations& operations = QVLHOperations::sharedInstance();
     const struct {
         const char* refused;
         const char* line;
@@ -180,25 +165,25 @@ TEST(FirmwareOperationsTest, RefusalsAreLoggedWordForWord) {
                  {"name", "Couldn't write nvram"},
                  {"VXNVRAM-SYNCNOW-PROPERTY", "Couldn't force sync new nvram to device"}};
     for (const auto& c : cases) {
-        operations.setNvramStoreForTesting(std::make_shared<RefusingStore>(c.refused));
+        RefusingStore store(c.refused);
+        QVLHOperations operations({.nvram = &store});
         QVLLogCapture capture;
         EXPECT_FALSE(operations.writeNVRam("name", plist::Value("v")));
         EXPECT_EQ(capture.lines(), Lines{c.line}) << c.refused;
     }
-    operations.setNvramStoreForTesting(std::make_shared<RefusingStore>("VXNVRAM-DELETE-PROPERTY"));
+    RefusingStore refusingDelete("VXNVRAM-DELETE-PROPERTY");
     QVLLogCapture capture;
-    EXPECT_FALSE(operations.deleteNvram("name"));
+    EXPECT_FALSE(QVLHOperations({.nvram = &refusingDelete}).deleteNvram("name"));
     // A value that is not a string never reaches the store.
-    operations.setNvramStoreForTesting(std::make_shared<RefusingStore>("nothing"));
-    EXPECT_FALSE(operations.writeNVRam("name", plist::Value(7)));
-    operations.setNvramStoreForTesting(nullptr);
+    RefusingStore acceptingAll("nothing");
+    EXPECT_FALSE(QVLHOperations({.nvram = &acceptingAll}).writeNVRam("name", plist::Value(7)));
     EXPECT_EQ(capture.lines(),
               (Lines{"Couldn't force sync new nvram to device",
                      "-[QVLHOperations writeNVRam:withValue:]: the value for name is not a string: 7"}));
 }
 
 TEST(QuitHelperTest, ExitsWithZero) {
-    EXPECT_EXIT(QVLHOperations::sharedInstance().quitHelper(), ::testing::ExitedWithCode(0), "");
+    EXPECT_EXIT(QVLHOperations({}).quitHelper(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

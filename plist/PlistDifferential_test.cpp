@@ -8,6 +8,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 
 #include "plist/PropertyList.h"
 
@@ -29,6 +30,11 @@ int shell(const std::string& command, std::string* output = nullptr) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+std::string readBytes(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
 void writeFile(const fs::path& path, const std::string& bytes) {
     std::ofstream out(path, std::ios::binary);
     out << bytes;
@@ -46,7 +52,7 @@ TEST(PlistDifferential, AgreesWithPlistlibBothWays) {
         const std::string base = (dir / ("case_" + std::to_string(cases))).string();
         for (const char* source : {"xml", "bin"}) {
             ReadError error;
-            auto value = readFile(base + "." + source, &error);
+            auto value = read(readBytes(base + "." + source), &error);
             ASSERT_TRUE(value) << error.message;
             const std::string binary = writeBinary(*value), xml = writeXML(*value);
             ASSERT_FALSE(binary.empty()) << base << "." << source;

@@ -1,15 +1,8 @@
 #include "plist/PropertyList.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
-#include "base/DescriptorIO.h"
-#include "base/UniqueFd.h"
 #include "plist/PlistCodec.h"
 
 namespace qvl::plist {
@@ -113,10 +106,6 @@ bool looksLikeXML(std::span<const uint8_t> bytes) {
     return i < bytes.size() && bytes[i] == '<';
 }
 
-std::string errnoText() {
-    return std::strerror(errno);
-}
-
 }  // namespace
 
 std::optional<Value> read(std::span<const uint8_t> bytes, ReadError* error, Format* formatOut) {
@@ -145,73 +134,8 @@ std::optional<Value> read(std::string_view bytes, ReadError* error, Format* form
                 formatOut);
 }
 
-std::optional<Value> readFile(const std::string& path, ReadError* error, Format* formatOut) {
-    // O_NONBLOCK so that a FIFO in place of the file is refused below
-    // instead of blocking the open; it changes nothing for a regular file.
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
-    if (fd.get() < 0) return detail::fail(error, ReadError::kIO, path + ": cannot open: " + errnoText());
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0)
-        return detail::fail(error, ReadError::kIO, path + ": cannot stat: " + errnoText());
-    if (!S_ISREG(st.st_mode)) return detail::fail(error, ReadError::kIO, path + ": not a regular file");
-    std::vector<uint8_t> bytes;
-    if (const int err = readAll(fd.get(), kMaxFileSize, &bytes)) {
-        if (err == EFBIG)
-            return detail::fail(
-                error, ReadError::kIO,
-                path + ": larger than the limit of " + std::to_string(kMaxFileSize) + " bytes");
-        return detail::fail(error, ReadError::kIO, path + ": cannot read: " + std::strerror(err));
-    }
-    ReadError local;
-    auto value = read(std::span<const uint8_t>(bytes), &local, formatOut);
-    if (!value) detail::fail(error, local.code, path + ": " + local.message);
-    return value;
-}
-
 std::string write(const Value& value, Format format) {
     return format == Format::Binary ? writeBinary(value) : writeXML(value);
-}
-
-bool writeFileAtomically(const std::string& path, const Value& value, Format format, std::string* error) {
-    auto failed = [&](std::string message) {
-        if (error) *error = path + ": " + std::move(message);
-        return false;
-    };
-    const std::string bytes = write(value, format);
-    if (bytes.empty())
-        return failed(
-            "the value cannot be encoded (a string that is not valid text for this encoding, a date "
-            "out of range, or nesting deeper than " +
-            std::to_string(kMaxDepth) + ")");
-
-    // A replaced file keeps its permission bits; a new one gets the usual
-    // 0644 rather than mkostemp's 0600, since other users read manifests.
-    mode_t mode = 0644;
-    struct stat old {};
-    if (::stat(path.c_str(), &old) == 0 && S_ISREG(old.st_mode)) mode = old.st_mode & 07777;
-
-    std::string temp = path + ".XXXXXX";
-    UniqueFd fd(::mkostemp(temp.data(), O_CLOEXEC));
-    if (fd.get() < 0) return failed("cannot create a temporary file: " + errnoText());
-    auto abandon = [&](std::string message) {
-        fd.reset();
-        ::unlink(temp.c_str());
-        return failed(std::move(message));
-    };
-    if (::fchmod(fd.get(), mode) != 0) return abandon("cannot set the mode of " + temp + ": " + errnoText());
-    if (const int err = writeAll(fd.get(), {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()}))
-        return abandon("cannot write " + temp + ": " + std::strerror(err));
-    if (::fsync(fd.get()) != 0) return abandon("cannot sync " + temp + ": " + errnoText());
-    if (!fd.closeChecked()) return abandon("cannot close " + temp + ": " + errnoText());
-    if (::rename(temp.c_str(), path.c_str()) != 0)
-        return abandon("cannot rename " + temp + ": " + errnoText());
-    // Make the rename itself durable; a failure here leaves the new file in
-    // place, so it is not reported.
-    const size_t slash = path.rfind('/');
-    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
-    UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (dir.get() >= 0) ::fsync(dir.get());
-    return true;
 }
 
 }  // namespace qvl::plist

@@ -1,7 +1,9 @@
 // Reading and writing property lists in their two encodings: XML and binary
 // ("bplist00"). Every input is treated as hostile: sizes, offsets, reference
 // widths, counts and nesting are checked against the bytes before use, and a
-// bad input yields an error, never a crash or an out-of-bounds read.
+// bad input yields an error, never a crash or an out-of-bounds read. Files of
+// property lists are read and written through the file-system layer
+// (platform/fs/PropertyListFile.h).
 //
 // Thread-safety: all functions are reentrant and keep no state.
 #pragma once
@@ -42,11 +44,6 @@ std::optional<Value> read(std::span<const uint8_t> bytes, ReadError* error = nul
                           Format* formatOut = nullptr);
 std::optional<Value> read(std::string_view bytes, ReadError* error = nullptr, Format* formatOut = nullptr);
 
-// Reads a whole file (bounded by kMaxFileSize) and parses it.
-inline constexpr uint64_t kMaxFileSize = 1ull << 31;
-std::optional<Value> readFile(const std::string& path, ReadError* error = nullptr,
-                              Format* formatOut = nullptr);
-
 // Encoders. Binary uses the smallest integer and reference widths, keeps
 // reals and dates bit for bit and writes integers above INT64_MAX as 16-byte
 // integers. XML uses the conventional layout (tab indentation, the standard
@@ -59,11 +56,5 @@ std::optional<Value> readFile(const std::string& path, ReadError* error = nullpt
 std::string writeBinary(const Value& value);
 std::string writeXML(const Value& value);
 std::string write(const Value& value, Format format);
-
-// Writes `value` to `path` whole or not at all: a temporary file in the same
-// folder, fsync, rename. On failure the old file is untouched and `error`
-// (when given) holds the reason.
-bool writeFileAtomically(const std::string& path, const Value& value, Format format,
-                         std::string* error = nullptr);
 
 }  // namespace qvl::plist

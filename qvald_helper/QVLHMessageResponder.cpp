@@ -41,11 +41,14 @@ const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder:
 };
 
 QVLHMessageResponder& QVLHMessageResponder::sharedInstance() {
-    static QVLHMessageResponder instance;
+    static QVLHMessageResponder instance{Services{}};
     return instance;
 }
 
-QVLHMessageResponder::QVLHMessageResponder() : entitlementReader_(readFromRegistry) {}
+QVLHMessageResponder::QVLHMessageResponder(Services services)
+    : entitlementReader_(services.entitlements ? std::move(services.entitlements)
+                                               : EntitlementReader(readFromRegistry)),
+      operations_(services.operations ? *services.operations : QVLHOperations::sharedInstance()) {}
 
 std::shared_ptr<zrp::Connection> QVLHMessageResponder::connection() const {
     std::lock_guard<std::mutex> guard(connectionLock_);
@@ -57,28 +60,12 @@ void QVLHMessageResponder::setConnection(const std::shared_ptr<zrp::Connection>&
     connection_ = connection;
 }
 
-void QVLHMessageResponder::setEntitlementReaderForTesting(EntitlementReader reader) {
-    std::lock_guard<std::mutex> guard(readerLock_);
-    entitlementReader_ = reader ? std::move(reader) : EntitlementReader(readFromRegistry);
-}
-
-std::vector<std::string_view> QVLHMessageResponder::commandNames() {
-    std::vector<std::string_view> names;
-    for (const Command& command : kCommands) names.push_back(command.name);
-    return names;
-}
-
 bool QVLHMessageResponder::hasEntitlementQuorvaled() {
     // A request whose client is already gone has no connection: its empty
     // token makes no task, and the request is refused like any other.
     const auto current = connection();
     const zrp::AuditToken token = current ? current->auditToken() : zrp::AuditToken{};
-    EntitlementReader reader;
-    {
-        std::lock_guard<std::mutex> guard(readerLock_);
-        reader = entitlementReader_;
-    }
-    const EntitlementAnswer answer = reader(token, kEntitlementQuorvaled);
+    const EntitlementAnswer answer = entitlementReader_(token, kEntitlementQuorvaled);
     if (!answer.taskFound) {
         QVLLog("%s: Cannot create Pelkor from audit token", kHasEntitlementName);
         return false;
@@ -209,7 +196,7 @@ bool refuseParameter(const char* fullName, const char* expected, const plist::Va
 
 bool QVLHMessageResponder::migratePreferencesFile(const plist::Value& parameter) {
     logEntering("-[QVLHMessageResponder migratePreferencesFile:]", parameter);
-    return QVLHOperations::sharedInstance().migratePreferencesFile();
+    return operations_.migratePreferencesFile();
 }
 
 bool QVLHMessageResponder::prepareLogContainer(const plist::Value& parameter) {
@@ -222,7 +209,7 @@ bool QVLHMessageResponder::prepareLogContainer(const plist::Value& parameter) {
         QVLLog("%s: creating logs under %@ is not allowed.", kName, *path);
         return false;
     }
-    return QVLHOperations::sharedInstance().prepareLogContainer(*path);
+    return operations_.prepareLogContainer(*path);
 }
 
 bool QVLHMessageResponder::prepareWorkContainer(const plist::Value& parameter) {
@@ -230,7 +217,7 @@ bool QVLHMessageResponder::prepareWorkContainer(const plist::Value& parameter) {
     logEntering(kName, parameter);
     const std::string* path = stringParameter(parameter);
     if (!path) return refuseParameter(kName, "a folder path string", parameter);
-    return QVLHOperations::sharedInstance().prepareDirectory(*path, true);
+    return operations_.prepareDirectory(*path, true);
 }
 
 bool QVLHMessageResponder::removeWorkContainer(const plist::Value& parameter) {
@@ -238,7 +225,7 @@ bool QVLHMessageResponder::removeWorkContainer(const plist::Value& parameter) {
     logEntering(kName, parameter);
     const std::string* path = stringParameter(parameter);
     if (!path) return refuseParameter(kName, "a folder path string", parameter);
-    return QVLHOperations::sharedInstance().removeDirectory(*path);
+    return operations_.removeDirectory(*path);
 }
 
 bool QVLHMessageResponder::createHardLink(const plist::Value& parameter) {
@@ -250,7 +237,7 @@ bool QVLHMessageResponder::createHardLink(const plist::Value& parameter) {
         return refuseParameter(kName, "a dictionary with \"FilePath\" and \"StagingPath\" strings",
                                parameter);
     }
-    return QVLHOperations::sharedInstance().createHardLinks(*path, *stagingPath);
+    return operations_.createHardLinks(*path, *stagingPath);
 }
 
 bool QVLHMessageResponder::deleteNvram(const plist::Value& parameter) {
@@ -258,7 +245,7 @@ bool QVLHMessageResponder::deleteNvram(const plist::Value& parameter) {
     logEntering(kName, parameter);
     const std::string* name = stringParameter(parameter);
     if (!name) return refuseParameter(kName, "a variable name string", parameter);
-    return QVLHOperations::sharedInstance().deleteNvram(*name);
+    return operations_.deleteNvram(*name);
 }
 
 bool QVLHMessageResponder::writeNvram(const plist::Value& parameter) {
@@ -271,7 +258,7 @@ bool QVLHMessageResponder::writeNvram(const plist::Value& parameter) {
         return refuseParameter(kName, "a dictionary with a \"Name\" string and a \"Value\"", parameter);
     }
     // The value goes on unchanged; the operation refuses one that is not a string.
-    return QVLHOperations::sharedInstance().writeNVRam(*name, *value);
+    return operations_.writeNVRam(*name, *value);
 }
 
 bool QVLHMessageResponder::moveStagingToFinal(const plist::Value& parameter) {
@@ -279,18 +266,18 @@ bool QVLHMessageResponder::moveStagingToFinal(const plist::Value& parameter) {
     logEntering(kName, parameter);
     const std::string* path = stringParameter(parameter);
     if (!path) return refuseParameter(kName, "a staging folder path string", parameter);
-    return QVLHOperations::sharedInstance().moveStagingToFinal(*path);
+    return operations_.moveStagingToFinal(*path);
 }
 
 bool QVLHMessageResponder::reboot(const plist::Value& parameter) {
     logEntering("-[QVLHMessageResponder reboot:]", parameter);
-    QVLHOperations::sharedInstance().reboot();
+    operations_.reboot();
     return false;
 }
 
 bool QVLHMessageResponder::quitHelper(const plist::Value& parameter) {
     logEntering("-[QVLHMessageResponder quitHelper:]", parameter);
-    QVLHOperations::sharedInstance().quitHelper();
+    operations_.quitHelper();
 }
 
 }  // namespace qvl

@@ -5,6 +5,10 @@
 // It also sends the other outgoing messages ({"Progress": n}, {"Data": bytes})
 // to the current connection.
 //
+// The entitlement reader and the operations are given at construction;
+// sharedInstance() reads the platform's entitlement registry and runs the
+// shared QVLHOperations.
+//
 // Thread-safety: one shared instance. handleZRPMessage runs on the message
 // service's delivery thread, one request at a time; the current connection is
 // guarded so that sends from another thread see either the old or the new one.
@@ -48,9 +52,28 @@
 
 namespace qvl {
 
+class QVLHOperations;
+
 class QVLHMessageResponder {
   public:
+    // Where the gate reads entitlements. A reader answers, for an audit token
+    // and an entitlement name, whether a client task could be made for the
+    // token (`taskFound`) and the entitlement's value, if any.
+    struct EntitlementAnswer {
+        bool taskFound = false;
+        std::optional<plist::Value> value;
+    };
+    using EntitlementReader = std::function<EntitlementAnswer(const zrp::AuditToken&, std::string_view)>;
+
+    // Empty or null members take the device's own: the entitlement registry
+    // and the shared QVLHOperations.
+    struct Services {
+        EntitlementReader entitlements;
+        QVLHOperations* operations = nullptr;
+    };
+
     static QVLHMessageResponder& sharedInstance();
+    explicit QVLHMessageResponder(Services services);
 
     QVLHMessageResponder(const QVLHMessageResponder&) = delete;
     QVLHMessageResponder& operator=(const QVLHMessageResponder&) = delete;
@@ -73,20 +96,6 @@ class QVLHMessageResponder {
     void sendProgress(int64_t percent);
     void sendData(std::span<const uint8_t> bytes);
 
-    // Where the gate reads entitlements. A reader answers, for an audit token
-    // and an entitlement name, whether a client task could be made for the
-    // token (`taskFound`) and the entitlement's value, if any. The default
-    // reads the platform's entitlement registry; tests put in their own.
-    struct EntitlementAnswer {
-        bool taskFound = false;
-        std::optional<plist::Value> value;
-    };
-    using EntitlementReader = std::function<EntitlementAnswer(const zrp::AuditToken&, std::string_view)>;
-    void setEntitlementReaderForTesting(EntitlementReader reader);
-
-    // The names of every command a request can reach, in table order.
-    static std::vector<std::string_view> commandNames();
-
     // ---- Parameter helpers for commands. Each answers null/nullopt when the
     // parameter or entry is missing or of another kind.
     static const std::string* stringParameter(const plist::Value& parameter);
@@ -103,8 +112,6 @@ class QVLHMessageResponder {
     static void logEntering(const char* fullName, const plist::Value& parameter);
 
   private:
-    QVLHMessageResponder();
-
     using CommandMethod = bool (QVLHMessageResponder::*)(const plist::Value& parameter);
     struct Command {
         std::string_view name;
@@ -129,10 +136,10 @@ class QVLHMessageResponder {
     bool reboot(const plist::Value& parameter);
     bool quitHelper(const plist::Value& parameter);
 
+    const EntitlementReader entitlementReader_;
+    QVLHOperations& operations_;
     mutable std::mutex connectionLock_;
     std::weak_ptr<zrp::Connection> connection_;
-    std::mutex readerLock_;
-    EntitlementReader entitlementReader_;
 };
 
 }  // namespace qvl

@@ -5,9 +5,12 @@
 #include <vector>
 
 #include "base/QVLLogCapture.h"
+#include "operations/QVLHOperations.h"
 
 namespace qvl {
 namespace {
+
+using Lines = std::vector<std::string>;
 
 // A connection that records what is sent on it.
 class RecordingConnection : public zrp::Connection {
@@ -27,124 +30,118 @@ class RecordingConnection : public zrp::Connection {
     std::vector<zrp::Dictionary> sent;
 };
 
-class ResponderTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        connection = std::make_shared<RecordingConnection>();
-        responder().setConnection(connection);
-        grant(plist::Value(true));
+// A responder whose gate answers `granted` (and, unless told otherwise,
+// finds the client's task), on a recording connection.
+struct Harness {
+    explicit Harness(std::optional<plist::Value> granted, bool taskFound = true)
+        : responder({[=, this](const zrp::AuditToken& token, std::string_view name) {
+                         asked.push_back(std::to_string(token.pid) + " " + std::string(name));
+                         return QVLHMessageResponder::EntitlementAnswer{taskFound, granted};
+                     },
+                     &operations}) {
+        responder.setConnection(connection);
     }
-    void TearDown() override {
-        responder().setEntitlementReaderForTesting(nullptr);
-        responder().setConnection(nullptr);
-    }
-    static QVLHMessageResponder& responder() { return QVLHMessageResponder::sharedInstance(); }
-
-    void grant(std::optional<plist::Value> value, bool taskFound = true) {
-        responder().setEntitlementReaderForTesting(
-            [value, taskFound, this](const zrp::AuditToken& token, std::string_view name) {
-                seenPid = token.pid;
-                seenName = std::string(name);
-                return QVLHMessageResponder::EntitlementAnswer{taskFound, value};
-            });
-    }
-
-    std::shared_ptr<RecordingConnection> connection;
-    pid_t seenPid = -1;
-    std::string seenName;
+    std::vector<std::string> asked;
+    QVLHOperations operations{QVLHOperations::Services{}};
+    std::shared_ptr<RecordingConnection> connection = std::make_shared<RecordingConnection>();
+    QVLHMessageResponder responder;
 };
 
-TEST_F(ResponderTest, GateAcceptsOnlyATrueBoolean) {
-    EXPECT_TRUE(responder().hasEntitlementQuorvaled());
-    EXPECT_EQ(seenPid, 42);
-    EXPECT_EQ(seenName, "com.ostrel.private.quorvale.quorvaled");
-
-    QVLLogCapture capture;
-    grant(plist::Value(false));
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-    grant(plist::Value("true"));
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-    grant(plist::Value(1));
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-    grant(std::nullopt);
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-    grant(plist::Value(true), /*taskFound=*/false);
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-
-    const std::vector<std::string> expected = {
-        "-[QVLHMessageResponder hasEntitlementQuorvaled]: format not correct: true",
-        "-[QVLHMessageResponder hasEntitlementQuorvaled]: format not correct: 1",
-        "-[QVLHMessageResponder hasEntitlementQuorvaled]: No data received.",
-        "-[QVLHMessageResponder hasEntitlementQuorvaled]: Cannot create Pelkor from audit token",
+TEST(ResponderTest, GateAcceptsOnlyATrueBoolean) {
+    const std::string name = "-[QVLHMessageResponder hasEntitlementQuorvaled]";
+    const struct {
+        std::optional<plist::Value> value;
+        bool taskFound;
+        const char* line;  // null: granted
+    } cases[] = {
+        {plist::Value(true), true, nullptr},
+        {plist::Value(false), true, ""},
+        {plist::Value("true"), true, ": format not correct: true"},
+        {plist::Value(1), true, ": format not correct: 1"},
+        {std::nullopt, true, ": No data received."},
+        {plist::Value(true), false, ": Cannot create Pelkor from audit token"},
     };
-    EXPECT_EQ(capture.lines(), expected);
+    for (const auto& c : cases) {
+        Harness h(c.value, c.taskFound);
+        QVLLogCapture capture;
+        EXPECT_EQ(h.responder.hasEntitlementQuorvaled(), c.line == nullptr);
+        EXPECT_EQ(h.asked, Lines{"42 com.ostrel.private.quorvale.quorvaled"});
+        EXPECT_EQ(capture.lines(), c.line && *c.line ? Lines{name + c.line} : Lines{});
+    }
 }
 
-TEST_F(ResponderTest, RefusedClientGetsNothingAndNoCommandRuns) {
-    grant(plist::Value("YES"));
+TEST(ResponderTest, RefusedClientGetsNothingAndNoCommandRuns) {
+    Harness h(plist::Value("YES"));
     zrp::Dictionary request;
     request.setString("prepareWorkContainer:", "/private/var/QVLWorkContainer");
     QVLLogCapture capture;
-    responder().handleZRPMessage(request);
-    EXPECT_TRUE(connection->sent.empty());
-    ASSERT_EQ(capture.lines().size(), 2u);
-    EXPECT_EQ(capture.lines()[1], "The client does not have proper entitlement");
+    h.responder.handleZRPMessage(request);
+    EXPECT_TRUE(h.connection->sent.empty());
+    EXPECT_EQ(capture.lines(),
+              (Lines{"-[QVLHMessageResponder hasEntitlementQuorvaled]: format not correct: YES",
+                     "The client does not have proper entitlement"}));
 }
 
-TEST_F(ResponderTest, UnknownCommandStopsTheRequestAndEmptyRequestSaysNothing) {
+TEST(ResponderTest, DispatchAnswersEachCommandAndStopsAtAnUnknownOne) {
+    Harness h(plist::Value(true));
     QVLLogCapture capture;
-    responder().handleZRPMessage(zrp::Dictionary());
+    h.responder.handleZRPMessage(zrp::Dictionary());
     EXPECT_TRUE(capture.lines().empty());
 
+    // Parameters of the wrong kind are refused before anything is touched.
+    zrp::Dictionary nvram;
+    nvram.setString("Name", "boot-args");
     zrp::Dictionary request;
+    request.setInt64("prepareWorkContainer:", 5);
+    request.set("writeNvram:", zrp::Value(nvram));
     request.setBool("sharedInstance", true);
-    request.setBool("setConnection:", true);
     request.setBool("noSuchCommand:", true);
-    responder().handleZRPMessage(request);
-    EXPECT_TRUE(connection->sent.empty());
+    h.responder.handleZRPMessage(request);
+    ASSERT_EQ(h.connection->sent.size(), 2u);
+    for (const auto& answer : h.connection->sent) {
+        EXPECT_EQ(answer.size(), 1u);
+        EXPECT_EQ(*answer.find("Response")->asBool(), false);
+    }
     // Nothing after the first unknown key is looked at, and no other method is reachable.
-    EXPECT_EQ(capture.lines(),
-              std::vector<std::string>{"QVLHMessageResponder does not respond to sharedInstance."});
-}
+    EXPECT_EQ(
+        capture.lines(),
+        (Lines{"Entering -[QVLHMessageResponder prepareWorkContainer:] with parameter: 5",
+               "-[QVLHMessageResponder prepareWorkContainer:]: expected a folder path string, got 5",
+               "Entering -[QVLHMessageResponder writeNvram:] with parameter: {\n    Name = boot-args;\n}",
+               "-[QVLHMessageResponder writeNvram:]: expected a dictionary with a \"Name\" string and a "
+               "\"Value\", got {\n    Name = boot-args;\n}",
+               "QVLHMessageResponder does not respond to sharedInstance."}));
 
-TEST_F(ResponderTest, KeyThatCannotNameAMethod) {
     // Requests from the wire never carry NUL; a dictionary built in-process can.
-    QVLLogCapture capture;
-    zrp::Dictionary request;
-    request.setBool(std::string_view("a\0b", 3), true);
-    responder().handleZRPMessage(request);
+    capture.clear();
+    zrp::Dictionary nul;
+    nul.setBool(std::string_view("a\0b", 3), true);
+    h.responder.handleZRPMessage(nul);
     ASSERT_EQ(capture.lines().size(), 1u);
-    EXPECT_EQ(capture.lines()[0].rfind("selector is nil for ", 0), 0u);
+    EXPECT_TRUE(capture.lines()[0].starts_with("selector is nil for "));
 }
 
-TEST_F(ResponderTest, OutgoingMessagesHaveOneEntryOfTheRightKind) {
-    responder().sendPassResponse();
-    responder().sendFailResponse();
-    responder().sendProgress(42);
-    const std::vector<uint8_t> bytes{1, 2, 3};
-    responder().sendData(bytes);
-    ASSERT_EQ(connection->sent.size(), 4u);
-    for (const auto& message : connection->sent) EXPECT_EQ(message.size(), 1u);
-    EXPECT_EQ(*connection->sent[0].find("Response")->asBool(), true);
-    EXPECT_EQ(*connection->sent[1].find("Response")->asBool(), false);
-    EXPECT_EQ(*connection->sent[2].find("Progress")->asInt64(), 42);
-    EXPECT_EQ(*connection->sent[3].find("Data")->asData(), bytes);
-}
+TEST(ResponderTest, ConnectionIsWeakAndSendsToNobodyAreDropped) {
+    Harness h(plist::Value(true));
+    h.responder.sendProgress(42);
+    h.responder.sendData(std::vector<uint8_t>{1, 2, 3});
+    ASSERT_EQ(h.connection->sent.size(), 2u);
+    EXPECT_EQ(*h.connection->sent[0].find("Progress")->asInt64(), 42);
+    EXPECT_EQ(*h.connection->sent[1].find("Data")->asData(), (std::vector<uint8_t>{1, 2, 3}));
 
-TEST_F(ResponderTest, ConnectionIsWeakAndSendsToNobodyAreDropped) {
-    std::weak_ptr<RecordingConnection> weak = connection;
-    connection.reset();
+    std::weak_ptr<RecordingConnection> weak = h.connection;
+    h.connection.reset();
     EXPECT_TRUE(weak.expired());
-    EXPECT_EQ(responder().connection(), nullptr);
-    responder().sendPassResponse();
-    responder().sendProgress(1);
-
-    // With no connection the token is empty: the gate refuses like any other client.
-    responder().setEntitlementReaderForTesting(nullptr);
+    EXPECT_EQ(h.responder.connection(), nullptr);
+    h.responder.sendPassResponse();
+    // With no connection the token is empty: the registry finds no task, and
+    // the gate refuses like any other client.
+    QVLHMessageResponder registry({{}, &h.operations});
     QVLLogCapture capture;
-    EXPECT_FALSE(responder().hasEntitlementQuorvaled());
-    EXPECT_TRUE(capture.contains(
-        "-[QVLHMessageResponder hasEntitlementQuorvaled]: Cannot create Pelkor from audit token"));
+    EXPECT_FALSE(registry.hasEntitlementQuorvaled());
+    EXPECT_EQ(
+        capture.lines(),
+        Lines{"-[QVLHMessageResponder hasEntitlementQuorvaled]: Cannot create Pelkor from audit token"});
 }
 
 TEST(ResponderParameterTest, TypedReadsAnswerNothingForWrongKindsOrMissingEntries) {
@@ -166,18 +163,24 @@ TEST(ResponderParameterTest, TypedReadsAnswerNothingForWrongKindsOrMissingEntrie
     EXPECT_EQ(*R::stringEntry(dict, "Path"), "/x");
     EXPECT_EQ(R::stringEntry(dict, "IsBackup"), nullptr);
     EXPECT_EQ(R::stringEntry(text, "Path"), nullptr);
-
-    EXPECT_EQ(R::boolEntry(dict, "IsBackup"), true);
-    EXPECT_EQ(R::boolEntry(dict, "Flag"), false);
-    EXPECT_EQ(R::boolEntry(dict, "Path"), std::nullopt);
-    EXPECT_EQ(R::boolEntry(dict, "Missing"), std::nullopt);
-
-    // Native 32-bit int: wider values keep their low 32 bits.
-    EXPECT_EQ(R::intEntry(dict, "Location"), 5);
-    EXPECT_EQ(R::intEntry(dict, "Negative"), -1);
-    EXPECT_EQ(R::intEntry(dict, "Real"), 3);
-    EXPECT_EQ(R::intEntry(dict, "Text"), std::nullopt);
-    EXPECT_EQ(R::intEntry(dict, "Missing"), std::nullopt);
+    const struct {
+        const char* key;
+        std::optional<bool> asBool;
+        std::optional<int32_t> asInt;  // native 32-bit int: wider values keep their low 32 bits
+    } entries[] = {
+        {"IsBackup", true, 1},
+        {"Flag", false, 0},
+        {"Path", std::nullopt, std::nullopt},
+        {"Location", true, 5},
+        {"Negative", true, -1},
+        {"Real", true, 3},
+        {"Text", std::nullopt, std::nullopt},
+        {"Missing", std::nullopt, std::nullopt},
+    };
+    for (const auto& e : entries) {
+        EXPECT_EQ(R::boolEntry(dict, e.key), e.asBool) << e.key;
+        EXPECT_EQ(R::intEntry(dict, e.key), e.asInt) << e.key;
+    }
     EXPECT_EQ(R::intEntry(text, "Location"), std::nullopt);
 }
 

@@ -4,16 +4,17 @@
 // parks in the event loop.
 //
 // Exit statuses: 0 when the listener reports termination (SIGTERM) or that it
-// is invalid; 1 when it can't be created or reports any other error.
+// is invalid; 1 when it can't be created or reports any other error. Every
+// end goes through platform::exitProcess, as "quitHelper:" does.
 
 #include <cassert>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 
 #include "base/QVLLog.h"
 #include "base/QVLLogModel.h"
 #include "base/QVLProgressUpdater.h"
+#include "platform/reboot/ProcessExit.h"
 #include "platform/zrp/ZRP.h"
 #include "qvald_helper/QVLHMessageResponder.h"
 
@@ -41,10 +42,10 @@ void handleListenerEvent(const zrp::Event& event) {
     switch (event.errorKind()) {
         case zrp::Event::Error::TerminationImminent:
             QVLLog("ZRP connection will be closed");
-            std::exit(0);
+            qvl::platform::exitProcess(0);
         case zrp::Event::Error::ConnectionInvalid:
             QVLLog("No ZRP connection, exiting");
-            std::exit(0);
+            qvl::platform::exitProcess(0);
         default: {
             QVLLog("Got ZRP error on listener connection: %s", event.description());
             std::shared_ptr<zrp::Connection> listener;
@@ -53,7 +54,7 @@ void handleListenerEvent(const zrp::Event& event) {
                 listener = gListener;
             }
             if (listener) listener->cancel();
-            std::exit(1);
+            qvl::platform::exitProcess(1);
         }
     }
 }
@@ -89,7 +90,7 @@ void QVLH_start_listener() {
     auto listener = zrp::createListener(kServiceName, &error);
     if (!listener) {
         QVLLog("Could not create ZRP listener.");
-        std::exit(1);
+        qvl::platform::exitProcess(1);
     }
     gListener = listener;
     listener->setEventHandler(handleListenerEvent);

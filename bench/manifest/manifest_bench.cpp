@@ -21,6 +21,8 @@
 #include "manifest/QVLSignedManifest.h"
 #include "platform/containers/ContainerLookup.h"
 #include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "platform/trust/TrustService.h"
 #include "plist/PropertyList.h"
 
@@ -89,7 +91,8 @@ int generate(const std::string& out, size_t records, size_t components) {
     outer.set("InstallationOrder", Value(std::move(order)));
     outer.set("Backup", Value(std::move(backups)));
     std::string error;
-    if (!qvl::plist::writeFileAtomically(out, Value(std::move(outer)), qvl::plist::Format::Binary, &error)) {
+    if (!qvl::platform::writePropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), out,
+                                              Value(std::move(outer)), qvl::plist::Format::Binary, &error)) {
         fprintf(stderr, "manifest_bench: %s\n", error.c_str());
         return 1;
     }
@@ -126,15 +129,12 @@ int verify(const std::string& path) {
     services.deviceInfo = &device;
     services.manifestVerifier = qvl::QVLSignedManifest::contentChecksOf(*checker);
 
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return 2;
     struct rusage before;
     getrusage(RUSAGE_SELF, &before);
     const double cpuBefore = cpuSeconds(before);
     const auto start = std::chrono::steady_clock::now();
-    auto manifest = qvl::QVLSignedManifest::signedManifestWithNSStream(fd, std::move(services));
+    auto manifest = qvl::QVLSignedManifest::loadFromFile(path, std::move(services));
     const auto seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    close(fd);
 
     struct rusage usage;
     getrusage(RUSAGE_SELF, &usage);

@@ -13,13 +13,15 @@
 #include <sys/resource.h>
 
 #include <chrono>
-#include <ctime>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <string>
 
 #include "bench/plist/ManifestFixture.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace {
@@ -99,7 +101,8 @@ long peakKiB() {
 
 int generate(const char* path, size_t count) {
     std::string error;
-    if (!qvl::plist::writeFileAtomically(path, qvl::bench::makeManifest(count), Format::Binary, &error)) {
+    if (!qvl::platform::writePropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), path,
+                                              qvl::bench::makeManifest(count), Format::Binary, &error)) {
         fprintf(stderr, "bench_plist: %s\n", error.c_str());
         return 1;
     }
@@ -141,7 +144,8 @@ int once(const std::string& op, const char* path, int n) {
 int main(int argc, char** argv) {
     if (argc >= 3 && strcmp(argv[1], "generate") == 0)
         return generate(argv[2], argc > 3 ? std::stoul(argv[3]) : kRecords);
-    if (argc == 5 && strcmp(argv[1], "once") == 0 && (strcmp(argv[2], "read") == 0 || strcmp(argv[2], "write") == 0))
+    if (argc == 5 && strcmp(argv[1], "once") == 0 &&
+        (strcmp(argv[2], "read") == 0 || strcmp(argv[2], "write") == 0))
         return once(argv[2], argv[3], std::max(1, atoi(argv[4])));
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;

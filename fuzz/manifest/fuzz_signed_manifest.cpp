@@ -164,9 +164,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             [&](qvl::QVLDemoManifestCheck& c) { return c.secureManifestCheckForUnsegmentedManifest(&raw); });
     };
 
-    qvl::QVLSignedManifest manifest(services);
-    if (!manifest.initWithBytes({data, size})) return 0;
-    const auto payload = manifest.payload();
+    const auto manifest = qvl::QVLSignedManifest::loadFromBytes({data, size}, services);
+    if (!manifest) return 0;
+    const auto payload = manifest->payload();
     if (!payload) abort();
     // A version 2 payload is the raw manifest; its signature covers the outer "Payload".
     const auto outer = qvl::plist::read(std::span<const uint8_t>(data, size));

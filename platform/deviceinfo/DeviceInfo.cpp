@@ -4,7 +4,8 @@
 
 #include <limits>
 
-#include "plist/PropertyList.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 
 namespace qvl::platform {
 
@@ -36,7 +37,7 @@ DeviceInfo& DeviceInfo::sharedInstance() {
 }
 
 std::optional<plist::Value> DeviceInfo::copyAnswer(std::string_view question) const {
-    const auto file = plist::readFile(paths_.infoFile);
+    const auto file = readPropertyListFile(LinuxFileSystem::sharedInstance(), paths_.infoFile);
     const plist::Dictionary* info = file ? file->asDictionary() : nullptr;
 
     if (question == "DiskUsage") return diskUsage(info);
@@ -75,7 +76,7 @@ std::optional<plist::Value> DeviceInfo::diskUsage(const plist::Dictionary* info)
 }
 
 std::optional<plist::Value> DeviceInfo::diskUsageFromVolumes() const {
-    const auto table = plist::readFile(paths_.volumesFile);
+    const auto table = readPropertyListFile(LinuxFileSystem::sharedInstance(), paths_.volumesFile);
     const plist::Array* volumes = table ? table->asArray() : nullptr;
     if (!volumes || volumes->size() > kMaxVolumes) return std::nullopt;
     for (const plist::Value& entry : *volumes) {

@@ -11,7 +11,8 @@
 #include <mutex>
 #include <vector>
 
-#include "plist/PropertyList.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 
 namespace qvl::entitlements {
 
@@ -145,7 +146,8 @@ class RegistryCache {
     }
 
     static std::shared_ptr<const plist::Value> parse(const std::string& path) {
-        std::optional<plist::Value> root = plist::readFile(path);
+        std::optional<plist::Value> root =
+            platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path);
         return root ? std::make_shared<const plist::Value>(std::move(*root)) : nullptr;
     }
 

@@ -11,7 +11,8 @@
 
 #include <gtest/gtest.h>
 
-#include "plist/PropertyList.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 
 namespace qvl::entitlements {
 namespace {
@@ -44,7 +45,8 @@ class RegistryTest : public ::testing::Test {
         entry.set("Executable", exe);
         if (uid) entry.set("UserID", *uid);
         entry.set("Entitlements", granted);
-        ASSERT_TRUE(plist::writeFileAtomically(dir_ + "/" + file, entry, format));
+        ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
+                                                    dir_ + "/" + file, entry, format));
     }
     void writeRaw(const std::string& file, const std::string& bytes) {
         std::ofstream(dir_ + "/" + file) << bytes;
@@ -84,7 +86,8 @@ TEST_F(RegistryTest, MatchingEntryWithoutTheKeyGivesNoValue) {
     plist::Dictionary entry;
     entry.set("Executable", kProgram);
     entry.set("Entitlements", plist::Dictionary());
-    ASSERT_TRUE(plist::writeFileAtomically(dir_ + "/a.plist", entry, plist::Format::XML));
+    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
+                                                dir_ + "/a.plist", entry, plist::Format::XML));
     writeEntry("b.plist", kProgram, std::nullopt, plist::Value(true));
     EXPECT_FALSE(lookup());
 }
@@ -153,7 +156,8 @@ TEST_F(RegistryTest, NonIntegerUserIDBindsNobody) {
     entry.set("Executable", kProgram);
     entry.set("UserID", std::to_string(getuid()));
     entry.set("Entitlements", granted);
-    ASSERT_TRUE(plist::writeFileAtomically(dir_ + "/a.plist", entry, plist::Format::XML));
+    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
+                                                dir_ + "/a.plist", entry, plist::Format::XML));
     EXPECT_FALSE(lookup());
 }
 

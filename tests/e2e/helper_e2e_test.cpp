@@ -17,7 +17,7 @@
 #include <vector>
 
 #include "platform/zrp/ZRP.h"
-#include "tests/e2e/Sandbox.h"
+#include "tests/support/Sandbox.h"
 
 namespace qvl::e2e {
 namespace {

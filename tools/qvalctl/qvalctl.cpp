@@ -10,6 +10,8 @@
 #include <cstring>
 #include <set>
 
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace qvl::qvalctl {
@@ -401,7 +403,8 @@ std::optional<zrp::Value> zrpFromPlist(const plist::Value& v, std::string* error
 
 std::optional<zrp::Dictionary> requestFromFile(const std::string& path, std::string* error) {
     plist::ReadError readError;
-    std::optional<plist::Value> root = plist::readFile(path, &readError);
+    std::optional<plist::Value> root =
+        platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path, &readError);
     if (!root) return fail(error, "cannot read " + path + ": " + readError.message), std::nullopt;
     if (!root->isDictionary()) return fail(error, path + " does not hold a dictionary"), std::nullopt;
     std::optional<zrp::Value> request = zrpFromPlist(*root, error);

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "platform/zrp/ZRPTestService.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace qvl::qvalctl {
@@ -196,7 +198,7 @@ TEST_F(QvalctlRun, RequestFileTravelsWithItsKinds) {
     plist::Dictionary request;
     request.set("echo:", parameter);
     const std::string file = service_.dir() + "/request.plist";
-    ASSERT_TRUE(plist::writeFileAtomically(file, plist::Value(request), plist::Format::Binary));
+    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), file, plist::Value(request), plist::Format::Binary));
     std::optional<zrp::Dictionary> r = requestFromFile(file, nullptr);
     ASSERT_TRUE(r);
     // An integer that fits 64 signed bits goes as one: the helper reads no other kind.
@@ -211,7 +213,7 @@ TEST_F(QvalctlRun, RequestFileTravelsWithItsKinds) {
 
     std::string error;
     EXPECT_FALSE(requestFromFile(service_.dir() + "/missing.plist", &error));
-    ASSERT_TRUE(plist::writeFileAtomically(file, plist::Value(plist::Array{}), plist::Format::XML));
+    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), file, plist::Value(plist::Array{}), plist::Format::XML));
     EXPECT_FALSE(requestFromFile(file, &error));
     EXPECT_EQ(error, file + " does not hold a dictionary");
 }

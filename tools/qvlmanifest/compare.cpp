@@ -8,6 +8,7 @@
 
 #include "metadata/QVLFileDigest.h"
 #include "metadata/QVLManifest.h"
+#include "platform/fs/LinuxFileSystem.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {
@@ -87,7 +88,8 @@ int compareVerb(Arguments args) {
     if (!a) return kExitFailure;
     std::optional<plist::Dictionary> b = readManifest(files[1]);
     if (!b) return kExitFailure;
-    const QVLManifest left(&*a), right(&*b);
+    const QVLManifest left(platform::LinuxFileSystem::sharedInstance(), &*a),
+        right(platform::LinuxFileSystem::sharedInstance(), &*b);
 
     std::vector<std::string> keys;
     keys.reserve(a->size() + b->size());

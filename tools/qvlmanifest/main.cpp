@@ -5,7 +5,8 @@
 #include <vector>
 
 #include "base/QVLLogModel.h"
-#include "plist/PropertyList.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {
@@ -60,7 +61,8 @@ void logToStandardError() {
 
 std::optional<plist::Value> readPropertyListFile(const std::string& path) {
     plist::ReadError error;
-    std::optional<plist::Value> value = plist::readFile(path, &error);
+    std::optional<plist::Value> value =
+        platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path, &error);
     if (!value) fail("cannot read " + path + ": " + error.message);
     return value;
 }

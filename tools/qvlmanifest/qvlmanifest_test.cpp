@@ -5,6 +5,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace {
@@ -64,12 +66,13 @@ TEST_F(QvlmanifestTool, ScanWithRootSkipsAndSupersetAndItsErrors) {
     ASSERT_EQ(run(tree_.string() + options), 2) << "the verb comes first";
     ASSERT_EQ(run("scan " + tree_.string() + options), 0) << err_;
     EXPECT_EQ(slurp(out).substr(0, 8), "bplist00");
-    EXPECT_EQ(keysOf(qvl::plist::readFile(out.string())),
+    EXPECT_EQ(keysOf(qvl::platform::readPropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), out.string())),
               (std::vector<std::string>{"/var", "/var/a", "/var/a/one", "/var/a/two", "/var/link"}));
 
     // The superset names absolute paths, as the helper's does.
     const fs::path superset = dir_ / "superset.plist";
-    ASSERT_TRUE(qvl::plist::writeFileAtomically(
+    ASSERT_TRUE(qvl::platform::writePropertyListFile(
+        qvl::platform::LinuxFileSystem::sharedInstance(),
         superset.string(), qvl::plist::Array{qvl::plist::Value((tree_ / "a/two").string())},
         qvl::plist::Format::XML));
     ASSERT_EQ(run("scan " + tree_.string() + " --superset " + superset.string() + " --xml"), 0) << err_;

@@ -10,6 +10,8 @@
 
 #include "base/QVLProgressUpdater.h"
 #include "metadata/QVLManifest.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 #include "tools/qvlmanifest/Verbs.h"
 
@@ -116,7 +118,8 @@ bool writeManifest(const plist::Value& manifest, const ScanOptions& options) {
     const plist::Format format = options.xml ? plist::Format::XML : plist::Format::Binary;
     if (!options.output.empty()) {
         std::string error;
-        if (!plist::writeFileAtomically(options.output, manifest, format, &error)) {
+        if (!platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), options.output,
+                                             manifest, format, &error)) {
             fail("cannot write " + options.output + ": " + error);
             return false;
         }
@@ -156,13 +159,10 @@ int scanVerb(Arguments args) {
     }
     if (options.verbose) logToStandardError();
 
-    QVLManifest manifest;
-    QVLProgressUpdater updater;
+    QVLManifest manifest(platform::LinuxFileSystem::sharedInstance());
+    QVLProgressUpdater updater(drawProgress);
     const bool showProgress = !options.verbose && isatty(STDERR_FILENO);
-    if (showProgress) {
-        updater.setProgressSender(drawProgress);
-        manifest.setProgressUpdater(&updater);
-    }
+    if (showProgress) manifest.setProgressUpdater(&updater);
     const bool walked = manifest.addFilesFromPath(
         directory, root, options.skip.empty() ? nullptr : &options.skip, superset ? &*superset : nullptr);
     if (showProgress) std::fprintf(stderr, "\n");

@@ -10,6 +10,8 @@
 
 #include "manifest/QVLManifestSigner.h"
 #include "metadata/QVLManifest.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 #include "tools/qvlmanifest/Verbs.h"
 
@@ -98,7 +100,7 @@ std::optional<Dictionary> fileManifestOf(const Recipe& recipe, const Dictionary&
         const std::string directory = resolve(recipe, *folder);
         const std::string* relativeTo = component.getString("RelativeTo");
         const std::string root = relativeTo ? resolve(recipe, *relativeTo) : directory;
-        QVLManifest manifest;
+        QVLManifest manifest(platform::LinuxFileSystem::sharedInstance());
         if (!fs::is_directory(directory) || !manifest.addFilesFromPath(directory, root, nullptr)) {
             fail("sign: cannot scan " + directory);
             return std::nullopt;
@@ -265,7 +267,8 @@ int signVerb(Arguments args) {
                                         : segmentedManifest(recipe, certificates, components);
     if (!manifest) return kExitFailure;
     std::string error;
-    if (!plist::writeFileAtomically(output, Value(std::move(*manifest)), recipe.format, &error))
+    if (!platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), output,
+                                         Value(std::move(*manifest)), recipe.format, &error))
         return fail("sign: cannot write " + output + ": " + error);
     return kExitSuccess;
 }

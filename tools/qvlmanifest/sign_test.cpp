@@ -11,6 +11,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace {
@@ -154,7 +156,7 @@ TEST_F(QvlmanifestSignTest, DigestMatchesTheSignatureUnderOpenSSL) {
     const std::string prefix = "Backup/backup.BaseBackup ";
     const size_t at = digest.out.find(prefix);
     ASSERT_NE(at, std::string::npos) << digest.out;
-    auto manifest = qvl::plist::readFile(file("m.signed"));
+    auto manifest = qvl::platform::readPropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), file("m.signed"));
     ASSERT_TRUE(manifest);
     const auto* signature = manifest->asDictionary()
                                 ->getDictionary("Backup")

@@ -6,9 +6,6 @@
 // says what the signatures of this manifest cover and what they leave open.
 // Exit status: 0 accepted, 1 refused, 2 bad usage or unreadable file.
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -18,8 +15,9 @@
 #include "manifest/QVLSignedManifest.h"
 #include "platform/containers/ContainerLookup.h"
 #include "platform/deviceinfo/DeviceInfo.h"
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "platform/trust/TrustService.h"
-#include "plist/PropertyList.h"
 #include "tools/qvlmanifest/Verbs.h"
 
 namespace qvl::qvlmanifest {
@@ -174,8 +172,9 @@ int verifyVerb(Arguments args) {
             "verify: usage: qvlmanifest verify FILE [--anchors DIR] "
             "[--production-device | --development-device] [-v]");
 
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return fail("verify: cannot open " + path);
+    // Opened as the helper opens it: a link at the name is not followed.
+    if (!platform::LinuxFileSystem::sharedInstance().openRegularFile(path, {}).valid())
+        return fail("verify: cannot open " + path);
 
     platform::TrustService trust(anchors);
     FixedFuseDevice fixedDevice(fused.value_or(true));
@@ -193,15 +192,14 @@ int verifyVerb(Arguments args) {
     services.trust = &trust;
     services.deviceInfo = &device;
     if (checker) services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
-    auto manifest = QVLSignedManifest::signedManifestWithNSStream(fd, services);
-    close(fd);
+    auto manifest = QVLSignedManifest::loadFromFile(path, services);
     observation.reset();
 
     std::fflush(stderr);
-    const auto file = plist::readFile(path);
+    const auto file = platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path);
     const bool development = device.signingFuse() == false;
-    QVLSignedManifest judge(services);
-    printSummary(file ? *file : Value(), manifest.get(), judge, development);
+    const std::unique_ptr<QVLSignedManifest> judge = QVLSignedManifest::verifier(services);
+    printSummary(file ? *file : Value(), manifest.get(), *judge, development);
     if (verbose) printCoverage(file ? *file : Value());
     return manifest ? kExitSuccess : kExitDifferent;
 }

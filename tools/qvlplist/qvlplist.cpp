@@ -9,6 +9,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/fs/LinuxFileSystem.h"
+#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
 
 namespace {
@@ -48,7 +50,8 @@ bool isHelp(std::string_view arg) {
 
 std::optional<qvl::plist::Value> load(const std::string& path) {
     qvl::plist::ReadError error;
-    auto value = qvl::plist::readFile(path, &error);
+    auto value =
+        qvl::platform::readPropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), path, &error);
     if (!value) fprintf(stderr, "qvlplist: %s\n", error.message.c_str());
     return value;
 }
@@ -81,7 +84,8 @@ int print(const std::string& path) {
 int lint(const std::string& path) {
     qvl::plist::ReadError error;
     Format format;
-    if (!qvl::plist::readFile(path, &error, &format)) {
+    if (!qvl::platform::readPropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(), path, &error,
+                                             &format)) {
         fprintf(stderr, "qvlplist: %s\n", error.message.c_str());
         return kFailed;
     }
@@ -122,7 +126,8 @@ int convert(const std::vector<std::string>& args) {
     auto value = load(files[0]);
     if (!value) return kFailed;
     std::string error;
-    if (!qvl::plist::writeFileAtomically(out.empty() ? files[0] : out, *value, *to, &error)) {
+    if (!qvl::platform::writePropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(),
+                                              out.empty() ? files[0] : out, *value, *to, &error)) {
         fprintf(stderr, "qvlplist: %s\n", error.c_str());
         return kFailed;
     }

@@ -1,4 +1,4 @@
-#include "tests/e2e/Sandbox.h"
+#include "tests/support/Sandbox.h"
 
 #include <signal.h>
 #include <unistd.h>

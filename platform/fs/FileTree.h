@@ -1,17 +1,21 @@
-// File-tree primitives for the device operations: linking a tree into a new
-// place and removing a tree, both without ever following a symbolic link
-// (a link inside a tree is linked or removed as the link itself), both working
-// through directory descriptors so that a folder swapped for a link while the
-// walk runs is refused instead of followed.
+// FileTree: the tree work behind LinuxFileSystem (code above platform/ goes
+// through FileSystem): linking a tree into a new place and removing a tree,
+// both without ever following a symbolic link (a link inside a tree is linked
+// or removed as the link itself), both working through directory descriptors
+// so that a folder swapped for a link while the walk runs is refused instead
+// of followed. Also the one listing of an open folder.
 //
 // Results are errno values: 0 for success.
 //
 // Thread-safety: no shared state; safe from any thread.
 #pragma once
 
+#include <dirent.h>
+
+#include <memory>
 #include <string>
 
-namespace qvl::ops {
+namespace qvl::platform {
 
 // Trees deeper than this are refused (ELOOP): each level holds two open
 // descriptors, and the walk must stay well inside the process's limit.
@@ -32,4 +36,12 @@ int linkTree(const std::string& existing, const std::string& newPath);
 // the first error, leaving what was not yet removed.
 int removeTree(const std::string& path);
 
-}  // namespace qvl::ops
+// A listing of an open folder, on a copy of its descriptor so that the
+// folder's own descriptor stays usable for the *at() calls.
+struct DirCloser {
+    void operator()(DIR* d) const { ::closedir(d); }
+};
+using DirStream = std::unique_ptr<DIR, DirCloser>;
+DirStream openStream(int folderFd);
+
+}  // namespace qvl::platform

@@ -1,4 +1,4 @@
-#include "metadata/MetadataTestSupport.h"
+#include "tests/support/TestSupport.h"
 
 #include <fcntl.h>
 #include <ftw.h>
@@ -16,7 +16,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "platform/reboot/SystemRestart.h"
 
 namespace qvl::testing {
 namespace {
@@ -82,6 +87,15 @@ std::string TempTree::fifo(const std::string& relative) const {
     return p;
 }
 
+struct stat TempTree::stat(const std::string& relative) const {
+    return lstatOf(path(relative));
+}
+
+bool TempTree::exists(const std::string& relative) const {
+    struct stat st;
+    return ::lstat(path(relative).c_str(), &st) == 0;
+}
+
 std::string TempTree::socket(const std::string& relative) const {
     const std::string p = path(relative);
     makeParents(p);
@@ -94,48 +108,6 @@ std::string TempTree::socket(const std::string& relative) const {
     ::close(fd);
     if (rc != 0) throw std::runtime_error("bind failed");
     return p;
-}
-
-int FaultyPort::statItem(const std::string& path, platform::ItemStat* out) {
-    if (failStat && failStat(path)) return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::statItem(path, out);
-}
-
-ssize_t FaultyPort::listExtendedAttributes(const std::string& path, char* buffer, size_t size) {
-    if (!buffer && failFirstListExtendedAttributes && failFirstListExtendedAttributes(path)) {
-        return errno = errnoToSet, -1;
-    }
-    if (buffer && failListExtendedAttributes && failListExtendedAttributes(path))
-        return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::listExtendedAttributes(path, buffer, size);
-}
-
-ssize_t FaultyPort::getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
-                                         size_t size) {
-    if (failGetExtendedAttribute && failGetExtendedAttribute(name, buffer == nullptr)) {
-        return errno = errnoToSet, -1;
-    }
-    return LinuxFileAttributesPort::getExtendedAttribute(path, name, buffer, size);
-}
-
-int FaultyPort::listDirectory(const std::string& path, std::vector<platform::DirectoryEntry>* out) {
-    if (failListDirectory && failListDirectory(path)) return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::listDirectory(path, out);
-}
-
-int FaultyPort::openForReading(const std::string& path, uint64_t* size) {
-    if (failOpen && failOpen(path)) return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::openForReading(path, size);
-}
-
-ssize_t FaultyPort::read(int fd, void* buffer, size_t size) {
-    if (++reads == failReadNumber) return errno = errnoToSet, -1;
-    return LinuxFileAttributesPort::read(fd, buffer, size);
-}
-
-void FaultyPort::adviseDone(int fd, off_t offset, off_t length) {
-    doneAdvice.emplace_back(offset, length);
-    LinuxFileAttributesPort::adviseDone(fd, offset, length);
 }
 
 plist::Data sha1Of(const std::string& bytes) {
@@ -161,6 +133,28 @@ void setUserAttribute(const std::string& path, const std::string& name, const st
     if (::lsetxattr(path.c_str(), full.c_str(), value.data(), value.size(), 0) != 0) {
         throw std::runtime_error("setxattr " + full + " on " + path + ": " + std::strerror(errno));
     }
+}
+
+struct stat lstatOf(const std::string& path) {
+    struct stat st {};
+    EXPECT_EQ(::lstat(path.c_str(), &st), 0) << path;
+    return st;
+}
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream(path, std::ios::binary) << text;
+}
+
+bool inDeviceSandbox() {
+    const auto ns = platform::currentPidNamespaceInode();
+    char target[64] = {};
+    return ns && *ns != platform::kInitialPidNamespaceInode && ::access("/opt/qvl/src", F_OK) == 0 &&
+           ::readlink("/var", target, sizeof target - 1) > 0 && std::string(target) == "private/var";
 }
 
 }  // namespace qvl::testing

@@ -1,4 +1,4 @@
-#include "operations/FileTree.h"
+#include "platform/fs/FileTree.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,15 +14,10 @@
 
 #include "base/UniqueFd.h"
 
-namespace qvl::ops {
+namespace qvl::platform {
 namespace {
 
 using Fd = UniqueFd;
-
-struct DirCloser {
-    void operator()(DIR* d) const { ::closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
 
 constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
@@ -34,21 +29,11 @@ bool isDotOrDotDot(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// A second stream over the folder, so the caller's descriptor stays usable
-// for the *at() calls while readdir consumes the copy.
-DirPtr openStream(int dirFd) {
-    int copy = ::fcntl(dirFd, F_DUPFD_CLOEXEC, 0);
-    if (copy < 0) return nullptr;
-    DIR* d = ::fdopendir(copy);
-    if (!d) ::close(copy);
-    return DirPtr(d);
-}
-
 // Calls `visit(name)` for every entry but "." and "..", stopping at the
 // first non-zero result.
 template <class Visit>
 int forEachEntry(int dirFd, Visit visit) {
-    DirPtr stream = openStream(dirFd);
+    DirStream stream = openStream(dirFd);
     if (!stream) return lastError();
     for (;;) {
         errno = 0;
@@ -148,6 +133,14 @@ int linkTree(const std::string& existing, const std::string& newPath) {
     return ::linkat(AT_FDCWD, existing.c_str(), AT_FDCWD, newPath.c_str(), 0) == 0 ? 0 : lastError();
 }
 
+DirStream openStream(int folderFd) {
+    const int copy = ::fcntl(folderFd, F_DUPFD_CLOEXEC, 0);
+    if (copy < 0) return nullptr;
+    DIR* d = ::fdopendir(copy);
+    if (!d) ::close(copy);
+    return DirStream(d);
+}
+
 int removeTree(const std::string& path) {
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0) return lastError();
@@ -158,4 +151,4 @@ int removeTree(const std::string& path) {
     return ::rmdir(path.c_str()) == 0 ? 0 : lastError();
 }
 
-}  // namespace qvl::ops
+}  // namespace qvl::platform

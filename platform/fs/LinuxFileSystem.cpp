@@ -1,4 +1,4 @@
-#include "platform/fileattrs/LinuxFileAttributesPort.h"
+#include "platform/fs/LinuxFileSystem.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,11 +12,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
-#include "base/UniqueFd.h"
+#include "base/DescriptorIO.h"
+#include "platform/fs/FileAccess.h"
+#include "platform/fs/FileTree.h"
 
 namespace qvl::platform {
 namespace {
@@ -26,6 +29,18 @@ constexpr std::string_view kUserPrefix = "user.";
 constexpr size_t kMaxNameListSize = 1 << 20;
 // Account database records are small; a larger one is refused.
 constexpr size_t kMaxAccountRecordSize = 1 << 20;
+
+// Turns an errno result of the helpers into this interface's -1 with errno.
+int posixResult(int err) {
+    if (err == 0) return 0;
+    errno = err;
+    return -1;
+}
+
+UniqueFd descriptorResult(int err, UniqueFd fd) {
+    if (err != 0) errno = err;
+    return fd;
+}
 
 ItemType typeFromMode(mode_t mode) {
     switch (mode & S_IFMT) {
@@ -155,20 +170,20 @@ void lookupAccount(Lookup lookup) {
 
 }  // namespace
 
-LinuxFileAttributesPort& LinuxFileAttributesPort::sharedInstance() {
-    static LinuxFileAttributesPort port;
+LinuxFileSystem& LinuxFileSystem::sharedInstance() {
+    static LinuxFileSystem port;
     return port;
 }
 
-int LinuxFileAttributesPort::statItem(const std::string& path, ItemStat* out) {
+int LinuxFileSystem::statItem(const std::string& path, ItemStat* out) {
     return statWithFlags(path, AT_SYMLINK_NOFOLLOW, out);
 }
 
-int LinuxFileAttributesPort::statFollowingLinks(const std::string& path, ItemStat* out) {
+int LinuxFileSystem::statFollowingLinks(const std::string& path, ItemStat* out) {
     return statWithFlags(path, 0, out);
 }
 
-int LinuxFileAttributesPort::setImmutableFlag(const std::string& path, bool immutable) {
+int LinuxFileSystem::setImmutableFlag(const std::string& path, bool immutable) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) return -1;
     int flags = 0;
@@ -182,19 +197,19 @@ int LinuxFileAttributesPort::setImmutableFlag(const std::string& path, bool immu
     return ::ioctl(fd.get(), FS_IOC_SETFLAGS, &wanted);
 }
 
-std::optional<std::string> LinuxFileAttributesPort::protectionClass(const std::string& path) {
+std::optional<std::string> LinuxFileSystem::protectionClass(const std::string& path) {
     char value[kMaxProtectionClassLength];
     ssize_t n = ::lgetxattr(path.c_str(), kProtectionClassAttribute, value, sizeof(value));
     if (n < 0) return std::nullopt;
     return std::string(value, static_cast<size_t>(n));
 }
 
-int LinuxFileAttributesPort::setProtectionClass(const std::string& path, const std::string& protectionClass) {
+int LinuxFileSystem::setProtectionClass(const std::string& path, const std::string& protectionClass) {
     return ::lsetxattr(path.c_str(), kProtectionClassAttribute, protectionClass.data(),
                        protectionClass.size(), 0);
 }
 
-ssize_t LinuxFileAttributesPort::listExtendedAttributes(const std::string& path, char* buffer, size_t size) {
+ssize_t LinuxFileSystem::listExtendedAttributes(const std::string& path, char* buffer, size_t size) {
     std::string raw;
     if (rawNameList(path, &raw) != 0) return -1;
     std::string names;
@@ -217,19 +232,19 @@ ssize_t LinuxFileAttributesPort::listExtendedAttributes(const std::string& path,
     return static_cast<ssize_t>(names.size());
 }
 
-ssize_t LinuxFileAttributesPort::getExtendedAttribute(const std::string& path, const std::string& name,
-                                                      void* buffer, size_t size) {
+ssize_t LinuxFileSystem::getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
+                                              size_t size) {
     const std::string fullName = std::string(kUserPrefix) + name;
     return ::lgetxattr(path.c_str(), fullName.c_str(), buffer, buffer ? size : 0);
 }
 
-int LinuxFileAttributesPort::setExtendedAttribute(const std::string& path, const std::string& name,
-                                                  const void* value, size_t size) {
+int LinuxFileSystem::setExtendedAttribute(const std::string& path, const std::string& name, const void* value,
+                                          size_t size) {
     const std::string fullName = std::string(kUserPrefix) + name;
     return ::lsetxattr(path.c_str(), fullName.c_str(), value, size, 0);
 }
 
-int LinuxFileAttributesPort::readLink(const std::string& path, std::string* out) {
+int LinuxFileSystem::readLink(const std::string& path, std::string* out) {
     std::string text(PATH_MAX, '\0');
     ssize_t n = ::readlink(path.c_str(), text.data(), text.size());
     if (n < 0) return -1;
@@ -242,22 +257,20 @@ int LinuxFileAttributesPort::readLink(const std::string& path, std::string* out)
     return 0;
 }
 
-int LinuxFileAttributesPort::listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) {
+int LinuxFileSystem::listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) {
     // O_NOFOLLOW: a folder swapped for a link during a walk is not followed.
-    int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return -1;
-    DIR* dir = ::fdopendir(fd);
-    if (dir == nullptr) {
-        int saved = errno;
-        ::close(fd);
-        errno = saved;
-        return -1;
-    }
-    std::unique_ptr<DIR, int (*)(DIR*)> closer(dir, ::closedir);
+    const UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder.valid()) return -1;
+    return listFolder(folder.get(), out);
+}
+
+int LinuxFileSystem::listFolder(int folderFd, std::vector<DirectoryEntry>* out) {
+    const DirStream stream = openStream(folderFd);
+    if (!stream) return -1;
     std::vector<DirectoryEntry> entries;
     for (;;) {
         errno = 0;
-        const dirent* entry = ::readdir(dir);
+        const dirent* entry = ::readdir(stream.get());
         if (entry == nullptr) {
             if (errno != 0) return -1;
             break;
@@ -270,63 +283,128 @@ int LinuxFileAttributesPort::listDirectory(const std::string& path, std::vector<
     return 0;
 }
 
-int LinuxFileAttributesPort::openForReading(const std::string& path, uint64_t* size) {
+int LinuxFileSystem::createFolders(const std::string& path, uint32_t mode) {
+    return posixResult(platform::createFolders(path, mode));
+}
+
+int LinuxFileSystem::linkTree(const std::string& existing, const std::string& newPath) {
+    return posixResult(platform::linkTree(existing, newPath));
+}
+
+int LinuxFileSystem::removeTree(const std::string& path) {
+    return posixResult(platform::removeTree(path));
+}
+
+int LinuxFileSystem::moveItem(const std::string& from, const std::string& to) {
+    return ::rename(from.c_str(), to.c_str());
+}
+
+int LinuxFileSystem::moveItemWithoutReplacing(const std::string& from, const std::string& to) {
+    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
+    // File systems without the no-replace flag get a plain rename after a look.
+    if (errno != EINVAL) return -1;
+    struct stat st;
+    if (::lstat(to.c_str(), &st) == 0) return posixResult(EEXIST);
+    return ::rename(from.c_str(), to.c_str());
+}
+
+UniqueFd LinuxFileSystem::openFolder(const std::string& path) {
+    UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    // The kernel says ENOTDIR for a link; it is a link all the same.
+    if (!folder.valid() && errno == ENOTDIR && ::lstat(path.c_str(), &st) == 0 && S_ISLNK(st.st_mode))
+        errno = ELOOP;
+    return folder;
+}
+
+UniqueFd LinuxFileSystem::openFolderBeneath(const std::string& base, const std::string& relative, bool create,
+                                            uint32_t mode) {
+    UniqueFd folder;
+    const int err = platform::openFolderBeneath(base, relative, create, mode, &folder);
+    return descriptorResult(err, std::move(folder));
+}
+
+int LinuxFileSystem::changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) {
+    return ::fchownat(folderFd, name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW);
+}
+
+UniqueFd LinuxFileSystem::openRegularFile(const std::string& path, const RegularFileOptions& options) {
+    UniqueFd file;
+    const int err = platform::openRegularFile(path, options, &file);
+    return descriptorResult(err, std::move(file));
+}
+
+int LinuxFileSystem::readFile(const std::string& path, uint64_t limit, std::vector<uint8_t>* out,
+                              const RegularFileOptions& options) {
+    UniqueFd file;
+    if (const int err = platform::openRegularFile(path, options, &file)) return posixResult(err);
+    return posixResult(readAll(file.get(), limit, out));
+}
+
+int LinuxFileSystem::writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                                         std::optional<uint32_t> mode) {
+    return posixResult(platform::writeFileAtomically(path, bytes, mode));
+}
+
+UniqueFd LinuxFileSystem::openForReading(const std::string& path, uint64_t* size) {
     constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     // Reading for a digest should not change access times; only the owner or
     // root may ask for that, so fall back to a plain open.
-    int fd = ::open(path.c_str(), kFlags | O_NOATIME);
-    if (fd < 0 && errno == EPERM) fd = ::open(path.c_str(), kFlags);
-    if (fd < 0) return -1;
+    UniqueFd fd(::open(path.c_str(), kFlags | O_NOATIME));
+    if (!fd.valid() && errno == EPERM) fd.reset(::open(path.c_str(), kFlags));
+    if (!fd.valid()) return fd;
     // Only a regular file has content that ends: a fifo or a device would
     // block or never stop.
     struct stat st {};
-    if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-        ::close(fd);
+    if (::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
         errno = EINVAL;
-        return -1;
+        return UniqueFd();
     }
     if (size) *size = static_cast<uint64_t>(st.st_size);
     return fd;
 }
 
-ssize_t LinuxFileAttributesPort::read(int fd, void* buffer, size_t size) {
+ssize_t LinuxFileSystem::read(int fd, void* buffer, size_t size) {
     for (;;) {
         ssize_t n = ::read(fd, buffer, size);
         if (n >= 0 || errno != EINTR) return n;
     }
 }
 
-void LinuxFileAttributesPort::adviseSequential(int fd) {
+void LinuxFileSystem::adviseSequential(int fd) {
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
 }
 
-void LinuxFileAttributesPort::adviseDone(int fd, off_t offset, off_t length) {
+void LinuxFileSystem::adviseDone(int fd, off_t offset, off_t length) {
     ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
 }
 
-void LinuxFileAttributesPort::prefetch(const std::string& path, off_t length) {
+void LinuxFileSystem::prefetch(const std::string& path, off_t length) {
     UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
     if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
 }
 
-int LinuxFileAttributesPort::close(int fd) {
-    return ::close(fd);
-}
-
-int LinuxFileAttributesPort::changeOwner(const std::string& path, uint32_t uid, uint32_t gid) {
+int LinuxFileSystem::changeOwner(const std::string& path, uint32_t uid, uint32_t gid) {
     return ::lchown(path.c_str(), uid, gid);
 }
 
-int LinuxFileAttributesPort::changeMode(const std::string& path, uint32_t mode) {
+int LinuxFileSystem::changeMode(const std::string& path, uint32_t mode) {
     return ::fchmodat(AT_FDCWD, path.c_str(), mode, AT_SYMLINK_NOFOLLOW);
 }
 
-int LinuxFileAttributesPort::setModificationTime(const std::string& path, const timespec& when) {
+int LinuxFileSystem::resolvedPath(const std::string& path, std::string* out) {
+    char buffer[PATH_MAX];
+    if (!::realpath(path.c_str(), buffer)) return -1;
+    *out = buffer;
+    return 0;
+}
+
+int LinuxFileSystem::setModificationTime(const std::string& path, const timespec& when) {
     const timespec times[2] = {{0, UTIME_OMIT}, when};
     return ::utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW);
 }
 
-std::optional<std::string> LinuxFileAttributesPort::userName(uint32_t uid) {
+std::optional<std::string> LinuxFileSystem::userName(uint32_t uid) {
     std::optional<std::string> name;
     lookupAccount<passwd>([&](passwd* entry, char* buffer, size_t size, passwd** result) {
         int rc = ::getpwuid_r(uid, entry, buffer, size, result);
@@ -336,7 +414,7 @@ std::optional<std::string> LinuxFileAttributesPort::userName(uint32_t uid) {
     return name;
 }
 
-std::optional<std::string> LinuxFileAttributesPort::groupName(uint32_t gid) {
+std::optional<std::string> LinuxFileSystem::groupName(uint32_t gid) {
     std::optional<std::string> name;
     lookupAccount<group>([&](group* entry, char* buffer, size_t size, group** result) {
         int rc = ::getgrgid_r(gid, entry, buffer, size, result);
@@ -346,7 +424,7 @@ std::optional<std::string> LinuxFileAttributesPort::groupName(uint32_t gid) {
     return name;
 }
 
-std::optional<uint32_t> LinuxFileAttributesPort::userID(const std::string& name) {
+std::optional<uint32_t> LinuxFileSystem::userID(const std::string& name) {
     std::optional<uint32_t> id;
     lookupAccount<passwd>([&](passwd* entry, char* buffer, size_t size, passwd** result) {
         int rc = ::getpwnam_r(name.c_str(), entry, buffer, size, result);
@@ -356,7 +434,7 @@ std::optional<uint32_t> LinuxFileAttributesPort::userID(const std::string& name)
     return id;
 }
 
-std::optional<uint32_t> LinuxFileAttributesPort::groupID(const std::string& name) {
+std::optional<uint32_t> LinuxFileSystem::groupID(const std::string& name) {
     std::optional<uint32_t> id;
     lookupAccount<group>([&](group* entry, char* buffer, size_t size, group** result) {
         int rc = ::getgrnam_r(name.c_str(), entry, buffer, size, result);

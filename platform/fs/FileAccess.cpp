@@ -1,0 +1,146 @@
+#include "platform/fs/FileAccess.h"
+
+#include <sys/random.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string_view>
+
+#include "base/DescriptorIO.h"
+
+namespace qvl::platform {
+namespace {
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// Longest part of the target's name kept in a temporary name, so that the
+// temporary name stays within NAME_MAX.
+constexpr size_t kTemporaryNameStem = 200;
+constexpr int kTemporaryNameAttempts = 16;
+
+int lastError() {
+    return errno != 0 ? errno : EIO;
+}
+
+// Why opening `name` in `folderFd` as a folder failed: a link there reads
+// as ELOOP (the kernel says ENOTDIR for it).
+int folderOpenError(int folderFd, const char* name) {
+    const int err = lastError();
+    struct stat st;
+    if (err == ENOTDIR && ::fstatat(folderFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
+        return ELOOP;
+    return err;
+}
+
+// Random, so that another user of the folder can't take the names ahead of us.
+std::string temporaryName(std::string_view target) {
+    uint8_t random[8] = {};
+    if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+        const uint64_t fallback = static_cast<uint64_t>(::getpid()) ^ static_cast<uint64_t>(::time(nullptr));
+        for (size_t i = 0; i < sizeof random; ++i) random[i] = static_cast<uint8_t>(fallback >> (8 * i));
+    }
+    static constexpr char kHex[] = "0123456789abcdef";
+    std::string name = "." + std::string(target.substr(0, kTemporaryNameStem)) + ".";
+    for (uint8_t byte : random) {
+        name.push_back(kHex[byte >> 4]);
+        name.push_back(kHex[byte & 0xf]);
+    }
+    return name;
+}
+
+// "a/b/c" gives ("a/b", "c"), "c" gives (".", "c"), "/c" gives ("/", "c").
+std::pair<std::string, std::string> splitFolderAndName(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return {".", path};
+    return {slash == 0 ? "/" : path.substr(0, slash), path.substr(slash + 1)};
+}
+
+}  // namespace
+
+int openRegularFile(const std::string& path, const RegularFileOptions& options, UniqueFd* out) {
+    int flags = options.access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    if (!options.followLinks) flags |= O_NOFOLLOW;
+    if (options.create) flags |= O_CREAT | (options.exclusive ? O_EXCL : 0);
+    UniqueFd fd(::open(path.c_str(), flags, options.mode));
+    if (!fd.valid()) return lastError();
+    struct stat st;
+    if (::fstat(fd.get(), &st) != 0) return lastError();
+    if (!S_ISREG(st.st_mode)) return EINVAL;
+    if (options.requireRootOwner && st.st_uid != 0) return EPERM;
+    *out = std::move(fd);
+    return 0;
+}
+
+int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                        std::optional<uint32_t> mode) {
+    const auto [folder, name] = splitFolderAndName(path);
+    if (name.empty() || name == "." || name == "..") return EISDIR;
+    UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!dir.valid()) return lastError();
+    uint32_t newMode = mode.value_or(0644);
+    struct stat old;
+    if (!mode && ::fstatat(dir.get(), name.c_str(), &old, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(old.st_mode))
+        newMode = old.st_mode & 07777;
+
+    std::string temp;
+    UniqueFd file;
+    for (int attempt = 0; attempt < kTemporaryNameAttempts && !file.valid(); ++attempt) {
+        temp = temporaryName(name);
+        file.reset(
+            ::openat(dir.get(), temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+        if (!file.valid() && errno != EEXIST) return lastError();
+    }
+    if (!file.valid()) return EEXIST;
+    int err = ::fchmod(file.get(), newMode) == 0 ? 0 : lastError();
+    if (err == 0) err = writeAll(file.get(), bytes);
+    if (err == 0 && ::fsync(file.get()) != 0) err = lastError();
+    if (err == 0 && !file.closeChecked()) err = lastError();
+    if (err == 0 && ::renameat(dir.get(), temp.c_str(), dir.get(), name.c_str()) != 0) err = lastError();
+    if (err != 0) {
+        file.reset();
+        ::unlinkat(dir.get(), temp.c_str(), 0);
+        return err;
+    }
+    // Makes the rename itself durable; a failure here leaves the new file in
+    // place, so it is not reported.
+    ::fsync(dir.get());
+    return 0;
+}
+
+int openFolderBeneath(const std::string& base, const std::string& relative, bool create, uint32_t mode,
+                      UniqueFd* out) {
+    UniqueFd current(::open(base.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!current.valid()) return lastError();
+    size_t start = 0;
+    while (start <= relative.size()) {
+        size_t end = relative.find('/', start);
+        if (end == std::string::npos) end = relative.size();
+        const std::string name = relative.substr(start, end - start);
+        start = end + 1;
+        if (name.empty() || name == ".") continue;
+        if (name == "..") return EXDEV;
+        UniqueFd next(::openat(current.get(), name.c_str(), kFolderFlags));
+        if (!next.valid() && errno == ENOENT && create) {
+            if (::mkdirat(current.get(), name.c_str(), mode) != 0 && errno != EEXIST) return lastError();
+            next.reset(::openat(current.get(), name.c_str(), kFolderFlags));
+        }
+        if (!next.valid()) return folderOpenError(current.get(), name.c_str());
+        current = std::move(next);
+    }
+    *out = std::move(current);
+    return 0;
+}
+
+int createFolders(const std::string& path, uint32_t mode) {
+    if (path.empty()) return ENOENT;
+    for (size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
+        const std::string prefix = path.substr(0, pos);
+        if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) return lastError();
+        if (pos == std::string::npos) break;
+    }
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return lastError();
+    return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
+}
+
+}  // namespace qvl::platform

@@ -1,0 +1,28 @@
+// FileAccess: the opening, writing and walking behind LinuxFileSystem for
+// files and folders that another user may be able to change (code above
+// platform/ goes through FileSystem, which documents each call).
+//
+// Results are errno values: 0 for success; descriptors come back through
+// `out`, which is left alone on failure.
+//
+// Thread-safety: no shared state; safe from any thread.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+
+#include "base/UniqueFd.h"
+#include "platform/fs/FileSystem.h"
+
+namespace qvl::platform {
+
+int openRegularFile(const std::string& path, const RegularFileOptions& options, UniqueFd* out);
+int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                        std::optional<uint32_t> mode);
+int openFolderBeneath(const std::string& base, const std::string& relative, bool create, uint32_t mode,
+                      UniqueFd* out);
+int createFolders(const std::string& path, uint32_t mode);
+
+}  // namespace qvl::platform

@@ -1,0 +1,183 @@
+// FileSystem: the one door to the host's files, folders, links, owners, modes
+// and attributes. Everything above platform/ reaches the file system through
+// this interface, handed in at construction (a Services struct or a
+// constructor argument), so a test can put in a faulty one;
+// LinuxFileSystem::sharedInstance() is the real one.
+//
+// Conventions, as for the POSIX calls underneath: a call answering int gives
+// 0 for success and -1 with errno set on failure; a call answering a UniqueFd
+// gives an invalid one with errno set. Every descriptor is close-on-exec.
+// Calls act on the item itself and never follow a final symbolic link,
+// except where a name or an option says otherwise.
+//
+// Extended attributes are the platform's: the `user.` namespace, named
+// without the prefix; names of other namespaces are never listed, and writing
+// a name writes `user.` + name. The data-protection class of an item lives in
+// the attribute "trusted.ostrel.protection-class".
+//
+// Three calls are built for folders that another user can write:
+//   - openRegularFile opens without following a link at the name and without
+//     blocking (a fifo or a device there can't stall the caller), then checks
+//     that a regular file was opened (and, if asked, one owned by root);
+//   - writeFileAtomically replaces a file whole or not at all: a new
+//     temporary file (O_EXCL) in the same folder, fsync, rename; the name
+//     itself is never followed, so a link planted there is replaced, not
+//     written through;
+//   - openFolderBeneath walks a relative path below a base folder one name at
+//     a time without following any link and refuses "..", so a client's path
+//     can't lead out of the base.
+//
+// Thread-safety: the Linux file system keeps no state and may be used from
+// any thread.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "base/UniqueFd.h"
+
+namespace qvl::platform {
+
+enum class ItemType : uint8_t {
+    kUnknown,
+    kRegular,
+    kDirectory,
+    kSymbolicLink,
+    kSocket,
+    kCharacterSpecial,
+    kBlockSpecial,
+    kFifo,
+};
+
+struct ItemStat {
+    ItemType type = ItemType::kUnknown;
+    uint32_t permissions = 0;  // set-user-ID, set-group-ID, sticky and access bits
+    uint32_t uid = 0;
+    uint32_t gid = 0;
+    uint64_t size = 0;
+    uint64_t linkCount = 0;
+    uint64_t device = 0;
+    uint64_t inode = 0;
+    timespec modification{};
+    std::optional<timespec> birth;  // only where the file system records one
+    bool immutable = false;         // false where the file system has no such flag
+};
+
+struct DirectoryEntry {
+    std::string name;
+    ItemType type = ItemType::kUnknown;  // kUnknown when the directory did not say
+};
+
+// How openRegularFile opens. Whatever the options, the open never blocks and
+// anything but a regular file is refused (EINVAL).
+struct RegularFileOptions {
+    int access = O_RDONLY;          // O_RDONLY, O_WRONLY or O_RDWR, optionally | O_APPEND
+    bool create = false;            // create the file when missing...
+    bool exclusive = false;         // ...and only then: an existing one is EEXIST
+    uint32_t mode = 0644;           // of a created file
+    bool followLinks = false;       // a link at the name: ELOOP unless set
+    bool requireRootOwner = false;  // a file of another owner: EPERM
+};
+
+class FileSystem {
+  public:
+    // The attribute that holds an item's data-protection class.
+    static constexpr const char* kProtectionClassAttribute = "trusted.ostrel.protection-class";
+    // Longest protection class read back; longer values are not classes.
+    static constexpr size_t kMaxProtectionClassLength = 255;
+
+    virtual ~FileSystem() = default;
+
+    // ---- Items and their attributes.
+    virtual int statItem(const std::string& path, ItemStat* out) = 0;
+    // Like statItem, but a final symbolic link is followed.
+    virtual int statFollowingLinks(const std::string& path, ItemStat* out) = 0;
+    virtual int setImmutableFlag(const std::string& path, bool immutable) = 0;
+    // The protection class, or nullopt when the item carries none.
+    virtual std::optional<std::string> protectionClass(const std::string& path) = 0;
+    virtual int setProtectionClass(const std::string& path, const std::string& protectionClass) = 0;
+    // listxattr/getxattr/setxattr over the `user.` namespace, prefix removed.
+    // A null buffer asks for the size; these answer a size or -1.
+    virtual ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) = 0;
+    virtual ssize_t getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
+                                         size_t size) = 0;
+    virtual int setExtendedAttribute(const std::string& path, const std::string& name, const void* value,
+                                     size_t size) = 0;
+    virtual int readLink(const std::string& path, std::string* out) = 0;
+    virtual int changeOwner(const std::string& path, uint32_t uid, uint32_t gid) = 0;  // lchown
+    // The mode of the item itself; a link has none (EOPNOTSUPP).
+    virtual int changeMode(const std::string& path, uint32_t mode) = 0;
+    virtual int setModificationTime(const std::string& path, const timespec& when) = 0;
+    // The path with every link resolved (realpath(3)).
+    virtual int resolvedPath(const std::string& path, std::string* out) = 0;
+
+    // ---- Folders and trees.
+    // Entries of a directory in the file system's order, without "." and "..".
+    virtual int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) = 0;
+    // Creates the folder and every missing folder above it with `mode` (the
+    // umask applies); a folder already there is fine, anything else is not.
+    virtual int createFolders(const std::string& path, uint32_t mode) = 0;
+    // Creates `newPath` as a hard link of `existing`; a folder is linked as a
+    // new folder of links (see FileTree.h). All or nothing.
+    virtual int linkTree(const std::string& existing, const std::string& newPath) = 0;
+    // Removes the item with everything in it, on its own file system only.
+    virtual int removeTree(const std::string& path) = 0;
+    // rename(2): a file or an empty folder at `to` is replaced.
+    virtual int moveItem(const std::string& from, const std::string& to) = 0;
+    // The same, but nothing at `to` is ever replaced (EEXIST).
+    virtual int moveItemWithoutReplacing(const std::string& from, const std::string& to) = 0;
+
+    // ---- Folders by descriptor, for work that must not be redirected
+    // between two calls.
+    // Opens a folder; a link at the path is refused (ELOOP).
+    virtual UniqueFd openFolder(const std::string& path) = 0;
+    // Opens the folder at `relative` below the folder `base`: names are
+    // taken one at a time, "." and empty ones skipped, ".." refused (EXDEV),
+    // a link refused (ELOOP). With `create`, missing folders are made with
+    // `mode` on the way.
+    virtual UniqueFd openFolderBeneath(const std::string& base, const std::string& relative, bool create,
+                                       uint32_t mode) = 0;
+    virtual int listFolder(int folderFd, std::vector<DirectoryEntry>* out) = 0;
+    // The owner of the entry `name` of an open folder; a link is changed
+    // itself, never its target.
+    virtual int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) = 0;
+
+    // ---- Files.
+    virtual UniqueFd openRegularFile(const std::string& path, const RegularFileOptions& options) = 0;
+    // The whole content of a regular file opened with `options`; EFBIG when
+    // it holds more than `limit` bytes. `out` is replaced only on success.
+    virtual int readFile(const std::string& path, uint64_t limit, std::vector<uint8_t>* out,
+                         const RegularFileOptions& options) = 0;
+    // Replaces `path` with `bytes`, whole or not at all. `mode` is the new
+    // file's; without one, a regular file at the name keeps its mode (looked
+    // at without following a link) and a new one gets 0644.
+    virtual int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                                    std::optional<uint32_t> mode) = 0;
+    // For digests: a regular file opened for reading (links followed,
+    // without changing its access time where allowed); `size` (may be null)
+    // receives its size at opening.
+    virtual UniqueFd openForReading(const std::string& path, uint64_t* size) = 0;
+    virtual ssize_t read(int fd, void* buffer, size_t size) = 0;
+    // Advice that the file is read once from start to end, and that the
+    // pages of [offset, offset + length) are no longer needed.
+    virtual void adviseSequential(int fd) = 0;
+    virtual void adviseDone(int fd, off_t offset, off_t length) = 0;
+    // Asks the kernel to start reading the first `length` bytes of a regular
+    // file that will be read soon, without waiting for them.
+    virtual void prefetch(const std::string& path, off_t length) = 0;
+
+    // ---- Accounts: names and ids; nullopt when the system has no such account.
+    virtual std::optional<std::string> userName(uint32_t uid) = 0;
+    virtual std::optional<std::string> groupName(uint32_t gid) = 0;
+    virtual std::optional<uint32_t> userID(const std::string& name) = 0;
+    virtual std::optional<uint32_t> groupID(const std::string& name) = 0;
+};
+
+}  // namespace qvl::platform

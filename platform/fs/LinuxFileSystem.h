@@ -1,0 +1,63 @@
+// LinuxFileSystem: FileSystem over Linux system calls (statx, the *xattr
+// calls that do not follow links, FS_IOC_*FLAGS, posix_fadvise, the *at()
+// calls over folder descriptors). The calls are virtual so that a test can
+// derive a file system that fails one of them.
+//
+// Thread-safety: keeps no state; any thread may use it.
+#pragma once
+
+#include "platform/fs/FileSystem.h"
+
+namespace qvl::platform {
+
+class LinuxFileSystem : public FileSystem {
+  public:
+    static LinuxFileSystem& sharedInstance();
+
+    int statItem(const std::string& path, ItemStat* out) override;
+    int statFollowingLinks(const std::string& path, ItemStat* out) override;
+    int setImmutableFlag(const std::string& path, bool immutable) override;
+    std::optional<std::string> protectionClass(const std::string& path) override;
+    int setProtectionClass(const std::string& path, const std::string& protectionClass) override;
+    ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) override;
+    ssize_t getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
+                                 size_t size) override;
+    int setExtendedAttribute(const std::string& path, const std::string& name, const void* value,
+                             size_t size) override;
+    int readLink(const std::string& path, std::string* out) override;
+    int changeOwner(const std::string& path, uint32_t uid, uint32_t gid) override;
+    int changeMode(const std::string& path, uint32_t mode) override;
+    int setModificationTime(const std::string& path, const timespec& when) override;
+    int resolvedPath(const std::string& path, std::string* out) override;
+
+    int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) override;
+    int createFolders(const std::string& path, uint32_t mode) override;
+    int linkTree(const std::string& existing, const std::string& newPath) override;
+    int removeTree(const std::string& path) override;
+    int moveItem(const std::string& from, const std::string& to) override;
+    int moveItemWithoutReplacing(const std::string& from, const std::string& to) override;
+
+    UniqueFd openFolder(const std::string& path) override;
+    UniqueFd openFolderBeneath(const std::string& base, const std::string& relative, bool create,
+                               uint32_t mode) override;
+    int listFolder(int folderFd, std::vector<DirectoryEntry>* out) override;
+    int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) override;
+
+    UniqueFd openRegularFile(const std::string& path, const RegularFileOptions& options) override;
+    int readFile(const std::string& path, uint64_t limit, std::vector<uint8_t>* out,
+                 const RegularFileOptions& options) override;
+    int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                            std::optional<uint32_t> mode) override;
+    UniqueFd openForReading(const std::string& path, uint64_t* size) override;
+    ssize_t read(int fd, void* buffer, size_t size) override;
+    void adviseSequential(int fd) override;
+    void adviseDone(int fd, off_t offset, off_t length) override;
+    void prefetch(const std::string& path, off_t length) override;
+
+    std::optional<std::string> userName(uint32_t uid) override;
+    std::optional<std::string> groupName(uint32_t gid) override;
+    std::optional<uint32_t> userID(const std::string& name) override;
+    std::optional<uint32_t> groupID(const std::string& name) override;
+};
+
+}  // namespace qvl::platform

@@ -1,0 +1,53 @@
+// TestSupport: fixtures shared by the tests: a temporary tree on a disk file
+// system (user extended attributes need one), small file helpers, the SHA-1
+// of bytes, running a command for a cross-check, and whether the test runs
+// inside the device sandbox.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+
+#include "plist/PlistValue.h"
+
+namespace qvl::testing {
+
+// A fresh folder under /var/tmp, removed with everything in it at the end
+// (immutable flags are lifted first).
+class TempTree {
+  public:
+    TempTree();
+    ~TempTree();
+    TempTree(const TempTree&) = delete;
+    TempTree& operator=(const TempTree&) = delete;
+
+    const std::string& root() const { return root_; }
+    std::string path(const std::string& relative) const { return root_ + "/" + relative; }
+    // Each creates the item (and its missing folders) and answers its path.
+    std::string file(const std::string& relative, const std::string& content = "", mode_t mode = 0644) const;
+    std::string folder(const std::string& relative, mode_t mode = 0755) const;
+    std::string symlink(const std::string& relative, const std::string& target) const;
+    std::string fifo(const std::string& relative) const;
+    std::string socket(const std::string& relative) const;
+    // lstat of an item, which must exist.
+    struct stat stat(const std::string& relative) const;
+    bool exists(const std::string& relative) const;
+
+  private:
+    std::string root_;
+};
+
+// lstat of `path`, which must exist.
+struct stat lstatOf(const std::string& path);
+std::string readText(const std::string& path);
+void writeText(const std::string& path, const std::string& text);
+plist::Data sha1Of(const std::string& bytes);
+// Runs a shell command and returns its standard output.
+std::string commandOutput(const std::string& command);
+void setUserAttribute(const std::string& path, const std::string& name, const std::string& value);
+// Whether this process runs inside the device sandbox (tools/qvl-sandbox),
+// where the device's fixed paths are its own to change.
+bool inDeviceSandbox();
+
+}  // namespace qvl::testing
