@@ -10,11 +10,10 @@
 // A container is excluded from backup when its folder carries the extended
 // attribute "user.ostrel.backup.exclude" with the value "1".
 //
-// Thread-safety: the lookup keeps no state besides its fixed root and the
-// read-only flag (atomic); calls may come from any thread.
+// Thread-safety: the lookup keeps no state besides its fixed root and
+// read-only flag; calls may come from any thread.
 #pragma once
 
-#include <atomic>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -49,14 +48,12 @@ class FileContainerLookup : public ContainerLookup {
     static constexpr const char* kDefaultRoot = "/private/var/db/platform/containers";
     static constexpr const char* kExcludeAttribute = "user.ostrel.backup.exclude";
 
-    // The process-wide lookup over kDefaultRoot, creating missing containers
-    // until setReadOnly(true) is called.
+    // The process-wide lookup over kDefaultRoot, creating missing containers.
     static FileContainerLookup& sharedInstance();
 
     explicit FileContainerLookup(std::string root = kDefaultRoot, bool readOnly = false);
 
-    void setReadOnly(bool readOnly) { readOnly_.store(readOnly); }
-    bool readOnly() const { return readOnly_.load(); }
+    bool readOnly() const { return readOnly_; }
     const std::string& root() const { return root_; }
 
     std::optional<ContainerInfo> containerPath(std::string_view identifier,
@@ -69,7 +66,7 @@ class FileContainerLookup : public ContainerLookup {
 
   private:
     std::string root_;
-    std::atomic<bool> readOnly_;
+    const bool readOnly_;
 };
 
 }  // namespace qvl::platform
