@@ -131,14 +131,25 @@ pid_t Sandbox::helperPid() const {
     return static_cast<pid_t>(std::atol(result.output.c_str()));
 }
 
-std::string Sandbox::writeFile(const std::string& name, const std::vector<uint8_t>& bytes) {
-    std::ofstream out(root_ + "/private/var/tmp/" + name, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-    return "/private/var/tmp/" + name;
+CommandResult Sandbox::qvalctl(const std::vector<std::string>& args, const std::string& user) {
+    std::vector<std::string> full = {"qvalctl"};
+    full.insert(full.end(), args.begin(), args.end());
+    return exec(full, user);
 }
 
-std::string Sandbox::writeFile(const std::string& name, const std::string& text) {
-    return writeFile(name, std::vector<uint8_t>(text.begin(), text.end()));
+void Sandbox::entitleClient(int uid, const std::string& valueXML) {
+    writeFile(
+        "/etc/ostrel/entitlements/e2e-" + std::to_string(uid) + ".plist",
+        "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\">\n<dict>\n"
+        "<key>Executable</key><string>/opt/qvl/build/tools/qvalctl/qvalctl</string>\n"
+        "<key>UserID</key><integer>" +
+            std::to_string(uid) +
+            "</integer>\n<key>Entitlements</key><dict><key>com.ostrel.private.quorvale.quorvaled</key>" +
+            valueXML + "</dict>\n</dict>\n</plist>\n");
+}
+
+void Sandbox::writeFile(const std::string& path, const std::string& text) {
+    std::ofstream(root_ + path, std::ios::binary | std::ios::trunc) << text;
 }
 
 std::string Sandbox::logFilePath() const {
@@ -171,6 +182,13 @@ bool Sandbox::waitForLogLine(const std::string& line, size_t from, std::chrono::
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+}
+
+std::vector<std::string> Sandbox::handledSince(size_t from) const {
+    waitForLogLine("Message handled", from);
+    const std::vector<std::string> lines = logLines();
+    return from < lines.size() ? std::vector<std::string>(lines.begin() + from, lines.end())
+                               : std::vector<std::string>{};
 }
 
 size_t openDescriptorCount(pid_t pid) {

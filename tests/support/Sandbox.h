@@ -1,6 +1,7 @@
 // Sandbox: drives tools/qvl-sandbox for end-to-end tests: makes a fresh
 // device root in a temporary folder, starts the real helper in it, runs
-// programs inside, reads the helper's log file and stops it.
+// programs inside (qvalctl, entitled as root and as "mobile" by the device
+// image, is the client), reads the helper's log file and stops it.
 //
 // Thread-safety: one test thread at a time.
 #pragma once
@@ -51,9 +52,16 @@ class Sandbox {
     // Host PID of the helper, or -1.
     pid_t helperPid() const;
 
-    // Writes `bytes` to /private/var/tmp/NAME inside; answers that inside path.
-    std::string writeFile(const std::string& name, const std::vector<uint8_t>& bytes);
-    std::string writeFile(const std::string& name, const std::string& text);
+    // Runs qvalctl inside, as `user` when given, with `args` (its options
+    // and the request).
+    CommandResult qvalctl(const std::vector<std::string>& args, const std::string& user = "");
+    // Adds an entitlement registry entry for qvalctl run as `uid`, holding
+    // the helper's entitlement as `valueXML` (for example "<true/>").
+    void entitleClient(int uid, const std::string& valueXML);
+    // Writes `text` to the inside path `path`.
+    void writeFile(const std::string& path, const std::string& text);
+    // The host path of an inside path.
+    std::string host(const std::string& path) const { return root_ + path; }
 
     // The helper's log lines without their dates, in order.
     std::vector<std::string> logLines() const;
@@ -61,9 +69,8 @@ class Sandbox {
     // Waits until `line` appears among the log lines from index `from` on.
     bool waitForLogLine(const std::string& line, size_t from,
                         std::chrono::milliseconds timeout = std::chrono::seconds(5)) const;
-
-    // The path of the end-to-end client inside the sandbox.
-    static std::string clientPath() { return "/opt/qvl/build/tests/e2e/qvl_e2e_client"; }
+    // The log lines from index `from` on, once "Message handled" is among them.
+    std::vector<std::string> handledSince(size_t from) const;
 
   private:
     CommandResult launcher(const std::vector<std::string>& args) const;
