@@ -14,23 +14,8 @@
 namespace qvl {
 namespace {
 
-// A pipe says nothing of its size, so the bound is found while reading.
-std::vector<uint8_t> throughPipe(const std::string& text, uint64_t limit, int* error) {
-    int ends[2];
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
-    std::thread writer([&] {
-        writeAll(writeEnd.get(), {reinterpret_cast<const uint8_t*>(text.data()), text.size()});
-        writeEnd.reset();
-    });
-    std::vector<uint8_t> out{9};
-    *error = readAll(readEnd.get(), limit, &out);
-    readEnd.reset();  // a writer still blocked on a full pipe gets EPIPE and ends
-    writer.join();
-    return out;
-}
-
-TEST(DescriptorIO, ReadAllStopsAtTheBound) {
+// Through a pipe, which says nothing of its size: the bound is found while reading.
+TEST(DescriptorIO, ReadAllStopsAtTheBoundAndLeavesTheOutputOnFailure) {
     ::signal(SIGPIPE, SIG_IGN);  // the writer of a refused pipe meets a closed end
     const std::string big(200000, 'b');
     const struct {
@@ -38,13 +23,19 @@ TEST(DescriptorIO, ReadAllStopsAtTheBound) {
         uint64_t limit;
         int error;
     } cases[] = {
-        {"", 0, 0}, {"abc", 3, 0}, {"abcd", 3, EFBIG}, {big, big.size(), 0}, {big, big.size() - 1, EFBIG},
-    };
+        {"", 0, 0}, {"abc", 3, 0}, {"abcd", 3, EFBIG}, {big, big.size(), 0}, {big, big.size() - 1, EFBIG}};
     for (const auto& c : cases) {
-        int error = -1;
-        const std::vector<uint8_t> out = throughPipe(c.text, c.limit, &error);
-        EXPECT_EQ(error, c.error) << c.text.size() << "/" << c.limit;
-        // On failure the output is left as it was.
+        int ends[2];
+        ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+        UniqueFd readEnd(ends[0]), writeEnd(ends[1]);
+        std::thread writer([&] {
+            writeAll(writeEnd.get(), {reinterpret_cast<const uint8_t*>(c.text.data()), c.text.size()});
+            writeEnd.reset();
+        });
+        std::vector<uint8_t> out{9};
+        EXPECT_EQ(readAll(readEnd.get(), c.limit, &out), c.error) << c.text.size() << "/" << c.limit;
+        readEnd.reset();
+        writer.join();
         EXPECT_EQ(out,
                   c.error ? std::vector<uint8_t>{9} : std::vector<uint8_t>(c.text.begin(), c.text.end()));
     }

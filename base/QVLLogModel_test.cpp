@@ -18,8 +18,9 @@ namespace qvl {
 namespace {
 
 namespace fs = std::filesystem;
+using Lines = std::vector<std::string>;
 
-constexpr const char* kLine = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000 )";
+const std::string kDate = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000 )";
 
 class LogModelTest : public ::testing::Test {
   protected:
@@ -29,48 +30,42 @@ class LogModelTest : public ::testing::Test {
         dir_ = tmpl;
     }
     void TearDown() override { fs::remove_all(dir_); }
-    static double realNow() { return static_cast<double>(time(nullptr)); }
     static std::string readAll(const std::string& path) {
-        std::ifstream in(path);
         std::stringstream ss;
-        ss << in.rdbuf();
+        ss << std::ifstream(path).rdbuf();
         return ss.str();
     }
     void touch(const std::string& name) { std::ofstream(dir_ + "/" + name) << "x"; }
-    // A model whose clock reads `clock` and whose system log stays quiet.
+    // Services reading `clock`, with a quiet system log.
     static QVLLogModel::Services at(const double& clock) {
         return {[&clock] { return clock; }, [](std::string_view) {}};
     }
     std::string dir_;
 };
 
-TEST_F(LogModelTest, DateTextAndFileName) {
-    EXPECT_EQ(QVLLogModel::dateText(1795381445.0), "2026-11-22 21:04:05 +0000");
-    const std::string name = QVLLogModel::fileNameForTodayUnder("/private/var/logs/qvald", "qvald_helper");
-    EXPECT_TRUE(std::regex_match(name, std::regex(R"(/private/var/logs/qvald/qvald_helper-20\d{6}\.log)")))
-        << name;
-}
-
-// Lines carry the date of their own second, whatever was logged before, and
-// a long line between short ones leaves them whole. Observers see the
-// message alone.
+// Lines carry the date of their own second, whatever was logged before, and a
+// long line between short ones leaves them whole. Observers see the message alone.
 TEST_F(LogModelTest, EachLineCarriesItsOwnSecond) {
+    EXPECT_EQ(QVLLogModel::dateText(1795381445.0), "2026-11-22 21:04:05 +0000");
+    EXPECT_TRUE(
+        std::regex_match(QVLLogModel::fileNameForTodayUnder("/private/var/logs/qvald", "qvald_helper"),
+                         std::regex(R"(/private/var/logs/qvald/qvald_helper-20\d{6}\.log)")));
     double clock = 1795381445.25;
     QVLLogModel model(at(clock));
     QVLLogCapture capture(model);
-    const std::string path = dir_ + "/lines.log";
-    ASSERT_TRUE(model.enableLogToFile(path));
+    ASSERT_TRUE(model.enableLogToFile(dir_ + "/lines.log"));
     const std::string longText(10000, 'x');
-    model.logMessage("one");
-    clock = 1795381445.999;
-    model.logMessage(longText);
-    clock = 1795381446.0;
-    model.logMessage("two");
-    clock = 1795381444.5;  // the clock was set back
-    model.logMessage("three");
-    EXPECT_EQ(readAll(path), "2026-11-22 21:04:05 +0000 one\n2026-11-22 21:04:05 +0000 " + longText +
-                                 "\n2026-11-22 21:04:06 +0000 two\n2026-11-22 21:04:04 +0000 three\n");
-    EXPECT_EQ(capture.lines(), (std::vector<std::string>{"one", longText, "two", "three"}));
+    for (const auto& [when, text] : std::vector<std::pair<double, std::string>>{{1795381445.25, "one"},
+                                                                                {1795381445.999, longText},
+                                                                                {1795381446.0, "two"},
+                                                                                {1795381444.5, "three"}}) {
+        clock = when;  // the last one was set back
+        model.logMessage(text);
+    }
+    EXPECT_EQ(readAll(dir_ + "/lines.log"),
+              "2026-11-22 21:04:05 +0000 one\n2026-11-22 21:04:05 +0000 " + longText +
+                  "\n2026-11-22 21:04:06 +0000 two\n2026-11-22 21:04:04 +0000 three\n");
+    EXPECT_EQ(capture.lines(), (Lines{"one", longText, "two", "three"}));
 }
 
 TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
@@ -78,15 +73,13 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
     touch("finish-demo-retore.log");
     fs::create_directories(dir_ + "/old-folder/inner");
     touch("old-folder/inner/file");
-
+    const double now = static_cast<double>(time(nullptr));
     // Four days on, nothing has expired.
-    double clock = realNow() + 4 * 86400.0;
+    double clock = now + 4 * 86400.0;
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder_skipFinishDemoRestore(dir_, "qvald_helper", 5));
-    EXPECT_TRUE(fs::exists(dir_ + "/qvald_helper-20200101.log"));
-    EXPECT_TRUE(fs::exists(dir_ + "/old-folder"));
-
+    EXPECT_TRUE(fs::exists(dir_ + "/qvald_helper-20200101.log") && fs::exists(dir_ + "/old-folder"));
     // Five days and a second on, everything but the kept file goes, folders included.
-    clock = realNow() + 5 * 86400.0 + 2;
+    clock = now + 5 * 86400.0 + 2;
     {
         QVLLogModel model(at(clock));
         QVLLogCapture capture(model);
@@ -95,61 +88,52 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
                                      "/old-folder against " + QVLLogModel::dateText(clock - 5 * 86400.0)));
         EXPECT_TRUE(capture.containsPrefix("Removing " + dir_ + "/old-folder whose creation date is "));
         for (const auto& line : capture.lines())
-            EXPECT_EQ(line.find("finish-demo-retore.log"), std::string::npos) << line;
+            EXPECT_EQ(line.find("finish-demo-retore.log"), std::string::npos);
     }
-    EXPECT_FALSE(fs::exists(dir_ + "/qvald_helper-20200101.log"));
-    EXPECT_FALSE(fs::exists(dir_ + "/old-folder"));
-    EXPECT_TRUE(fs::exists(dir_ + "/finish-demo-retore.log"));
+    EXPECT_FALSE(fs::exists(dir_ + "/qvald_helper-20200101.log") || fs::exists(dir_ + "/old-folder"));
     EXPECT_FALSE(fs::exists(dir_ + "/testWritability.log"));
-
+    EXPECT_TRUE(fs::exists(dir_ + "/finish-demo-retore.log"));
     // The plain variant spares nothing.
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder(dir_, "other", 5));
     EXPECT_FALSE(fs::exists(dir_ + "/finish-demo-retore.log"));
 }
 
-TEST_F(LogModelTest, UnwritableFolderFailsAndLeavesNoProbe) {
-    const std::string folder = dir_ + "/ro";
-    fs::create_directories(folder);
-    chmod(dir_.c_str(), 0755);
-    chmod(folder.c_str(), 0555);
-    // Root writes anywhere, so the check runs as an unprivileged user in a child.
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
-        _exit(QVLLogModel().enableLogToFilesUnder(folder, "p", 5) ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 0);
-    EXPECT_TRUE(fs::is_empty(folder));
-}
-
-TEST_F(LogModelTest, MissingFolderIsCreatedAndASecondStartAppends) {
+TEST_F(LogModelTest, SetUpCreatesTheFolderAppendsAndFailsWhereItCantWrite) {
     const std::string folder = dir_ + "/a/b/c";
-    const double clock = realNow();
-    for (const char* message : {"first 1", "second start"}) {
+    const double clock = static_cast<double>(time(nullptr));
+    for (const char* message : {"first 1", "second start"}) {  // two starts on one day
         QVLLogModel model(at(clock));
         ASSERT_TRUE(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5));
         EXPECT_TRUE(model.logToFileEnabled());
         model.logMessage(message);
     }
-    const std::string text = readAll(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper"));
-    EXPECT_TRUE(
-        std::regex_match(text, std::regex(std::string(kLine) + "first 1\n" + kLine + "second start\n")))
-        << text;
-
+    EXPECT_TRUE(std::regex_match(readAll(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
+                                 std::regex(kDate + "first 1\n" + kDate + "second start\n")));
     touch("plainfile");
     QVLLogModel model(at(clock));
     EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log"));
     EXPECT_FALSE(model.logToFileEnabled());
+
+    // Root writes anywhere, so the unwritable folder is tried by an unprivileged child.
+    const std::string readOnly = dir_ + "/ro";
+    fs::create_directories(readOnly);
+    chmod(dir_.c_str(), 0755);
+    chmod(readOnly.c_str(), 0555);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
+        _exit(QVLLogModel().enableLogToFilesUnder(readOnly, "p", 5) ? 1 : 0);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_TRUE(fs::is_empty(readOnly));  // no probe left behind
 }
 
 TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
     QVLLogModel model({{}, [](std::string_view) {}});
-    const std::string path = dir_ + "/concurrent.log";
-    ASSERT_TRUE(model.enableLogToFile(path));
+    ASSERT_TRUE(model.enableLogToFile(dir_ + "/concurrent.log"));
     constexpr int kThreads = 4, kLines = 500;
     std::vector<std::thread> threads;
     for (int t = 0; t < kThreads; ++t)
@@ -159,14 +143,10 @@ TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
                 model.logMessage(QVLStringWithFormat("writer %d line %d %s", t, i, pad));
         });
     for (auto& th : threads) th.join();
-    std::ifstream in(path);
-    std::string l;
+    std::ifstream in(dir_ + "/concurrent.log");
     int count = 0;
-    const std::regex shape(std::string(kLine) + R"(writer (\d) line \d+ ([a-d])\2{199})");
-    while (std::getline(in, l)) {
-        ASSERT_TRUE(std::regex_match(l, shape)) << l;
-        ++count;
-    }
+    const std::regex shape(kDate + R"(writer (\d) line \d+ ([a-d])\2{199})");
+    for (std::string l; std::getline(in, l); ++count) ASSERT_TRUE(std::regex_match(l, shape)) << l;
     EXPECT_EQ(count, kThreads * kLines);
 }
 
@@ -175,10 +155,10 @@ TEST(QVLLog, ReachesTheSharedModelsObservers) {
     {
         QVLLogCapture inner;
         QVLLog("Percentage increased to %d", 42);
-        EXPECT_EQ(inner.lines(), std::vector<std::string>{"Percentage increased to 42"});
+        EXPECT_EQ(inner.lines(), Lines{"Percentage increased to 42"});
     }
     QVLLog("after");
-    EXPECT_EQ(outer.lines(), (std::vector<std::string>{"Percentage increased to 42", "after"}));
+    EXPECT_EQ(outer.lines(), (Lines{"Percentage increased to 42", "after"}));
 }
 
 }  // namespace

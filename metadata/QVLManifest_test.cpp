@@ -139,7 +139,7 @@ TEST(QVLManifestWalk, EnumerationErrorsAreLoggedAndRecordFailuresEndTheWalk) {
     tree.file("locked/inside");
     const std::string other = tree.file("other");
     FaultyFileSystem files;
-    files.failListDirectory = [&](const std::string& p) { return p == locked; };
+    files.failListDirectory = [&](const std::string& p, bool) { return p == locked; };
     {
         QVLLogCapture capture;
         QVLManifest manifest(files);
@@ -153,7 +153,7 @@ TEST(QVLManifestWalk, EnumerationErrorsAreLoggedAndRecordFailuresEndTheWalk) {
         }
     }
     files.failListDirectory = nullptr;
-    files.failStat = [&](const std::string& p) { return p == other; };
+    files.failStat = [&](const std::string& p, bool) { return p == other; };
     QVLLogCapture capture;
     QVLManifest manifest(files);
     EXPECT_FALSE(manifest.addFilesFromPath(tree.root(), tree.root(), nullptr));

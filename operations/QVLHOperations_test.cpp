@@ -1,7 +1,7 @@
 // The operations work on the device's fixed paths, so the tests that touch
 // them run only inside the device sandbox (ctest starts them there) and skip
 // on a host. Firmware variables and exit go through swappable layers and run
-// anywhere. The commands end to end are in tests/operations/.
+// anywhere. The commands end to end are in tests/e2e/.
 #include "operations/QVLHOperations.h"
 
 #include <sys/mount.h>

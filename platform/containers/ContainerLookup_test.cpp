@@ -24,6 +24,11 @@ class ContainerLookupTest : public ::testing::Test {
 };
 
 TEST_F(ContainerLookupTest, CreatesMissingContainerOnceWithFixedMode) {
+    // Read-only, nothing is created.
+    const auto notThere = FileContainerLookup(root_.string(), true).containerPath("x", ContainerClass::kSystemData);
+    ASSERT_TRUE(notThere);
+    EXPECT_FALSE(notThere->existed || fs::exists(root_));
+
     FileContainerLookup lookup(root_.string());
     const mode_t old = umask(077);
     auto made = lookup.containerPath("com.example.data", ContainerClass::kSystemData);
@@ -34,25 +39,10 @@ TEST_F(ContainerLookupTest, CreatesMissingContainerOnceWithFixedMode) {
     struct stat st {};
     ASSERT_EQ(stat(made->path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
-    if (geteuid() == 0) {
-        EXPECT_EQ(st.st_uid, 0u);
-    }
-
-    auto again = lookup.containerPath("com.example.data", ContainerClass::kSystemData);
-    ASSERT_TRUE(again);
-    EXPECT_TRUE(again->existed);
-
-    auto group = lookup.containerPath("group.example", ContainerClass::kSystemGroup);
-    ASSERT_TRUE(group);
-    EXPECT_EQ(group->path, (root_ / "Shared/SystemGroup/group.example").string());
-}
-
-TEST_F(ContainerLookupTest, ReadOnlyModeCreatesNothing) {
-    FileContainerLookup lookup(root_.string(), /*readOnly=*/true);
-    auto info = lookup.containerPath("com.example.data", ContainerClass::kSystemData);
-    ASSERT_TRUE(info);
-    EXPECT_FALSE(info->existed);
-    EXPECT_FALSE(fs::exists(root_));
+    if (geteuid() == 0) EXPECT_EQ(st.st_uid, 0u);
+    EXPECT_TRUE(lookup.containerPath("com.example.data", ContainerClass::kSystemData)->existed);
+    EXPECT_EQ(lookup.containerPath("group.example", ContainerClass::kSystemGroup)->path,
+              (root_ / "Shared/SystemGroup/group.example").string());
 }
 
 TEST_F(ContainerLookupTest, RefusesIdentifiersThatLeaveTheClassFolder) {

@@ -7,12 +7,12 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include <gtest/gtest.h>
 
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/fs/PropertyListFile.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl::entitlements {
 namespace {
@@ -31,133 +31,75 @@ zrp::AuditToken tokenFor(pid_t pid, uid_t uid, std::string exe) {
 
 class RegistryTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/entitlements-XXXXXX";
-        dir_ = mkdtemp(tmpl);
-    }
-    void TearDown() override { std::filesystem::remove_all(dir_); }
-
-    void writeEntry(const std::string& file, const char* exe, std::optional<int64_t> uid, plist::Value value,
-                    plist::Format format = plist::Format::XML) {
-        plist::Dictionary granted;
-        granted.set(kName, std::move(value));
-        plist::Dictionary entry;
+    // An entry for `exe`, bound to `uid` when given, granting `value` (no
+    // entitlement at all when empty).
+    void entry(const std::string& file, const char* exe, std::optional<plist::Value> uid,
+               std::optional<plist::Value> value, plist::Format format = plist::Format::XML) {
+        plist::Dictionary granted, entry;
+        if (value) granted.set(kName, std::move(*value));
         entry.set("Executable", exe);
-        if (uid) entry.set("UserID", *uid);
+        if (uid) entry.set("UserID", std::move(*uid));
         entry.set("Entitlements", granted);
-        ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
-                                                    dir_ + "/" + file, entry, format));
+        ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), tree_.path(file),
+                                                    entry, format));
     }
-    void writeRaw(const std::string& file, const std::string& bytes) {
-        std::ofstream(dir_ + "/" + file) << bytes;
-    }
-
     std::optional<plist::Value> lookup(uid_t uid = getuid()) {
-        auto task = Task::createWithAuditToken(tokenFor(getpid(), uid, kProgram), dir_);
+        auto task = Task::createWithAuditToken(tokenFor(getpid(), uid, kProgram), tree_.root());
         EXPECT_TRUE(task);
         return task ? task->valueForEntitlement(kName) : std::nullopt;
     }
-
-    std::string dir_;
+    testing::TempTree tree_;
 };
 
 TEST_F(RegistryTest, FirstMatchingEntryInNameOrderDecides) {
-    writeRaw("00-broken.plist", "<?xml version=\"1.0\"?><plist><dict><key>");
-    writeEntry("10-other-program.plist", "/usr/bin/other", std::nullopt, plist::Value(false));
-    writeEntry("20-other-user.plist", kProgram, int64_t{getuid()} + 1, plist::Value(false));
-    writeEntry("30-match.plist", kProgram, int64_t{getuid()}, plist::Value(true), plist::Format::Binary);
-    writeEntry("40-later.plist", kProgram, std::nullopt, plist::Value("later"));
-    writeRaw("25-not-a-registry-file.txt", "ignored");
-
-    std::optional<plist::Value> value = lookup();
-    ASSERT_TRUE(value);
-    EXPECT_EQ(*value, plist::Value(true));
-
+    const int64_t uid = getuid();
+    tree_.file("00-broken.plist", "<?xml version=\"1.0\"?><plist><dict><key>");
+    entry("10-other-program.plist", "/usr/bin/other", std::nullopt, plist::Value(false));
+    entry("20-other-user.plist", kProgram, uid + 1, plist::Value(false));
+    entry("21-user-as-text.plist", kProgram, std::to_string(uid), plist::Value(false));  // binds nobody
+    tree_.file("25-not-a-registry-file.txt", "ignored");
+    entry("30-match.plist", kProgram, uid, plist::Value(true), plist::Format::Binary);
+    entry("40-later.plist", kProgram, std::nullopt, plist::Value("later"));
+    entry("41-too-late.plist", kProgram, std::nullopt, plist::Value(1));
     // The uid binding picks the entry per uid; an unbound entry serves the rest.
-    value = lookup(getuid() + 1);
-    ASSERT_TRUE(value);
-    EXPECT_EQ(*value, plist::Value(false));
-    value = lookup(getuid() + 2);
-    ASSERT_TRUE(value);
-    EXPECT_EQ(*value, plist::Value("later"));
-}
-
-TEST_F(RegistryTest, MatchingEntryWithoutTheKeyGivesNoValue) {
-    plist::Dictionary entry;
-    entry.set("Executable", kProgram);
-    entry.set("Entitlements", plist::Dictionary());
-    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
-                                                dir_ + "/a.plist", entry, plist::Format::XML));
-    writeEntry("b.plist", kProgram, std::nullopt, plist::Value(true));
+    EXPECT_EQ(lookup(), plist::Value(true));
+    EXPECT_EQ(lookup(uid + 1), plist::Value(false));
+    EXPECT_EQ(lookup(uid + 2), plist::Value("later"));
+    // A matching entry without the key gives no value, even with a later one that has it.
+    entry("05-without-the-key.plist", kProgram, std::nullopt, std::nullopt);
     EXPECT_FALSE(lookup());
 }
 
-TEST_F(RegistryTest, RegistryIsReadAfreshForEveryLookup) {
+// The registry is read afresh for every lookup. A folder whose last change is
+// long past is not listed again while it and its files keep their stamps;
+// every kind of change must still show at once.
+TEST_F(RegistryTest, EveryChangeShowsAtTheNextLookup) {
     EXPECT_FALSE(lookup());  // empty folder
-    writeEntry("a.plist", kProgram, std::nullopt, plist::Value("true"));
-    std::optional<plist::Value> value = lookup();
-    ASSERT_TRUE(value);
-    EXPECT_EQ(*value, plist::Value("true"));  // a string stays a string
-    // Rewritten in place with the same size: the new content counts.
-    writeEntry("tmp.plist", kProgram, std::nullopt, plist::Value("fals"));
-    std::filesystem::copy_file(dir_ + "/tmp.plist", dir_ + "/a.plist",
-                               std::filesystem::copy_options::overwrite_existing);
-    std::filesystem::remove(dir_ + "/tmp.plist");
-    value = lookup();
-    ASSERT_TRUE(value);
-    EXPECT_EQ(*value, plist::Value("fals"));
-    std::filesystem::remove(dir_ + "/a.plist");
-    EXPECT_FALSE(lookup());
-
-    std::filesystem::remove_all(dir_);
-    EXPECT_FALSE(lookup());  // no registry at all
-}
-
-// A folder whose last change is long past is not listed again while it and
-// its files keep their stamps; every kind of change must still show at once.
-TEST_F(RegistryTest, SettledFolderStillSeesEveryChange) {
     const auto settle = [this] {
-        // Files too, so that an edit within the same clock tick still
-        // changes their stamp.
+        // Files too, so that an edit within the same clock tick still changes their stamp.
         const timespec times[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
-        for (const auto& entry : std::filesystem::directory_iterator(dir_))
-            ASSERT_EQ(utimensat(AT_FDCWD, entry.path().c_str(), times, 0), 0);
-        ASSERT_EQ(utimensat(AT_FDCWD, dir_.c_str(), times, 0), 0);
+        for (const auto& file : std::filesystem::directory_iterator(tree_.root()))
+            ASSERT_EQ(utimensat(AT_FDCWD, file.path().c_str(), times, 0), 0);
+        ASSERT_EQ(utimensat(AT_FDCWD, tree_.root().c_str(), times, 0), 0);
         lookup();  // lists the folder with its old modification time
     };
-    writeEntry("b.plist", kProgram, std::nullopt, plist::Value("true"));
+    entry("b.plist", kProgram, std::nullopt, plist::Value("true"));
     settle();
-    EXPECT_EQ(lookup(), plist::Value("true"));
-
-    writeEntry("tmp.plist", kProgram, std::nullopt, plist::Value("fals"));
+    EXPECT_EQ(lookup(), plist::Value("true"));  // a string stays a string
+    entry("tmp.plist", kProgram, std::nullopt, plist::Value("fals"));
     settle();
-    std::filesystem::copy_file(dir_ + "/tmp.plist", dir_ + "/b.plist",
+    std::filesystem::copy_file(tree_.path("tmp.plist"), tree_.path("b.plist"),
                                std::filesystem::copy_options::overwrite_existing);
     EXPECT_EQ(lookup(), plist::Value("fals"));  // edited in place, same size
-
-    std::filesystem::remove(dir_ + "/tmp.plist");
+    std::filesystem::remove(tree_.path("tmp.plist"));
     settle();
-    writeEntry("a.plist", kProgram, std::nullopt, plist::Value(7));
+    entry("a.plist", kProgram, std::nullopt, plist::Value(7));
     EXPECT_EQ(lookup(), plist::Value(7));  // added, and first in name order
-
     settle();
-    std::filesystem::remove(dir_ + "/a.plist");
+    std::filesystem::remove(tree_.path("a.plist"));
     EXPECT_EQ(lookup(), plist::Value("fals"));
-
     settle();
-    std::filesystem::remove(dir_ + "/b.plist");
-    EXPECT_FALSE(lookup());
-}
-
-TEST_F(RegistryTest, NonIntegerUserIDBindsNobody) {
-    plist::Dictionary granted;
-    granted.set(kName, true);
-    plist::Dictionary entry;
-    entry.set("Executable", kProgram);
-    entry.set("UserID", std::to_string(getuid()));
-    entry.set("Entitlements", granted);
-    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(),
-                                                dir_ + "/a.plist", entry, plist::Format::XML));
+    std::filesystem::remove(tree_.path("b.plist"));
     EXPECT_FALSE(lookup());
 }
 
@@ -165,7 +107,6 @@ TEST(TaskTest, NoTaskWithoutALiveProcessAndItsPath) {
     EXPECT_TRUE(Task::createWithAuditToken(tokenFor(getpid(), getuid(), kProgram)));
     EXPECT_FALSE(Task::createWithAuditToken(tokenFor(getpid(), getuid(), "")));
     EXPECT_FALSE(Task::createWithAuditToken(zrp::AuditToken{}));
-
     const pid_t child = fork();
     if (child == 0) _exit(0);
     zrp::AuditToken token = tokenFor(child, getuid(), kProgram);

@@ -6,9 +6,6 @@
 #include <fstream>
 #include <iterator>
 
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/rsa.h>
 
 namespace qvl::platform {
 namespace {
@@ -51,39 +48,39 @@ class TrustServiceTest : public ::testing::Test {
     }
 };
 
-TEST_F(TrustServiceTest, StoreSigningPoliciesJudgeEachSignerKind) {
-    const auto production = TrustPolicy::ProductionStoreSigning;
-    const auto test = TrustPolicy::TestStoreSigning;
-    EXPECT_EQ(verdict(chain("manual-signer"), production), kTrustUnspecified);
-    EXPECT_EQ(verdict(chain("auto-signer"), production), kTrustUnspecified);
-    EXPECT_EQ(verdict(chain("uat-signer"), test), kTrustUnspecified);
-    // Wrong or missing key usage, expiry, unknown issuer: recoverable.
-    EXPECT_EQ(verdict(chain("uat-signer"), production), kTrustRecoverableFailure);
-    EXPECT_EQ(verdict(chain("auto-signer"), test), kTrustRecoverableFailure);
-    EXPECT_EQ(verdict(chain("noeku-signer"), production), kTrustRecoverableFailure);
-    EXPECT_EQ(verdict(chain("expired-signer"), production), kTrustRecoverableFailure);
-    EXPECT_EQ(verdict({cert("unknown-signer"), cert("unknown-root")}, production), kTrustRecoverableFailure);
-    // The intermediate is not an anchor: without it the chain has a gap.
-    EXPECT_EQ(verdict(chain("auto-signer", false), production), kTrustRecoverableFailure);
-}
-
-TEST_F(TrustServiceTest, BasicPolicyTrustsOnlyTheAnchorsSet) {
-    const std::vector<CertificateRef> vantor{cert("vantor-root")};
-    const std::vector<CertificateRef> signer{cert("vantor-signer")};
-    EXPECT_EQ(verdict(signer, TrustPolicy::BasicX509, &vantor), kTrustUnspecified);
-    EXPECT_EQ(verdict(signer, TrustPolicy::BasicX509), kTrustRecoverableFailure);
-    // Setting anchors replaces the platform roots.
-    EXPECT_EQ(verdict(chain("auto-signer"), TrustPolicy::ProductionStoreSigning, &vantor),
-              kTrustRecoverableFailure);
-    EXPECT_EQ(verdict(signer, TrustPolicy::ProductionStoreSigning), kTrustRecoverableFailure);
-}
-
-TEST_F(TrustServiceTest, TamperedSignerIsFatal) {
+TEST_F(TrustServiceTest, PoliciesJudgeEachSignerKind) {
+    const auto production = TrustPolicy::ProductionStoreSigning, test = TrustPolicy::TestStoreSigning;
+    const std::vector<CertificateRef> vantor{cert("vantor-root")}, vantorSigner{cert("vantor-signer")};
     auto der = readBytes(pkiPath("auto-signer.der"));
     der[der.size() - 5] ^= 0x40;  // inside the issuer's signature
-    auto tampered = service.createCertificate(der);
-    ASSERT_TRUE(tampered);
-    EXPECT_EQ(verdict({tampered, cert("store-ca")}, TrustPolicy::ProductionStoreSigning), kTrustFatalFailure);
+    const struct {
+        std::vector<CertificateRef> chain;
+        TrustPolicy policy;
+        const std::vector<CertificateRef>* anchors;
+        int verdict;
+    } cases[] = {
+        {chain("manual-signer"), production, nullptr, kTrustUnspecified},
+        {chain("auto-signer"), production, nullptr, kTrustUnspecified},
+        {chain("uat-signer"), test, nullptr, kTrustUnspecified},
+        // Wrong or missing key usage, expiry, unknown issuer: recoverable.
+        {chain("uat-signer"), production, nullptr, kTrustRecoverableFailure},
+        {chain("auto-signer"), test, nullptr, kTrustRecoverableFailure},
+        {chain("noeku-signer"), production, nullptr, kTrustRecoverableFailure},
+        {chain("expired-signer"), production, nullptr, kTrustRecoverableFailure},
+        {{cert("unknown-signer"), cert("unknown-root")}, production, nullptr, kTrustRecoverableFailure},
+        // The intermediate is not an anchor: without it the chain has a gap.
+        {chain("auto-signer", false), production, nullptr, kTrustRecoverableFailure},
+        // The basic policy trusts only the anchors set, and setting anchors
+        // replaces the platform roots.
+        {vantorSigner, TrustPolicy::BasicX509, &vantor, kTrustUnspecified},
+        {vantorSigner, TrustPolicy::BasicX509, nullptr, kTrustRecoverableFailure},
+        {chain("auto-signer"), production, &vantor, kTrustRecoverableFailure},
+        {vantorSigner, production, nullptr, kTrustRecoverableFailure},
+        // A tampered signer is fatal.
+        {{service.createCertificate(der), cert("store-ca")}, production, nullptr, kTrustFatalFailure},
+    };
+    for (size_t i = 0; i < std::size(cases); ++i)
+        EXPECT_EQ(verdict(cases[i].chain, cases[i].policy, cases[i].anchors), cases[i].verdict) << "case " << i;
 }
 
 TEST_F(TrustServiceTest, CertificatesMustBeExactlyOneDERCertificate) {
@@ -109,46 +106,6 @@ TEST_F(TrustServiceTest, KeyIsHandedOutOnlyAfterTrustAndExportsAsPKCS1) {
     ASSERT_TRUE(exported);
     EXPECT_EQ(exported->size(), 270u);
     EXPECT_EQ(*exported, readBytes(pkiPath("manual-key.der")));
-}
-
-TEST_F(TrustServiceTest, RawVerifyChecksPKCS1SHA1OverTheGivenDigest) {
-    TrustRef trust;
-    ASSERT_EQ(service.createTrust(chain("auto-signer"), TrustPolicy::ProductionStoreSigning, &trust), 0);
-    int result = 0;
-    ASSERT_EQ(service.evaluate(*trust, &result), 0);
-    auto key = service.copyPublicKey(*trust);
-    ASSERT_TRUE(key);
-
-    FILE* file = fopen(pkiPath("auto-signer.key").c_str(), "re");
-    ASSERT_TRUE(file);
-    EVP_PKEY* priv = PEM_read_PrivateKey(file, nullptr, nullptr, nullptr);
-    fclose(file);
-    ASSERT_TRUE(priv);
-    const std::vector<uint8_t> digest(20, 0xA5);
-    auto sign = [&](int padding, const EVP_MD* md) {
-        EVP_PKEY_CTX* ctx = EVP_PKEY_CTX_new(priv, nullptr);
-        EVP_PKEY_sign_init(ctx);
-        EVP_PKEY_CTX_set_rsa_padding(ctx, padding);
-        if (md) EVP_PKEY_CTX_set_signature_md(ctx, md);
-        std::vector<uint8_t> sig(256);
-        size_t length = sig.size();
-        EXPECT_EQ(EVP_PKEY_sign(ctx, sig.data(), &length, digest.data(), digest.size()), 1);
-        EVP_PKEY_CTX_free(ctx);
-        sig.resize(length);
-        return sig;
-    };
-    auto good = sign(RSA_PKCS1_PADDING, EVP_sha1());
-    auto noDigestInfo = sign(RSA_PKCS1_PADDING, nullptr);
-    EVP_PKEY_free(priv);
-
-    EXPECT_EQ(service.rawVerify(*key, digest, good), 0);
-    EXPECT_NE(service.rawVerify(*key, digest, noDigestInfo), 0);
-    auto otherDigest = digest;
-    otherDigest[0] ^= 1;
-    EXPECT_NE(service.rawVerify(*key, otherDigest, good), 0);
-    EXPECT_NE(service.rawVerify(*key, std::span(digest).first(19), good), 0);
-    good.pop_back();
-    EXPECT_NE(service.rawVerify(*key, digest, good), 0);
 }
 
 TEST(TrustAnchorsTest, MissingFolderHasNoAnchors) {

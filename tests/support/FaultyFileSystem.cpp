@@ -3,28 +3,28 @@
 #include <cerrno>
 
 namespace qvl::testing {
+namespace {
 
-bool FaultyFileSystem::fails(const PathHook& hook, const std::string& path) const {
-    if (!hook || !hook(path)) return false;
-    errno = errnoToSet;
+bool fails(const FaultyFileSystem::Hook& hook, const std::string& pathOrName, bool sizeQuery = false) {
+    if (!hook || !hook(pathOrName, sizeQuery)) return false;
+    errno = EIO;
     return true;
 }
+
+}  // namespace
 
 int FaultyFileSystem::statItem(const std::string& path, platform::ItemStat* out) {
     return fails(failStat, path) ? -1 : LinuxFileSystem::statItem(path, out);
 }
 
 ssize_t FaultyFileSystem::listExtendedAttributes(const std::string& path, char* buffer, size_t size) {
-    if (fails(buffer ? failListExtendedAttributes : failFirstListExtendedAttributes, path)) return -1;
+    if (fails(failListExtendedAttributes, path, buffer == nullptr)) return -1;
     return LinuxFileSystem::listExtendedAttributes(path, buffer, size);
 }
 
 ssize_t FaultyFileSystem::getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
                                                size_t size) {
-    if (failGetExtendedAttribute && failGetExtendedAttribute(name, buffer == nullptr)) {
-        errno = errnoToSet;
-        return -1;
-    }
+    if (fails(failGetExtendedAttribute, name, buffer == nullptr)) return -1;
     return LinuxFileSystem::getExtendedAttribute(path, name, buffer, size);
 }
 
@@ -37,21 +37,14 @@ UniqueFd FaultyFileSystem::openForReading(const std::string& path, uint64_t* siz
 }
 
 ssize_t FaultyFileSystem::read(int fd, void* buffer, size_t size) {
-    if (++reads == failReadNumber) {
-        errno = errnoToSet;
-        return -1;
-    }
-    return LinuxFileSystem::read(fd, buffer, size);
+    if (++reads != failReadNumber) return LinuxFileSystem::read(fd, buffer, size);
+    errno = EIO;
+    return -1;
 }
 
 void FaultyFileSystem::adviseDone(int fd, off_t offset, off_t length) {
     doneAdvice.emplace_back(offset, length);
     LinuxFileSystem::adviseDone(fd, offset, length);
-}
-
-int FaultyFileSystem::writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
-                                          std::optional<uint32_t> mode) {
-    return fails(failWrite, path) ? -1 : LinuxFileSystem::writeFileAtomically(path, bytes, mode);
 }
 
 }  // namespace qvl::testing

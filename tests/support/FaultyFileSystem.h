@@ -1,6 +1,6 @@
 // FaultyFileSystem: the Linux file system with hooks, for tests of how the
 // layers above meet a failing call. A hook that is set is asked first and,
-// when it answers true, the call fails with `errnoToSet`.
+// when it answers true, the call fails with EIO.
 #pragma once
 
 #include <functional>
@@ -14,19 +14,12 @@ namespace qvl::testing {
 
 class FaultyFileSystem : public platform::LinuxFileSystem {
   public:
-    using PathHook = std::function<bool(const std::string& path)>;
-    PathHook failStat;
-    PathHook failListExtendedAttributes;       // the second (listing) call only
-    PathHook failFirstListExtendedAttributes;  // the first (size) call only
-    std::function<bool(const std::string& name, bool sizeQuery)> failGetExtendedAttribute;
-    PathHook failListDirectory;
-    PathHook failOpen;
-    PathHook failWrite;  // writeFileAtomically
-    // Fails the n-th read (counting from 1) of any descriptor when set.
-    int failReadNumber = 0;
+    using Hook = std::function<bool(const std::string& pathOrName, bool sizeQuery)>;
+    Hook failStat, failListDirectory, failOpen;
+    Hook failListExtendedAttributes, failGetExtendedAttribute;  // told whether the size is asked
+    int failReadNumber = 0;  // fails the n-th read (counting from 1) when set
     int reads = 0;
     std::vector<std::pair<off_t, off_t>> doneAdvice;
-    int errnoToSet = EIO;
 
     int statItem(const std::string& path, platform::ItemStat* out) override;
     ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) override;
@@ -36,11 +29,6 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     UniqueFd openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseDone(int fd, off_t offset, off_t length) override;
-    int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
-                            std::optional<uint32_t> mode) override;
-
-  private:
-    bool fails(const PathHook& hook, const std::string& path) const;
 };
 
 }  // namespace qvl::testing

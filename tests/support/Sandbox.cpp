@@ -201,13 +201,4 @@ size_t openDescriptorCount(pid_t pid) {
     return count;
 }
 
-size_t residentKiB(pid_t pid) {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(in, line)) {
-        if (line.rfind("VmRSS:", 0) == 0) return std::strtoul(line.c_str() + 6, nullptr, 10);
-    }
-    return 0;
-}
-
 }  // namespace qvl::e2e

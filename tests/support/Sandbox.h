@@ -83,8 +83,7 @@ class Sandbox {
 
 CommandResult runCommand(const std::vector<std::string>& args);
 
-// Open descriptors and resident memory (KiB) of a process.
+// Open descriptors of a process.
 size_t openDescriptorCount(pid_t pid);
-size_t residentKiB(pid_t pid);
 
 }  // namespace qvl::e2e
