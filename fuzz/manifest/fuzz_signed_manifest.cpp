@@ -173,9 +173,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const Value* version = outer && outer->asDictionary() ? outer->asDictionary()->find("Version") : nullptr;
     if (version && version->integerValue() == 2) {
         checkMonolithic({data, size});
-        if (checks.unsegmentedRan) checkInspectedRaw(manifest);
+        if (checks.unsegmentedRan) checkInspectedRaw(*manifest);
     } else {
-        checkSegmented(*payload, manifest);
+        checkSegmented(*payload, *manifest);
     }
     return 0;
 }

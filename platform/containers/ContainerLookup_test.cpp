@@ -39,7 +39,9 @@ TEST_F(ContainerLookupTest, CreatesMissingContainerOnceWithFixedMode) {
     struct stat st {};
     ASSERT_EQ(stat(made->path.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 07777, 0755u);
-    if (geteuid() == 0) EXPECT_EQ(st.st_uid, 0u);
+    if (geteuid() == 0) {
+        EXPECT_EQ(st.st_uid, 0u);
+    }
     EXPECT_TRUE(lookup.containerPath("com.example.data", ContainerClass::kSystemData)->existed);
     EXPECT_EQ(lookup.containerPath("group.example", ContainerClass::kSystemGroup)->path,
               (root_ / "Shared/SystemGroup/group.example").string());

@@ -84,7 +84,9 @@ class HelperE2ETest : public ::testing::Test {
     // Everything above has run against this one helper: it must still end
     // cleanly (under the sanitizers, that includes its leak check at exit).
     static void TearDownTestSuite() {
-        if (sandbox_ && sandbox_->running()) EXPECT_EQ(sandbox_->stop("TERM"), 0);
+        if (sandbox_ && sandbox_->running()) {
+            EXPECT_EQ(sandbox_->stop("TERM"), 0);
+        }
         sandbox_.reset();
     }
     void SetUp() override {
