@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "storage/plexa.h"
 
@@ -119,6 +121,11 @@ constexpr uint8_t kHFSPlusType[16] = {0x48, 0x46, 0x53, 0x00, 0x00, 0x00, 0x11, 
 // GPT stores the first three GUID fields little-endian; the conversion is its
 // own inverse.
 void guidSwapByteOrder(const uint8_t in[16], uint8_t out[16]);
+
+// The 36-character 8-4-4-4-12 text of a big-endian GUID, upper-case hex.
+std::string guidText(const uint8_t guid[16]);
+// The big-endian GUID of such a text, in either case; false on anything else.
+bool parseGuidText(std::string_view text, uint8_t out[16]);
 
 // A random (version 4) UUID in big-endian form; false when the kernel's
 // random source fails.

@@ -55,7 +55,7 @@ bool writeView(const Image& image, const View& view) {
 std::string gptOrderGUID(const uint8_t* stored) {
     uint8_t bigEndian[16];
     qvl::plexa::guidSwapByteOrder(stored, bigEndian);
-    return guidString(bigEndian);
+    return qvl::plexa::guidText(bigEndian);
 }
 
 void printView(const Image& image, const View& view) {

@@ -73,7 +73,7 @@ bool holdsSoundHeader(const Volume& volume) {
 }
 
 std::string uuid(const uint8_t* p) {
-    return guidString(p);
+    return qvl::plexa::guidText(p);
 }
 
 void printChunkMap(const Header& h, const PlexaMediaProperties& g) {
