@@ -129,6 +129,10 @@ class QVLHMessageResponder {
     bool reboot(const plist::Value& parameter);
     bool quitHelper(const plist::Value& parameter);
 
+    // The data partition resize.
+    bool shrinkDataPartition(const plist::Value& parameter);
+    bool expandDataPartition(const plist::Value& parameter);
+
     mutable std::mutex connectionLock_;
     std::weak_ptr<zrp::Connection> connection_;
     std::mutex readerLock_;

@@ -63,6 +63,16 @@ constexpr size_t kNameSize = 72;
 // The volume manager's mark in the protective MBR's disk-signature field.
 constexpr size_t kMBRSignatureOffset = 440;
 constexpr uint32_t kMBRSignature = 0x506C7861;
+// Blocks 0 to 2 hold the protective MBR, the header image and the table.
+constexpr uint64_t kLowestUsableLBA = 3;
+
+// True when the usable blocks lie between the table and the end of a disk of
+// `blockCount` blocks. Packing keeps every partition inside the usable range,
+// so a view that passes can never have a partition moved over blocks 0 to 2
+// or past the end of the disk.
+inline bool usableRangeFits(uint64_t firstUsable, uint64_t lastUsable, uint64_t blockCount) {
+    return firstUsable >= kLowestUsableLBA && firstUsable <= lastUsable && lastUsable < blockCount;
+}
 }  // namespace gpt
 
 // The volume manager's header.
