@@ -36,6 +36,14 @@ RawDisk& RawDisk::sharedInstance() {
 int RawDisk::open(const std::string& path, Access access) {
     const int fd = ::open(path.c_str(), (access == Access::writeBack ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     if (fd < 0 || access == Access::read) return fd;
+    // Linux lets a read-only block device be opened for writing and refuses
+    // only the writes; the device refuses the open, and so does this layer.
+    int readOnly = 0;
+    if (ioctl(fd, BLKROGET, &readOnly) == 0 && readOnly) {
+        ::close(fd);
+        errno = EROFS;
+        return -1;
+    }
     // Not waiting: a tool that holds the disk exclusively may hold it for
     // long, and the helper must answer its client rather than hang. Such an
     // open fails (EWOULDBLOCK) and the caller writes nothing.
