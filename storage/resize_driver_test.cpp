@@ -24,14 +24,12 @@ using Lines = std::vector<std::string>;
 constexpr uint32_t kBlock = 4096;
 constexpr uint64_t kBlocks = 16384;  // 64 MiB; usable blocks 6 to 16378
 
-// Every file-system resize and table write, in order.
-struct Events : Lines {};
+// Every file-system resize, table write and sync, in order.
+using Events = Lines;
 
 // Where the host layers fail.
 struct Faults {
-    bool failOpen = false, readOnly = false, failStat = false, notBlock = false, failBlockSize = false,
-         failBlockCount = false, failList = false;
-    uint32_t sectorSize = kBlock;
+    bool failOpen = false, failStat = false, failBlockSize = false, failBlockCount = false, failList = false;
     uint64_t readLimit = 3 * kBlock;  // only blocks 0 to 2 are ever read
     size_t writeLimit = SIZE_MAX;
     int resizeError = 0;
@@ -44,14 +42,14 @@ class FakeDisk : public platform::RawDisk {
     FakeDisk(Events& events, const Faults& faults) : events_(events), f_(faults), bytes(3 * kBlock) {}
     int open(const std::string& path, Access access) override {
         EXPECT_EQ(path, "/dev/rdisk0s1");
-        if (f_.failOpen || (access == Access::writeBack && f_.readOnly)) return errno = EROFS, -1;
+        if (f_.failOpen) return errno = EACCES, -1;
         openCount++;
         return 7;
     }
     std::optional<bool> isBlockDevice(int) override {
-        return f_.failStat ? std::nullopt : std::optional<bool>(!f_.notBlock);
+        return f_.failStat ? std::nullopt : std::optional<bool>(true);
     }
-    bool blockSize(int, uint32_t* size) override { return !f_.failBlockSize && (*size = f_.sectorSize, true); }
+    bool blockSize(int, uint32_t* size) override { return !f_.failBlockSize && (*size = kBlock, true); }
     bool blockCount(int, uint64_t* count) override { return !f_.failBlockCount && (*count = kBlocks, true); }
     ssize_t readAt(int, void* buffer, size_t size, uint64_t offset) override {
         size = std::min<size_t>(size, f_.readLimit - std::min<uint64_t>(offset, f_.readLimit));
@@ -68,7 +66,6 @@ class FakeDisk : public platform::RawDisk {
     void syncAll() override { events_.push_back("sync"); }
 
     uint8_t* entry(size_t i) { return bytes.data() + 2 * kBlock + i * gpt::kEntrySize; }
-    uint64_t first(size_t i) { return plexa::loadLE64(entry(i) + gpt::kFirstLBA); }
     uint64_t last(size_t i) { return plexa::loadLE64(entry(i) + gpt::kLastLBA); }
     void setCount(uint32_t n) { plexa::storeLE32(bytes.data() + kBlock + gpt::kEntryCount, n); }
 
@@ -86,7 +83,8 @@ class FakeVolumes : public platform::Volumes {
     }
     std::optional<RegistryDevice> deviceWithBSDName(std::string_view name) const override {
         for (const Volume& v : list)
-            if (v.mountedFrom == "/dev/" + std::string(name) && name != f_.unregistered) return RegistryDevice{v.uuid};
+            if (v.mountedFrom == "/dev/" + std::string(name) && name != f_.unregistered)
+                return RegistryDevice{v.uuid};
         return std::nullopt;
     }
     int hfsResize(const std::string& mountPoint, uint64_t newSize) override {
@@ -161,11 +159,6 @@ class ResizeDriver : public ::testing::Test {
     bool logged(const std::string& line) const {
         return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
     }
-    std::string dump() const {
-        std::string all;
-        for (const std::string& l : lines_) all += l + "\n";
-        return all;
-    }
 
     Events events_;
     Faults faults_;
@@ -177,36 +170,16 @@ class ResizeDriver : public ::testing::Test {
 };
 
 TEST_F(ResizeDriver, ShrinksTheVolumeFirstAndGrowsItLast) {
-    ASSERT_EQ(run(shrink_data_partition), 0) << dump();
-    // 32 MiB - 24 MiB / 2 = 20 MiB: 5120 blocks.
-    EXPECT_EQ(events_, (Events{{"resize /private/var to 20971520", "write blocks at 1", "sync"}}));
-    EXPECT_EQ((Lines(lines_.begin(), lines_.begin() + 4)),
-              (Lines{"freeSize = 25165824(bytes), totalSize = 33554432(bytes), newSize = 20971520(bytes)\n\n",
-                     "entering adjust_partition", "partition: requiredSize=5120",
-                     "scanning 3 filesystems for A0010000-0000-0000-0000-000000000000"}));
-    EXPECT_TRUE(logged("UUID A0000000-0000-0000-0000-000000000000 does not match"));
-    EXPECT_TRUE(logged("matched /dev/disk0s1s2 on /private/var"));
-    EXPECT_TRUE(logged("shrinking HFS filesystem on /private/var from 33554432 to 20971520"));
-    EXPECT_TRUE(logged("About to adjust with settings partitionIndex:1 size:20 MB"));
-    EXPECT_EQ(disk_.last(1), 2054u + 5120 - 1);
-    EXPECT_EQ(disk_.first(2), 2054u + 5120);
-
-    events_.clear();
-    ASSERT_EQ(run(expand_data_partition), 0) << dump();
-    EXPECT_EQ(events_, (Events{{"write blocks at 1", "sync", "resize /private/var to 50286592"}}));
-    EXPECT_TRUE(logged("Block numbers that could be used as data partition = 12277"));
-    EXPECT_EQ(disk_.last(2), kBlocks - 6);
-
-    events_.clear();
+    ASSERT_EQ(run(shrink_data_partition), 0);  // 32 MiB - 24 MiB / 2 = 20 MiB
     ASSERT_EQ(run(expand_data_partition), 0);
-    EXPECT_TRUE(logged("no change in size"));
-    EXPECT_TRUE(events_.empty());
+    EXPECT_EQ(events_, (Events{"resize /private/var to 20971520", "write blocks at 1", "sync",
+                               "write blocks at 1", "sync", "resize /private/var to 50286592"}));
+    EXPECT_EQ(disk_.last(2), kBlocks - 6);
 }
 
-// Each case fails before the table is written: the disk keeps every byte and
-// no volume is resized.
+// Host failures that only a fake can cause, each before the table is written:
+// the disk keeps every byte and no volume is resized.
 TEST_F(ResizeDriver, RefusalsChangeNothing) {
-    auto notFit = usage(plist::Value(int64_t(1) << 40), plist::Value(0));
     const struct Case {
         std::function<void()> setUp;
         int (*entry)(const ResizeServices&);
@@ -215,43 +188,29 @@ TEST_F(ResizeDriver, RefusalsChangeNothing) {
     } cases[] = {
         {[this] { faults_.failOpen = true; }, expand_data_partition, 1, "failed to open /dev/rdisk0s1"},
         {[this] { faults_.failStat = true; }, expand_data_partition, 1, "failed to stat /dev/rdisk0s1"},
-        {[this] { faults_.notBlock = true; }, expand_data_partition, 1,
-         "/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)"},
-        {[this] { faults_.failBlockSize = true; }, expand_data_partition, 1, "ioctl DKIOCGETBLOCKSIZE failed"},
+        {[this] { faults_.failBlockSize = true; }, expand_data_partition, 1,
+         "ioctl DKIOCGETBLOCKSIZE failed"},
         {[this] { faults_.failBlockCount = true; }, expand_data_partition, 1,
          "ioctl DKIOCGETBLOCKCOUNT failed"},
-        {[this] { faults_.sectorSize = 512; }, expand_data_partition, 1, "Device /dev/rdisk0s1 not suitable"},
-        {[this] { faults_.readLimit = 100; }, expand_data_partition, 1, "Failed to read MBR from /dev/rdisk0s1"},
+        {[this] { faults_.readLimit = 100; }, expand_data_partition, 1,
+         "Failed to read MBR from /dev/rdisk0s1"},
         {[this] { faults_.readLimit = 2 * kBlock; }, expand_data_partition, 1,
          "Failed to read GPT header and table from /dev/rdisk0s1"},
-        {[this] { disk_.bytes[440] = 0; }, expand_data_partition, 1, "/dev/rdisk0s1 not managed by Plexa"},
-        {[this] { disk_.setCount(9); }, expand_data_partition, 1,
-         "GPT header of /dev/rdisk0s1 claims 9 partitions; the view holds 8"},
         {[this] { disk_.bytes[kBlock + gpt::kFirstUsableLBA] = 2; }, expand_data_partition, 1,
          "GPT view of /dev/rdisk0s1 has usable blocks 2 to 16378, outside blocks 3 to 16383"},
         {[this] { plexa::storeLE64(disk_.bytes.data() + kBlock + gpt::kLastUsableLBA, kBlocks); },
-         expand_data_partition, 1, "GPT view of /dev/rdisk0s1 has usable blocks 6 to 16384, outside blocks 3 to 16383"},
+         expand_data_partition, 1,
+         "GPT view of /dev/rdisk0s1 has usable blocks 6 to 16384, outside blocks 3 to 16383"},
         {[this] { info_.usage.reset(); }, shrink_data_partition, -1, "Cannot get disk usage."},
         {[this] { info_.usage = usage(plist::Value(100), plist::Value(1.5)); }, shrink_data_partition, -1,
          "Disk usage needs whole non-negative TotalDataCapacity and TotalDataAvailable: "
          "{\n    TotalDataCapacity = 100;\n    TotalDataAvailable = 1.5;\n}"},
-        {[&] { info_.usage = notFit; }, shrink_data_partition, -1, "partition: requiredSize=268435456"},
-        {[this] { info_.usage = usage(plist::Value(0), plist::Value(0)); }, shrink_data_partition, -1,
-         "deletion of partition 1 disallowed"},
-        {[this] { volumes_.list.pop_back(), volumes_.list.erase(volumes_.list.begin() + 1); },
-         shrink_data_partition, -1,
-         "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=5120)"},
-        {[this] { faults_.failList = true; }, expand_data_partition, 1, "failed to get filesystem information"},
+        {[this] { faults_.failList = true; }, expand_data_partition, 1,
+         "failed to get filesystem information"},
         {[this] { faults_.unregistered = "disk0s1s2"; }, expand_data_partition, 1,
          "failed to find an VXService owning disk0s1s2 (unexpected)"},
-        {[this] { volumes_.list[1].uuid.reset(); }, expand_data_partition, 1,
-         "device matching disk0s1s2 has no UUID (unexpected)"},
         {[this] { volumes_.list[1].uuid = plist::Value(1); }, expand_data_partition, 1,
          "failed to get string from UUID property (unexpected)"},
-        {[this] { faults_.resizeError = ENOSPC; }, shrink_data_partition, -1,
-         "can't shrink partition 1, currently mounted on /private/var"},
-        {[this] { faults_.readOnly = true; }, expand_data_partition, 1,
-         "Failed to open /dev/rdisk0s1 to write new GPT header out to disk.\n"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.line);
@@ -259,7 +218,7 @@ TEST_F(ResizeDriver, RefusalsChangeNothing) {
         c.setUp();
         const std::vector<uint8_t> start = disk_.bytes;
         EXPECT_EQ(run(c.entry), c.rc);
-        EXPECT_TRUE(logged(c.line)) << dump();
+        EXPECT_TRUE(logged(c.line));
         EXPECT_EQ(disk_.bytes, start);
         EXPECT_TRUE(events_.empty());
     }
@@ -268,9 +227,8 @@ TEST_F(ResizeDriver, RefusalsChangeNothing) {
 TEST_F(ResizeDriver, FailuresAfterTheTableIsOut) {
     faults_.writeLimit = kBlock;
     EXPECT_EQ(run(shrink_data_partition), -1);
-    EXPECT_TRUE(
-        logged("failed to write GPT header and table to /dev/rdisk0s1 (return 4096). errno=5 : Input/output error"))
-        << dump();
+    EXPECT_TRUE(logged(
+        "failed to write GPT header and table to /dev/rdisk0s1 (return 4096). errno=5 : Input/output error"));
 
     SetUp();
     faults_.resizeError = ENOSPC;
@@ -280,17 +238,6 @@ TEST_F(ResizeDriver, FailuresAfterTheTableIsOut) {
                      "HFS resize failed. errno=28", "can't expanding HFS filesystem on /private/var"}));
 }
 
-// Expansion takes entry 1 for the data partition whatever the names say: the
-// "Data" entry at index 2 gets what entries 0 and 2 leave, and the 1000
-// blocks of entry 1 stay counted twice, unused.
-TEST_F(ResizeDriver, ExpansionCountsEntryOneAsData) {
-    setPartitions({{"System", 2048}, {"Update", 1000}, {"Data", 4096}});
-    ASSERT_EQ(run(expand_data_partition), 0) << dump();
-    EXPECT_TRUE(logged("Block numbers that could be used as data partition = 10229"));
-    EXPECT_EQ(disk_.first(2), 6u + 2048 + 1000);
-    EXPECT_EQ(disk_.last(2), 6u + 2048 + 1000 + 10229 - 1);
-}
-
 // The names found stay for the life of the process: a disk without "Data"
 // gets a new partition on every request, and an index found on one disk
 // outlives that disk.
@@ -298,18 +245,19 @@ TEST_F(ResizeDriver, PartitionNamesOutliveTheRequest) {
     setPartitions({{"System", 2048}});
     info_.usage = usage(plist::Value(int64_t(8) << 20), plist::Value(0));
     for (uint32_t count : {2u, 3u}) {
-        ASSERT_EQ(run(shrink_data_partition), 0) << dump();
+        ASSERT_EQ(run(shrink_data_partition), 0);
         EXPECT_TRUE(logged("Creating new partition instead of adjusting existing one"));
         EXPECT_EQ(plexa::loadLE32(disk_.bytes.data() + kBlock + gpt::kEntryCount), count);
     }
-    EXPECT_EQ(events_, (Events{{"write blocks at 1", "sync", "write blocks at 1", "sync"}}));
+    EXPECT_EQ(events_, (Events{"write blocks at 1", "sync", "write blocks at 1", "sync"}));
 
     setPartitions({{"System", 2048}, {"Update", 2048}, {"Data", 2048}});
     ASSERT_EQ(run(shrink_data_partition), 0);
     EXPECT_EQ(partition_names[1].index, 2);
     setPartitions({{"System", 2048}});
     EXPECT_EQ(run(shrink_data_partition), -1);
-    EXPECT_EQ(Lines(lines_.end() - 2, lines_.end()), (Lines{"bad partion number", "failed to adjust partition 2"}));
+    EXPECT_EQ(Lines(lines_.end() - 2, lines_.end()),
+              (Lines{"bad partion number", "failed to adjust partition 2"}));
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 // file after each command, and the image's bytes.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -49,7 +50,7 @@ struct Case {
     std::function<void(plist::Array& volumes)> editVolumes = nullptr;
     std::optional<std::pair<int64_t, int64_t>> diskUsage = std::nullopt;  // capacity, available
     std::vector<const char*> options = {"--disk", "IMAGE"};
-    Lines absent = {};  // prefixes that no line may start with
+    const char* absent = nullptr;  // no line may start with this
 };
 
 std::string readAll(const std::string& path) {
@@ -79,14 +80,6 @@ int64_t dataSize(const std::string& volumesFile) {
     plist::Array volumes = volumesOf(volumesFile);
     const plist::Dictionary* data = volumeOn(volumes, "/private/var");
     return data && data->getInteger("Size") ? data->getInteger("Size")->asSigned() : -1;
-}
-
-plist::Value filler() {
-    plist::Dictionary d;
-    d.set("FSTypeName", plist::Value("devfs"));
-    d.set("MountedFrom", plist::Value("devfs"));
-    d.set("MountedOn", plist::Value("/dev"));
-    return plist::Value(std::move(d));
 }
 
 std::vector<Span> gptShow(const std::string& image) {
@@ -122,16 +115,13 @@ class ResizeE2ETest : public ::testing::Test {
     std::string dir_;
 };
 
+// "{System}" and "{Data}" in a line become those volumes' UUIDs.
 std::string withUUIDs(std::string line, const std::string& volumesFile) {
-    for (const plist::Value& v : volumesOf(volumesFile)) {
-        const plist::Dictionary* d = v.asDictionary();
-        const std::string* on = d ? d->getString("MountedOn") : nullptr;
-        const std::string* uuid = d ? d->getString("UUID") : nullptr;
-        if (!on || !uuid) continue;
-        const std::string name = *on == "/" ? "System" : *on == "/private/var" ? "Data" : on->substr(5);
-        for (size_t at; (at = line.find("{" + name + "}")) != std::string::npos;)
-            line.replace(at, name.size() + 2, *uuid);
-    }
+    plist::Array volumes = volumesOf(volumesFile);
+    for (auto [name, volume] :
+         {std::pair{"{System}", volumeOn(volumes, "/")}, {"{Data}", volumeOn(volumes, "/private/var")}})
+        if (size_t at = line.find(name); at != std::string::npos && volume && volume->getString("UUID"))
+            line.replace(at, std::strlen(name), *volume->getString("UUID"));
     return line;
 }
 
@@ -167,16 +157,14 @@ bool ResizeE2ETest::run(Sandbox& sandbox, const Case& c, const std::string& imag
     }
     // Device information answers "DiskUsage" from its file when the case
     // gives one, else from the data volume.
-    const std::string info = sandbox.root() + "/etc/ostrel/deviceinfo.plist";
-    plist::Value infoFile = plist::readFile(info).value_or(plist::Value(plist::Dictionary()));
-    infoFile.asDictionary()->erase("DiskUsage");
-    if (c.diskUsage) {
-        plist::Dictionary usage;
-        usage.set("TotalDataCapacity", plist::Value(c.diskUsage->first));
-        usage.set("TotalDataAvailable", plist::Value(c.diskUsage->second));
-        infoFile.asDictionary()->set("DiskUsage", plist::Value(std::move(usage)));
-    }
-    EXPECT_TRUE(plist::writeFileAtomically(info, infoFile, plist::Format::XML));
+    std::ofstream(sandbox.root() + "/etc/ostrel/deviceinfo.plist")
+        << "<plist version=\"1.0\"><dict>"
+        << (c.diskUsage ? "<key>DiskUsage</key><dict><key>TotalDataCapacity</key><integer>" +
+                              std::to_string(c.diskUsage->first) +
+                              "</integer><key>TotalDataAvailable</key><integer>" +
+                              std::to_string(c.diskUsage->second) + "</integer></dict>"
+                        : "")
+        << "</dict></plist>\n";
 
     const std::string sandboxVolumes = sandbox.root() + "/private/var/db/platform/volumes.plist";
     const int64_t sizeBefore = dataSize(sandboxVolumes);
@@ -200,8 +188,7 @@ bool ResizeE2ETest::run(Sandbox& sandbox, const Case& c, const std::string& imag
         EXPECT_NE(at, log.end()) << "missing, or out of order: " << line << "\nlog:\n" << text;
         if (at == log.end()) break;
     }
-    for (const std::string& prefix : c.absent)
-        for (const std::string& line : log) EXPECT_FALSE(line.starts_with(prefix)) << line;
+    for (const std::string& line : log) EXPECT_FALSE(c.absent && line.starts_with(c.absent)) << line;
 
     EXPECT_EQ(gptShow(image), c.table.empty() ? tableBefore : c.table);
     const std::string after = readAll(image);
@@ -219,12 +206,6 @@ std::function<void(std::string&)> setCount(uint32_t count) {
     };
 }
 
-std::function<void(plist::Array&)> fillersAfterSystem(int count) {
-    return [count](plist::Array& volumes) { volumes.insert(volumes.begin() + 1, size_t(count), filler()); };
-}
-
-const Lines kNoVolumeStep = {"shrinking HFS", "expanding HFS"};
-const Lines kNoWrite = {"Wrote GPT header back to disk"};
 const std::vector<Span> kExpanded = {{6, 2053}, {2054, 14330}, {14331, 16378}};
 
 // Usable blocks 6 to 16378; System, Data and Update of 2048, 8192 and 2048
@@ -238,20 +219,17 @@ const Case kCases[] = {
                "scanning 3 filesystems for {Data}", "UUID {System} does not match", "UUID {Data} match",
                "matched /dev/disk0s1s2 on /private/var",
                "shrinking HFS filesystem on /private/var from 33554432 to 18874368",
-               "Resizing existing partition with GPT index 1",
-               "About to adjust with settings partitionIndex:1 size:18 MB", "Wrote GPT header back to disk",
+               "Wrote GPT header back to disk",
                "Entering -[QVLHMessageResponder expandDataPartition:] with parameter: 1",
-               "gpt.pth.first_lba = 6, last_lba = 16378", "Partition 1: first = 2054, last = 6661, lbaNumber = 4608",
-               "Block numbers that could be used as data partition = 12277", "newSize = 50286592(bytes)",
-               "Wrote GPT header back to disk", "expanding HFS filesystem on /private/var to 50286592"},
+               "Block numbers that could be used as data partition = 12277", "Wrote GPT header back to disk",
+               "expanding HFS filesystem on /private/var to 50286592"},
      .table = kExpanded,
      .dataSizes = {18874368, 50286592}},
     {.what = "already the right size: no change, no write",
      .commands = {kExpand},
      .status = 0,
      .lines = {"partition: requiredSize=12277", "no change in size"},
-     .partitions = {"System:8M", "Data:50286592", "Update:8M"},
-     .absent = kNoWrite},
+     .partitions = {"System:8M", "Data:50286592", "Update:8M"}},
     {.what = "the data volume is not mounted",
      .commands = {kExpand},
      .status = 1,
@@ -262,68 +240,62 @@ const Case kCases[] = {
     {.what = "a size that does not fit: nothing after the size line",
      .commands = {kShrink},
      .status = 1,
-     .lines = {"freeSize = 0(bytes), totalSize = 1099511627776(bytes), newSize = 1099511627776(bytes)",
-               "partition: requiredSize=268435456", "Message handled"},
+     .lines = {"partition: requiredSize=268435456"},
      .diskUsage = std::pair<int64_t, int64_t>(int64_t(1) << 40, 0),
-     .absent = {"scanning"}},
+     .absent = "scanning"},
     {.what = "no Data partition: one is created, no volume step",
      .commands = {kExpand},
      .status = 0,
-     .lines = {"Block numbers that could be used as data partition = 14325",
-               "Creating new partition instead of adjusting existing one",
-               "About to adjust with settings partitionIndex:1 size:55 MB", "Wrote GPT header back to disk"},
+     .lines = {"Creating new partition instead of adjusting existing one",
+               "About to adjust with settings partitionIndex:1 size:55 MB"},
      .table = {{6, 2053}, {2054, 16378}},
-     .partitions = {"System:8M"},
-     .absent = kNoVolumeStep},
+     .partitions = {"System:8M"}},
     {.what = "expansion counts entry 1 as the data partition",
      .commands = {kExpand},
      .status = 0,
      .lines = {"Partition 1: first = 2054, last = 3077, lbaNumber = 1024",
                "Block numbers that could be used as data partition = 10229",
-               "Resizing existing partition with GPT index 2",
-               "expanding HFS filesystem on /private/var to 41897984"},
+               "Resizing existing partition with GPT index 2"},
      .table = {{6, 2053}, {2054, 3077}, {3078, 13306}},
      .dataSizes = {41897984},
      .partitions = {"System:8M", "Update:4M", "Data:16M:1M"}},
     {.what = "a size of 0 is refused with the number 1",
      .commands = {kShrink},
      .status = 1,
-     .lines = {"freeSize = 0(bytes), totalSize = 0(bytes), newSize = 0(bytes)", "partition: requiredSize=0",
-               "deletion of partition 1 disallowed"},
+     .lines = {"partition: requiredSize=0", "deletion of partition 1 disallowed"},
      .partitions = {"System:8M", "Update:8M", "Data:32M"},
      .diskUsage = std::pair<int64_t, int64_t>(0, 0)},
     {.what = "a node that is not a block device",
      .commands = {kExpand},
      .status = 1,
-     .lines = {"/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)", "newSize = 0(bytes)",
-               "/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)"},
+     .lines = {"/dev/rdisk0s1 is not a suitable device (try /dev/rdisk*)", "newSize = 0(bytes)"},
      .options = {"--bind", "IMAGE", "/dev/rdisk0s1"}},
     {.what = "the volume refuses the shrink",
      .commands = {kShrink},
      .status = 1,
-     .lines = {"shrinking HFS filesystem on /private/var from 33554432 to 18874368", "HFS resize failed. errno=28",
-               "can't shrink partition 1, currently mounted on /private/var", "failed to adjust partition 1"},
+     .lines = {"HFS resize failed. errno=28", "can't shrink partition 1, currently mounted on /private/var",
+               "failed to adjust partition 1"},
      .editVolumes = [](plist::Array& v) { volumeOn(v, "/private/var")->set("Used", plist::Value(30 << 20)); },
-     .diskUsage = std::pair<int64_t, int64_t>(32 << 20, 28 << 20),
-     .absent = kNoWrite},
+     .diskUsage = std::pair<int64_t, int64_t>(32 << 20, 28 << 20)},
     {.what = "a header claiming 9 entries",
      .commands = {kExpand},
      .status = 1,
      .lines = {"GPT header of /dev/rdisk0s1 claims 9 partitions; the view holds 8"},
      .patch = setCount(9)},
-    {.what = "9 volumes: the data volume as the 8th is seen",
+    // The first 8 of 9 volumes are seen: a volume without UUID is passed
+    // over, and the data volume is found as the 8th.
+    {.what = "9 volumes",
      .commands = {kExpand},
      .status = 0,
-     .lines = {"scanning 8 filesystems for {Data}", "UUID {Data} match"},
+     .lines = {"scanning 8 filesystems for {Data}", "device matching disk0s1s1 has no UUID (unexpected)",
+               "UUID {Data} match"},
      .table = kExpanded,
      .dataSizes = {50286592},
-     .editVolumes = fillersAfterSystem(6)},
-    {.what = "10 volumes: the data volume as the 9th is not",
-     .commands = {kExpand},
-     .status = 1,
-     .lines = {"scanning 8 filesystems for {Data}",
-               "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=12277)"},
-     .editVolumes = fillersAfterSystem(7)},
+     .editVolumes =
+         [](plist::Array& v) {
+             v[0].asDictionary()->erase("UUID");
+             v.insert(v.begin() + 1, 6, plist::Value(plist::Dictionary()));
+         }},
     {.what = "no volume manager's mark",
      .commands = {kExpand},
      .status = 1,
@@ -337,24 +309,15 @@ const Case kCases[] = {
     {.what = "a read-only disk",
      .commands = {kExpand},
      .status = 1,
-     .lines = {"failed to open /dev/rdisk0s1", "Failed to open /dev/rdisk0s1 to write new GPT header out to disk."},
-     .options = {"--disk", "IMAGE", "--disk-read-only"},
-     .absent = kNoVolumeStep},
+     .lines = {"failed to open /dev/rdisk0s1",
+               "Failed to open /dev/rdisk0s1 to write new GPT header out to disk."},
+     .options = {"--disk", "IMAGE", "--disk-read-only"}},
     {.what = "a header with 0 entries",
      .commands = {kExpand},
      .status = 0,
-     .lines = {"Block numbers that could be used as data partition = 16373",
-               "Creating new partition instead of adjusting existing one"},
+     .lines = {"Creating new partition instead of adjusting existing one"},
      .table = {{6, 16378}},
-     .patch = setCount(0),
-     .absent = kNoVolumeStep},
-    {.what = "a volume without UUID is passed over",
-     .commands = {kExpand},
-     .status = 0,
-     .lines = {"device matching disk0s1s1 has no UUID (unexpected)", "UUID {Data} match"},
-     .table = kExpanded,
-     .dataSizes = {50286592},
-     .editVolumes = [](plist::Array& v) { v[0].asDictionary()->erase("UUID"); }},
+     .patch = setCount(0)},
 };
 
 // One device root for all cases; each starts its own helper on its own disk,
@@ -363,7 +326,8 @@ TEST_F(ResizeE2ETest, Cases) {
     Sandbox sandbox;
     for (size_t i = 0; i < std::size(kCases); i++) {
         SCOPED_TRACE(kCases[i].what);
-        if (!run(sandbox, kCases[i], dir_ + "/disk" + std::to_string(i) + ".img")) GTEST_SKIP() << "no loop device";
+        if (!run(sandbox, kCases[i], dir_ + "/disk" + std::to_string(i) + ".img"))
+            GTEST_SKIP() << "no loop device";
     }
 }
 
