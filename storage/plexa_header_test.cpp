@@ -89,7 +89,7 @@ uint32_t entryOf(const PlexaMediaProperties& g, const Header& h, uint16_t key) {
 }
 
 std::string hex4(uint32_t v) {
-    char b[8];
+    char b[16];
     std::snprintf(b, sizeof b, "0x%04x", v);
     return b;
 }
