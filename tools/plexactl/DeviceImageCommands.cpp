@@ -31,7 +31,7 @@ constexpr uint64_t kReservedAtEnd = 5;
 constexpr size_t kMaxNameLength = gpt::kNameSize / 2;
 
 struct Placed {
-    PartitionSpec spec;
+    PartitionRequest request;
     uint64_t first = 0, last = 0;
     uint8_t unique[16] = {};  // big-endian
 };
@@ -50,23 +50,23 @@ std::string mountPointFor(const std::string& name) {
     return "/mnt/" + name;
 }
 
-std::optional<std::vector<Placed>> place(const std::vector<PartitionSpec>& specs, uint64_t blocks) {
+std::optional<std::vector<Placed>> place(const std::vector<PartitionRequest>& requests, uint64_t blocks) {
     std::vector<Placed> placed;
     std::set<std::string> names;
     const uint64_t lastUsable = blocks - 1 - kReservedAtEnd;
     uint64_t next = kFirstUsable;
-    for (const PartitionSpec& spec : specs) {
-        if (!names.insert(spec.name).second) {
-            complain("partition name '%s' given twice", spec.name.c_str());
+    for (const PartitionRequest& request : requests) {
+        if (!names.insert(request.name).second) {
+            complain("partition name '%s' given twice", request.name.c_str());
             return std::nullopt;
         }
-        const uint64_t length = spec.size / kBlock + (spec.size % kBlock != 0);
+        const uint64_t length = request.size / kBlock + (request.size % kBlock != 0);
         if (length > lastUsable + 1 - next) {
-            complain("partition '%s' does not fit: blocks %llu to %llu are usable", spec.name.c_str(),
+            complain("partition '%s' does not fit: blocks %llu to %llu are usable", request.name.c_str(),
                      (unsigned long long)kFirstUsable, (unsigned long long)lastUsable);
             return std::nullopt;
         }
-        Placed p{spec, next, next + length - 1, {}};
+        Placed p{request, next, next + length - 1, {}};
         if (!qvl::plexa::randomUUID(p.unique)) {
             complain("cannot generate a partition GUID");
             return std::nullopt;
@@ -94,7 +94,8 @@ void writeEntry(uint8_t* e, const Placed& p) {
     qvl::plexa::guidSwapByteOrder(p.unique, e + gpt::kUniqueGUID);
     storeLE64(e + gpt::kFirstLBA, p.first);
     storeLE64(e + gpt::kLastLBA, p.last);
-    for (size_t i = 0; i < p.spec.name.size(); i++) storeLE16(e + gpt::kName + 2 * i, uint8_t(p.spec.name[i]));
+    for (size_t i = 0; i < p.request.name.size(); i++)
+        storeLE16(e + gpt::kName + 2 * i, uint8_t(p.request.name[i]));
 }
 
 // A standard GPT header whose entry count is the number of partitions in
@@ -126,10 +127,10 @@ plist::Value volumesTable(const std::vector<Placed>& placed) {
         plist::Dictionary v;
         v.set("FSTypeName", plist::Value("hfs"));
         v.set("MountedFrom", plist::Value("/dev/disk0s1s" + std::to_string(i + 1)));
-        v.set("MountedOn", plist::Value(mountPointFor(p.spec.name)));
+        v.set("MountedOn", plist::Value(mountPointFor(p.request.name)));
         v.set("UUID", plist::Value(qvl::plexa::guidText(p.unique)));
         v.set("Size", plist::Value(int64_t((p.last - p.first + 1) * kBlock)));
-        v.set("Used", plist::Value(int64_t(p.spec.used)));
+        v.set("Used", plist::Value(int64_t(p.request.used)));
         volumes.push_back(plist::Value(std::move(v)));
     }
     return plist::Value(std::move(volumes));
@@ -137,34 +138,36 @@ plist::Value volumesTable(const std::vector<Placed>& placed) {
 
 }  // namespace
 
-std::optional<PartitionSpec> parsePartitionSpec(std::string_view text) {
+std::optional<PartitionRequest> parsePartitionRequest(std::string_view text) {
     const size_t colon = text.find(':');
     const size_t second = colon == std::string_view::npos ? colon : text.find(':', colon + 1);
-    PartitionSpec spec;
-    spec.name = std::string(text.substr(0, colon));
+    PartitionRequest request;
+    request.name = std::string(text.substr(0, colon));
     std::optional<uint64_t> size, used = uint64_t(0);
     if (colon != std::string_view::npos) size = parseSize(text.substr(colon + 1, second - colon - 1));
     if (second != std::string_view::npos) used = parseSize(text.substr(second + 1));
-    if (!validName(spec.name) || !size || *size == 0 || !used || *used > *size ||
+    if (!validName(request.name) || !size || *size == 0 || !used || *used > *size ||
         *size > uint64_t(INT64_MAX)) {
-        complain("invalid partition '%.*s' (NAME:SIZE[:USED], an ASCII name of up to %zu characters without ':',"
-                 " USED no more than SIZE)",
-                 int(text.size()), text.data(), kMaxNameLength);
+        complain(
+            "invalid partition '%.*s' (NAME:SIZE[:USED], an ASCII name of up to %zu characters without ':',"
+            " USED no more than SIZE)",
+            int(text.size()), text.data(), kMaxNameLength);
         return std::nullopt;
     }
-    spec.size = *size;
-    spec.used = *used;
-    return spec;
+    request.size = *size;
+    request.used = *used;
+    return request;
 }
 
 std::string volumesPathFor(const std::string& image) {
     return image + ".volumes.plist";
 }
 
-int deviceImageCreate(const std::string& path, uint64_t size, const std::vector<PartitionSpec>& partitions) {
+int deviceImageCreate(const std::string& path, uint64_t size,
+                      const std::vector<PartitionRequest>& partitions) {
     if (partitions.empty() || partitions.size() > gpt::kMaxEntries || size % kBlock != 0) {
-        complain("an image holds 1 to %zu partitions and a whole number of %llu-byte blocks", gpt::kMaxEntries,
-                 (unsigned long long)kBlock);
+        complain("an image holds 1 to %zu partitions and a whole number of %llu-byte blocks",
+                 gpt::kMaxEntries, (unsigned long long)kBlock);
         return 1;
     }
     PlexaMediaProperties geometry{};
@@ -196,7 +199,8 @@ int deviceImageCreate(const std::string& path, uint64_t size, const std::vector<
         }
     }
     std::string error;
-    if (!plist::writeFileAtomically(volumesPathFor(path), volumesTable(*placed), plist::Format::XML, &error)) {
+    if (!plist::writeFileAtomically(volumesPathFor(path), volumesTable(*placed), plist::Format::XML,
+                                    &error)) {
         complain("%s: %s", volumesPathFor(path).c_str(), error.c_str());
         unlink(path.c_str());
         return 1;
@@ -204,9 +208,10 @@ int deviceImageCreate(const std::string& path, uint64_t size, const std::vector<
     if (gptShow(path) != 0) return 1;
     std::printf("Volumes file:       %s\n", volumesPathFor(path).c_str());
     for (const Placed& p : *placed)
-        std::printf("  %-12s on %-16s size %llu, used %llu\n", p.spec.name.c_str(),
-                    mountPointFor(p.spec.name).c_str(), (unsigned long long)((p.last - p.first + 1) * kBlock),
-                    (unsigned long long)p.spec.used);
+        std::printf("  %-12s on %-16s size %llu, used %llu\n", p.request.name.c_str(),
+                    mountPointFor(p.request.name).c_str(),
+                    (unsigned long long)((p.last - p.first + 1) * kBlock),
+                    (unsigned long long)p.request.used);
     return 0;
 }
 

@@ -14,14 +14,14 @@
 
 namespace qvl::plexactl {
 
-struct PartitionSpec {
+struct PartitionRequest {
     std::string name;
     uint64_t size = 0;  // bytes, rounded up to whole blocks
     uint64_t used = 0;  // bytes the volume holds
 };
 
 // NAME:SIZE[:USED]; nullopt (after one line on standard error) otherwise.
-std::optional<PartitionSpec> parsePartitionSpec(std::string_view text);
+std::optional<PartitionRequest> parsePartitionRequest(std::string_view text);
 
 // The volumes file that goes with an image: IMAGE.volumes.plist.
 std::string volumesPathFor(const std::string& image);
@@ -29,7 +29,8 @@ std::string volumesPathFor(const std::string& image);
 // Writes a new image of `size` bytes holding `partitions` back to back in
 // their order, and its volumes file; answers the exit status. Nothing is left
 // behind when it fails.
-int deviceImageCreate(const std::string& path, uint64_t size, const std::vector<PartitionSpec>& partitions);
+int deviceImageCreate(const std::string& path, uint64_t size,
+                      const std::vector<PartitionRequest>& partitions);
 
 }  // namespace qvl::plexactl
 

@@ -191,7 +191,7 @@ int deviceImage(const std::string& verb, const Args& a) {
     }
     std::optional<std::string> image;
     std::optional<uint64_t> mediaSize;
-    std::vector<PartitionSpec> partitions;
+    std::vector<PartitionRequest> partitions;
     for (size_t i = 0; i < a.size(); i++) {
         const bool hasValue = i + 1 < a.size();
         if (a[i] == "--size" && hasValue) {
@@ -199,9 +199,9 @@ int deviceImage(const std::string& verb, const Args& a) {
             if (!size(a[++i], bytes)) return kUsageError;
             mediaSize = bytes;
         } else if (a[i] == "--partition" && hasValue) {
-            std::optional<PartitionSpec> spec = parsePartitionSpec(a[++i]);
-            if (!spec) return kUsageError;
-            partitions.push_back(*spec);
+            std::optional<PartitionRequest> request = parsePartitionRequest(a[++i]);
+            if (!request) return kUsageError;
+            partitions.push_back(*request);
         } else if (!image && !a[i].starts_with("-")) {
             image = a[i];
         } else {
