@@ -6,6 +6,7 @@
 #include "operations/QVLHOperations.h"
 #include "platform/entitlements/EntitlementService.h"
 #include "qvald_helper/zrpdictConv.h"
+#include "storage/resize_driver.h"
 
 namespace qvl {
 
@@ -37,6 +38,8 @@ const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder:
     {"writeNvram:", &QVLHMessageResponder::writeNvram},
     {"moveStagingToFinal:", &QVLHMessageResponder::moveStagingToFinal},
     {"reboot:", &QVLHMessageResponder::reboot},
+    {"shrinkDataPartition:", &QVLHMessageResponder::shrinkDataPartition},
+    {"expandDataPartition:", &QVLHMessageResponder::expandDataPartition},
     {"quitHelper:", &QVLHMessageResponder::quitHelper},
 };
 
@@ -278,6 +281,18 @@ bool QVLHMessageResponder::reboot(const plist::Value& parameter) {
 bool QVLHMessageResponder::quitHelper(const plist::Value& parameter) {
     logEntering("-[QVLHMessageResponder quitHelper:]", parameter);
     operations_.quitHelper();
+}
+
+// The data partition resize: the parameter is not used.
+
+bool QVLHMessageResponder::shrinkDataPartition(const plist::Value& parameter) {
+    logEntering("-[QVLHMessageResponder shrinkDataPartition:]", parameter);
+    return storage::shrink_data_partition() == 0;
+}
+
+bool QVLHMessageResponder::expandDataPartition(const plist::Value& parameter) {
+    logEntering("-[QVLHMessageResponder expandDataPartition:]", parameter);
+    return storage::expand_data_partition() == 0;
 }
 
 }  // namespace qvl

@@ -136,6 +136,10 @@ class QVLHMessageResponder {
     bool reboot(const plist::Value& parameter);
     bool quitHelper(const plist::Value& parameter);
 
+    // The data partition resize.
+    bool shrinkDataPartition(const plist::Value& parameter);
+    bool expandDataPartition(const plist::Value& parameter);
+
     const EntitlementReader entitlementReader_;
     QVLHOperations& operations_;
     mutable std::mutex connectionLock_;

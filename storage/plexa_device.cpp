@@ -3,7 +3,9 @@
 #include <linux/fs.h>
 #include <stddef.h>  // size_t, used by the BLK* request numbers
 #include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -47,6 +49,28 @@ bool deviceBlockCount(int fd, uint32_t blockSize, uint64_t* blockCount) {
         return false;
     }
     *blockCount = bytes / blockSize;
+    return true;
+}
+
+size_t deviceRead(int fd, uint8_t* buffer, size_t size, uint64_t offset) {
+    size_t done = 0;
+    while (done < size) {
+        ssize_t n = pread(fd, buffer + done, size - done, off_t(offset + done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        done += size_t(n);
+    }
+    return done;
+}
+
+bool randomBytes(uint8_t* out, size_t size) {
+    size_t got = 0;
+    while (got < size) {
+        ssize_t n = getrandom(out + got, size - got, 0);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        got += size_t(n);
+    }
     return true;
 }
 

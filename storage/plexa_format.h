@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string>
+#include <string_view>
 
 #include "storage/plexa.h"
 
@@ -61,6 +63,16 @@ constexpr size_t kNameSize = 72;
 // The volume manager's mark in the protective MBR's disk-signature field.
 constexpr size_t kMBRSignatureOffset = 440;
 constexpr uint32_t kMBRSignature = 0x506C7861;
+// Blocks 0 to 2 hold the protective MBR, the header image and the table.
+constexpr uint64_t kLowestUsableLBA = 3;
+
+// True when the usable blocks lie between the table and the end of a disk of
+// `blockCount` blocks. Packing keeps every partition inside the usable range,
+// so a view that passes can never have a partition moved over blocks 0 to 2
+// or past the end of the disk.
+inline bool usableRangeFits(uint64_t firstUsable, uint64_t lastUsable, uint64_t blockCount) {
+    return firstUsable >= kLowestUsableLBA && firstUsable <= lastUsable && lastUsable < blockCount;
+}
 }  // namespace gpt
 
 // The volume manager's header.
@@ -119,6 +131,11 @@ constexpr uint8_t kHFSPlusType[16] = {0x48, 0x46, 0x53, 0x00, 0x00, 0x00, 0x11, 
 // GPT stores the first three GUID fields little-endian; the conversion is its
 // own inverse.
 void guidSwapByteOrder(const uint8_t in[16], uint8_t out[16]);
+
+// The 36-character 8-4-4-4-12 text of a big-endian GUID, upper-case hex.
+std::string guidText(const uint8_t guid[16]);
+// The big-endian GUID of such a text, in either case; false on anything else.
+bool parseGuidText(std::string_view text, uint8_t out[16]);
 
 // A random (version 4) UUID in big-endian form; false when the kernel's
 // random source fails.

@@ -1,11 +1,9 @@
-// Media geometry, GUID byte order and random identifiers of the volume library.
-#include <sys/random.h>
-
+// Media geometry, GUID byte order, text and random identifiers of the volume library.
 #include <bit>
-#include <cerrno>
 #include <cstdio>
 
 #include "storage/plexa.h"
+#include "storage/plexa_device.h"
 #include "storage/plexa_format.h"
 
 namespace qvl::plexa {
@@ -91,15 +89,44 @@ void guidSwapByteOrder(const uint8_t in[16], uint8_t out[16]) {
     std::memcpy(out, tmp, 16);
 }
 
+std::string guidText(const uint8_t guid[16]) {
+    static constexpr char kHex[] = "0123456789ABCDEF";
+    std::string out;
+    for (int i = 0; i < 16; i++) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
+        out += kHex[guid[i] >> 4];
+        out += kHex[guid[i] & 0xF];
+    }
+    return out;
+}
+
+bool parseGuidText(std::string_view text, uint8_t out[16]) {
+    if (text.size() != 36) return false;
+    uint8_t guid[16];
+    size_t pos = 0;
+    for (int i = 0; i < 16; i++) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) {
+            if (text[pos++] != '-') return false;
+        }
+        int value = 0;
+        for (int half = 0; half < 2; half++) {
+            const char c = text[pos++];
+            const int digit = c >= '0' && c <= '9'   ? c - '0'
+                              : c >= 'a' && c <= 'f' ? c - 'a' + 10
+                              : c >= 'A' && c <= 'F' ? c - 'A' + 10
+                                                     : -1;
+            if (digit < 0) return false;
+            value = value << 4 | digit;
+        }
+        guid[i] = uint8_t(value);
+    }
+    std::memcpy(out, guid, 16);
+    return true;
+}
+
 bool randomUUID(uint8_t out[16]) {
     uint8_t bytes[16];
-    size_t got = 0;
-    while (got < sizeof bytes) {
-        ssize_t n = getrandom(bytes + got, sizeof bytes - got, 0);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        got += size_t(n);
-    }
+    if (!randomBytes(bytes, sizeof bytes)) return false;
     bytes[6] = uint8_t((bytes[6] & 0x0F) | 0x40);  // version 4
     bytes[8] = uint8_t((bytes[8] & 0x3F) | 0x80);  // RFC 4122 variant
     std::memcpy(out, bytes, 16);

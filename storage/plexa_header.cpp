@@ -1,11 +1,9 @@
 // The volume manager's 4096-byte header: creation, CRC, validation, reading
 // from a device, the consistency check, the repair and the chunk lookup.
-#include <unistd.h>
 #include <zlib.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <vector>
@@ -251,19 +249,7 @@ void reclaimChunks(uint8_t* h, const PlexaMediaProperties& g) {
     }
 }
 
-// ---- acquire ----
-
-// Reads exactly `size` bytes unless the device ends or fails first.
-size_t readAt(int fd, uint8_t* buf, size_t size, uint64_t offset) {
-    size_t done = 0;
-    while (done < size) {
-        ssize_t n = pread(fd, buf + done, size - done, off_t(offset + done));
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        done += size_t(n);
-    }
-    return done;
-}
+// ---- lookup ----
 
 int lookupChunk(const PlexaMediaProperties* properties, const uint8_t* header, int partitionIndex,
                 uint64_t offset, uint16_t* chunk) {
@@ -376,7 +362,7 @@ int plexaAcquireHeader(const PlexaMediaProperties* properties, uint8_t* header, 
     bool corrupt = false, seen = false;
     for (const Copy& copy : copies) {
         std::fill(block.begin(), block.end(), 0);
-        if (!copy.placed || readAt(fd, block.data(), unit, copy.offset) < unit) {
+        if (!copy.placed || deviceRead(fd, block.data(), unit, copy.offset) < unit) {
             std::fprintf(stderr, "plexa: failed to read %s header\n", copy.name);
             continue;
         }

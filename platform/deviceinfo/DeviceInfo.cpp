@@ -2,6 +2,7 @@
 
 #include <sys/statvfs.h>
 
+#include <algorithm>
 #include <limits>
 
 #include "platform/fs/LinuxFileSystem.h"
@@ -11,22 +12,11 @@ namespace qvl::platform {
 
 namespace {
 
-// The volume table never has more than this many entries; a longer one is
-// not a table the platform wrote.
-constexpr size_t kMaxVolumes = 8;
-
 plist::Value usageAnswer(int64_t capacity, int64_t available) {
     plist::Dictionary usage;
     usage.set("TotalDataCapacity", plist::Value(capacity));
     usage.set("TotalDataAvailable", plist::Value(available));
     return plist::Value(std::move(usage));
-}
-
-std::optional<int64_t> signedNumber(const plist::Dictionary& d, std::string_view key) {
-    const plist::Integer* n = d.getInteger(key);
-    if (!n || (n->isUnsigned && n->bits > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())))
-        return std::nullopt;
-    return n->asSigned();
 }
 
 }  // namespace
@@ -64,31 +54,20 @@ std::optional<std::string> DeviceInfo::productName() const {
 
 std::optional<plist::Value> DeviceInfo::diskUsage(const plist::Dictionary* info) const {
     if (info) {
-        if (const plist::Dictionary* given = info->getDictionary("DiskUsage")) {
-            const auto capacity = signedNumber(*given, "TotalDataCapacity");
-            const auto available = signedNumber(*given, "TotalDataAvailable");
-            if (capacity && available) return usageAnswer(*capacity, *available);
-            return std::nullopt;
-        }
+        if (const plist::Value* given = info->find("DiskUsage"); given && given->isDictionary()) return *given;
     }
     if (auto fromVolumes = diskUsageFromVolumes()) return fromVolumes;
     return diskUsageFromFileSystem();
 }
 
 std::optional<plist::Value> DeviceInfo::diskUsageFromVolumes() const {
-    const auto table = readPropertyListFile(LinuxFileSystem::sharedInstance(), paths_.volumesFile);
-    const plist::Array* volumes = table ? table->asArray() : nullptr;
-    if (!volumes || volumes->size() > kMaxVolumes) return std::nullopt;
-    for (const plist::Value& entry : *volumes) {
-        const plist::Dictionary* volume = entry.asDictionary();
-        if (!volume) continue;
-        const std::string* mountedOn = volume->getString("MountedOn");
-        if (!mountedOn || *mountedOn != paths_.dataMountPoint) continue;
-        const auto size = signedNumber(*volume, "Size");
-        const auto used = signedNumber(*volume, "Used");
-        if (!size || !used || *size < 0 || *used < 0) return std::nullopt;
+    const auto volumes = Volumes(paths_.volumesFile).mounted();
+    if (!volumes) return std::nullopt;
+    for (const Volumes::Volume& volume : *volumes) {
+        if (volume.mountedOn != paths_.dataMountPoint) continue;
+        if (!volume.size || !volume.used || *volume.size < 0 || *volume.used < 0) return std::nullopt;
         // A volume that claims more use than size has nothing available.
-        return usageAnswer(*size, *used > *size ? 0 : *size - *used);
+        return usageAnswer(*volume.size, std::max<int64_t>(0, *volume.size - *volume.used));
     }
     return std::nullopt;
 }

@@ -2,8 +2,9 @@
 // from the device's information file, a dictionary:
 //   "SigningFuse" (boolean) and "ProductName" (string) straight from it;
 //   "DiskUsage", a dictionary of "TotalDataCapacity" and "TotalDataAvailable"
-//   (bytes), from the file's own "DiskUsage" entry, else from the simulated
-//   volume mounted on the data folder, else from statvfs of the data folder.
+//   (bytes): the file's own "DiskUsage" dictionary as it stands (checking it
+//   is the asker's business), else from the simulated volume mounted on the
+//   data folder, else from statvfs of the data folder.
 // A missing file or key, or a value of another kind than expected, is no
 // answer. The file is read anew on every question: answers are never cached.
 //
@@ -17,12 +18,12 @@
 #include <string>
 #include <string_view>
 
+#include "platform/volumes/Volumes.h"
 #include "plist/PlistValue.h"
 
 namespace qvl::platform {
 
 inline constexpr const char* kDeviceInfoPath = "/etc/ostrel/deviceinfo.plist";
-inline constexpr const char* kVolumesPath = "/private/var/db/platform/volumes.plist";
 inline constexpr const char* kDataVolumeMountPoint = "/private/var";
 
 class DeviceInfo {

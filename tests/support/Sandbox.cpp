@@ -82,9 +82,11 @@ CommandResult Sandbox::launcher(const std::vector<std::string>& args) const {
     return runCommand(full);
 }
 
-bool Sandbox::start(std::string* output) {
+bool Sandbox::start(std::string* output, const std::vector<std::string>& options) {
     if (root_.empty()) return false;
-    const CommandResult result = launcher({"start", "--root", root_, "--build", buildDir_});
+    std::vector<std::string> args = {"start", "--root", root_, "--build", buildDir_};
+    args.insert(args.end(), options.begin(), options.end());
+    const CommandResult result = launcher(args);
     if (output) *output = result.output;
     started_ = result.status == 0;
     return started_;

@@ -37,8 +37,9 @@ class Sandbox {
     // Where the helper's socket lies, seen from the host.
     std::string socketDirectory() const { return root_ + "/private/var/run/zrp"; }
 
-    // Starts the helper; false (with the launcher's output in *output) on failure.
-    bool start(std::string* output = nullptr);
+    // Starts the helper, with more launcher options when given (such as
+    // "--disk IMAGE"); false (with the launcher's output in *output) on failure.
+    bool start(std::string* output = nullptr, const std::vector<std::string>& options = {});
     // Runs a command inside, as `user` (name or uid) when given.
     CommandResult exec(const std::vector<std::string>& args, const std::string& user = "");
     // Signals the helper (unless it has ended), ends the sandbox and answers

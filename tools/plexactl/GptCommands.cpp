@@ -33,7 +33,9 @@ std::optional<View> readView(const Image& image) {
     if (!image.read(0, buffer.data(), block, "the protective MBR")) return std::nullopt;
     view.managed = loadLE32(buffer.data() + gpt::kMBRSignatureOffset) == gpt::kMBRSignature;
     if (!image.read(block, buffer.data(), 2 * block, "the GPT header and table")) return std::nullopt;
-    if (std::memcmp(buffer.data(), "EFI PART", 8) != 0) {
+    // The volume manager's mark makes blocks 1 and 2 its view whatever they
+    // hold, as the resize driver reads them; without it there must be a GPT.
+    if (!view.managed && std::memcmp(buffer.data(), "EFI PART", 8) != 0) {
         complain("%s: no GPT header in block 1", image.path().c_str());
         return std::nullopt;
     }
@@ -55,7 +57,7 @@ bool writeView(const Image& image, const View& view) {
 std::string gptOrderGUID(const uint8_t* stored) {
     uint8_t bigEndian[16];
     qvl::plexa::guidSwapByteOrder(stored, bigEndian);
-    return guidString(bigEndian);
+    return qvl::plexa::guidText(bigEndian);
 }
 
 void printView(const Image& image, const View& view) {
@@ -115,6 +117,15 @@ int gptAdjust(const std::string& path, std::optional<int> index, uint64_t newSiz
     if (!view->managed) {
         complain("%s: not managed by Plexa (no signature at byte %zu of block 0)", path.c_str(),
                  gpt::kMBRSignatureOffset);
+        return 1;
+    }
+    const uint64_t first = loadLE64(view->header.data() + gpt::kFirstUsableLBA);
+    const uint64_t last = loadLE64(view->header.data() + gpt::kLastUsableLBA);
+    const uint64_t blocks = image->mediaSize() / image->blockSize();
+    if (!gpt::usableRangeFits(first, last, blocks)) {
+        complain("%s: usable blocks %" PRIu64 " to %" PRIu64 " lie outside blocks %" PRIu64 " to %" PRIu64
+                 " of the disk",
+                 path.c_str(), first, last, gpt::kLowestUsableLBA, blocks - 1);
         return 1;
     }
     const int slot =

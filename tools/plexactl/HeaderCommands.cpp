@@ -4,6 +4,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <optional>
+#include <vector>
 
 #include "storage/plexa.h"
 #include "storage/plexa_format.h"
@@ -72,8 +73,17 @@ bool holdsSoundHeader(const Volume& volume) {
     return false;
 }
 
+// The volume manager's mark in block 0 or a GPT header in block 1: the main
+// header copy would land on both.
+bool carriesGptView(const Volume& volume) {
+    std::vector<uint8_t> block(2 * size_t(volume.image.blockSize()));
+    if (!volume.image.read(0, block.data(), block.size(), "blocks 0 and 1")) return false;
+    return loadLE32(block.data() + qvl::plexa::gpt::kMBRSignatureOffset) == qvl::plexa::gpt::kMBRSignature ||
+           std::memcmp(block.data() + volume.image.blockSize(), "EFI PART", 8) == 0;
+}
+
 std::string uuid(const uint8_t* p) {
-    return guidString(p);
+    return qvl::plexa::guidText(p);
 }
 
 void printChunkMap(const Header& h, const PlexaMediaProperties& g) {
@@ -128,6 +138,11 @@ int headerCreate(const std::string& path, bool force) {
     if (!volume) return 1;
     if (!force && holdsSoundHeader(*volume)) {
         complain("%s: already holds a volume header (--force replaces it)", path.c_str());
+        return 1;
+    }
+    if (!force && carriesGptView(*volume)) {
+        complain("%s: carries a GPT view that the header would overwrite (--force writes it anyway)",
+                 path.c_str());
         return 1;
     }
     Header h{};

@@ -43,6 +43,21 @@ std::optional<Image> Image::open(const std::string& path, bool writable) {
     return Image(path, fd, blockSize, mediaSize);
 }
 
+std::optional<Image> Image::create(const std::string& path, uint64_t size) {
+    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+    if (fd < 0) {
+        complain("%s: cannot create: %s", path.c_str(), std::strerror(errno));
+        return std::nullopt;
+    }
+    if (ftruncate(fd, off_t(size)) != 0) {
+        complain("%s: cannot make it %llu bytes: %s", path.c_str(), (unsigned long long)size, std::strerror(errno));
+        ::close(fd);
+        ::unlink(path.c_str());
+        return std::nullopt;
+    }
+    return Image(path, fd, plexa::kImageBlockSize, size);
+}
+
 Image::Image(Image&& other) noexcept
     : path_(std::move(other.path_)),
       fd_(other.fd_),

@@ -18,6 +18,9 @@ __attribute__((format(printf, 1, 2))) void complain(const char* format, ...);
 class Image {
   public:
     static std::optional<Image> open(const std::string& path, bool writable);
+    // A new image file of `size` bytes, all zero; an existing file is never
+    // replaced.
+    static std::optional<Image> create(const std::string& path, uint64_t size);
 
     Image(Image&& other) noexcept;
     Image& operator=(Image&&) = delete;

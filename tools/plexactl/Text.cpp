@@ -51,17 +51,6 @@ std::optional<int> parseIndex(std::string_view text) {
     return value;
 }
 
-std::string guidString(const uint8_t guid[16]) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
-    std::string out;
-    for (int i = 0; i < 16; i++) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
-        out += kHex[guid[i] >> 4];
-        out += kHex[guid[i] & 0xF];
-    }
-    return out;
-}
-
 std::string utf16leName(const uint8_t* name, size_t size) {
     std::string out;
     for (size_t i = 0; i + 1 < size; i += 2) {

@@ -1,5 +1,5 @@
-// Text conversions of plexactl: command-line sizes and indexes, GUIDs and
-// UTF-16LE partition names. Pure functions; thread-safe.
+// Text conversions of plexactl: command-line sizes and indexes and UTF-16LE
+// partition names. Pure functions; thread-safe.
 #ifndef QVL_TOOLS_PLEXACTL_TEXT_H
 #define QVL_TOOLS_PLEXACTL_TEXT_H
 
@@ -17,9 +17,6 @@ std::optional<uint64_t> parseSize(std::string_view text);
 
 // A non-negative decimal int.
 std::optional<int> parseIndex(std::string_view text);
-
-// 8-4-4-4-12 upper-case hex of a GUID in big-endian (RFC 4122) form.
-std::string guidString(const uint8_t guid[16]);
 
 // A NUL-padded UTF-16LE name of at most `size` bytes as UTF-8; unpaired
 // surrogates become U+FFFD.

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "storage/plexa.h"
+#include "tools/plexactl/DeviceImageCommands.h"
 #include "tools/plexactl/GptCommands.h"
 #include "tools/plexactl/HeaderCommands.h"
 #include "tools/plexactl/Image.h"
@@ -29,7 +30,19 @@ constexpr char kUsage[] =
     "       plexactl header show IMAGE\n"
     "       plexactl header check IMAGE\n"
     "       plexactl header repair [--strict] IMAGE\n"
+    "       plexactl device-image create IMAGE --size SIZE --partition NAME:SIZE[:USED]...\n"
     "Sizes are bytes, or a number followed by K, M or G.\n";
+
+constexpr char kDeviceImageHelp[] =
+    "usage: plexactl device-image create IMAGE --size SIZE --partition NAME:SIZE[:USED]...\n"
+    "Writes a new disk image of SIZE bytes as the volume manager presents the data disk:\n"
+    "block 0 a protective MBR with the volume manager's mark, blocks 1 and 2 the GPT view\n"
+    "with one HFS Plus partition per --partition (1 to 8, packed in the order given from\n"
+    "block 6, random unique GUIDs; the header counts the partitions in use), and beside it\n"
+    "IMAGE.volumes.plist, the volumes file that mounts every partition: \"System\" on /,\n"
+    "\"Data\" on /private/var, any other NAME on /mnt/NAME, each USED bytes full (default 0).\n"
+    "Names are ASCII, up to 36 characters. An existing IMAGE is never replaced.\n"
+    "The sandbox binds such an image at /dev/rdisk0s1: tools/qvl-sandbox --disk IMAGE.\n";
 
 using Args = std::vector<std::string>;
 
@@ -161,12 +174,43 @@ int helpFor(const Args& args) {
         found = std::move(narrower);
     }
     if (found.empty()) {
-        complain("unknown command '%s' (geometry, gpt, header; --help lists them)", args[0].c_str());
+        complain("unknown command '%s' (geometry, gpt, header, device-image; --help lists them)",
+                 args[0].c_str());
         return kUsageError;
     }
-    for (size_t i = 0; i < found.size(); ++i) std::printf("%s%s\n", i ? "       " : "usage: ", found[i].c_str());
+    for (size_t i = 0; i < found.size(); ++i)
+        std::printf("%s%s\n", i ? "       " : "usage: ", found[i].c_str());
     for (const std::string& note : notes) std::printf("%s\n", note.c_str());
     return 0;
+}
+
+int deviceImage(const std::string& verb, const Args& a) {
+    if (verb != "create") {
+        complain("unknown device-image command '%s' (create)", verb.c_str());
+        return kUsageError;
+    }
+    std::optional<std::string> image;
+    std::optional<uint64_t> mediaSize;
+    std::vector<PartitionRequest> partitions;
+    for (size_t i = 0; i < a.size(); i++) {
+        const bool hasValue = i + 1 < a.size();
+        if (a[i] == "--size" && hasValue) {
+            uint64_t bytes = 0;
+            if (!size(a[++i], bytes)) return kUsageError;
+            mediaSize = bytes;
+        } else if (a[i] == "--partition" && hasValue) {
+            std::optional<PartitionRequest> request = parsePartitionRequest(a[++i]);
+            if (!request) return kUsageError;
+            partitions.push_back(*request);
+        } else if (!image && !a[i].starts_with("-")) {
+            image = a[i];
+        } else {
+            return usage("device-image create IMAGE --size SIZE --partition NAME:SIZE[:USED]...");
+        }
+    }
+    if (!image || !mediaSize || partitions.empty())
+        return usage("device-image create IMAGE --size SIZE --partition NAME:SIZE[:USED]...");
+    return deviceImageCreate(*image, *mediaSize, partitions);
 }
 
 }  // namespace
@@ -177,16 +221,26 @@ int main(int argc, char** argv) {
         std::fputs(kUsage, args.empty() ? stderr : stdout);
         return args.empty() ? kUsageError : 0;
     }
-    if (std::any_of(args.begin(), args.end(), isHelpFlag)) return helpFor(args);
+    if (std::any_of(args.begin(), args.end(), isHelpFlag)) {
+        // device-image create has more to say than its usage line.
+        if (args.size() >= 2 && args[0] == "device-image" && args[1] == "create") {
+            std::fputs(kDeviceImageHelp, stdout);
+            return 0;
+        }
+        return helpFor(args);
+    }
     const std::string command = args[0];
     if (command == "geometry") return geometry(Args(args.begin() + 1, args.end()));
-    if (command == "gpt" || command == "header") {
+    if (command == "gpt" || command == "header" || command == "device-image") {
         if (args.size() < 2)
-            return usage(command == "gpt" ? "gpt show|resize|create|delete ..."
-                                          : "header create|show|check|repair ...");
+            return usage(command == "gpt"      ? "gpt show|resize|create|delete ..."
+                         : command == "header" ? "header create|show|check|repair ..."
+                                               : "device-image create ...");
         Args rest(args.begin() + 2, args.end());
+        if (command == "device-image") return deviceImage(args[1], rest);
         return command == "gpt" ? gpt(args[1], rest) : header(args[1], rest);
     }
-    complain("unknown command '%s' (geometry, gpt, header; --help lists them)", command.c_str());
+    complain("unknown command '%s' (geometry, gpt, header, device-image; --help lists them)",
+             command.c_str());
     return kUsageError;
 }

@@ -1,0 +1,41 @@
+// The write-back open's shared lock, on a plain file (flock works on any
+// file; the block-device calls are shown end to end on a loop device).
+#include "platform/disk/RawDisk.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qvl::platform {
+namespace {
+
+TEST(RawDisk, WriteBackHoldsASharedLockUntilClosed) {
+    char path[] = "/tmp/rawdisk-test-XXXXXX";
+    const int other = mkstemp(path);
+    ASSERT_GE(other, 0);
+    RawDisk& disk = RawDisk::sharedInstance();
+
+    ASSERT_EQ(flock(other, LOCK_EX), 0);  // a tool holding the disk alone
+    EXPECT_EQ(disk.open(path, RawDisk::Access::writeBack), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    const int reader = disk.open(path, RawDisk::Access::read);  // reading takes no lock
+    EXPECT_GE(reader, 0);
+    EXPECT_EQ(disk.isBlockDevice(reader), false);
+    disk.close(reader);
+
+    ASSERT_EQ(flock(other, LOCK_UN), 0);
+    const int writer = disk.open(path, RawDisk::Access::writeBack);
+    ASSERT_GE(writer, 0);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), -1);
+    EXPECT_EQ(disk.writeAt(writer, "view", 4, 4096), 4);
+    disk.close(writer);
+    EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
+    close(other);
+    unlink(path);
+}
+
+}  // namespace
+}  // namespace qvl::platform
