@@ -10,14 +10,13 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
+#include <cstring>
 #include <optional>
 
+#include "base/FolderAccess.h"
 #include "base/QVLLog.h"
 
 namespace qvl {
-
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -25,6 +24,9 @@ constexpr const char* kFinishDemoRestoreLog = "finish-demo-retore.log";
 constexpr const char* kWritabilityProbe = "testWritability.log";
 // A line buffer grown past this by one long line is given back afterwards.
 constexpr size_t kKeptLineCapacity = 4096;
+// Folders made for the log file get the usual default mode whatever the
+// process's umask; a client opens the log folder to others when it needs to.
+constexpr uint32_t kNewFolderMode = 0755;
 
 double unixNow() {
     timespec ts{};
@@ -32,24 +34,68 @@ double unixNow() {
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
 }
 
-bool createFolderWithIntermediates(const std::string& folder) {
-    std::error_code ec;
-    if (fs::is_directory(folder, ec)) return true;
-    fs::create_directories(folder, ec);
-    return !ec && fs::is_directory(folder, ec);
+int lastError() {
+    return errno != 0 ? errno : EIO;
 }
 
-// The entry's creation date in Unix seconds. The birth time is used where the
-// file system records one; where it does not, the modification time stands in
-// for it: a log file is only appended to, so its modification time is never
-// earlier than its birth and the fallback can only keep a file longer, never
-// remove it early. No attributes: no date, and the entry is kept.
-std::optional<double> creationDate(const std::string& path) {
+// Opens the folder at `path`, making what is missing. The folders on the way
+// are the program's own choice and followed as they are; the last one is
+// not, since a client may open the folder that holds it to everyone
+// ("prepareLogContainer:" accepts the log folder's parent).
+int openLogFolder(const std::string& path, UniqueFd* out) {
+    if (path.empty()) return ENOENT;
+    UniqueFd current(::open(path[0] == '/' ? "/" : ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!current.valid()) return lastError();
+    for (size_t start = 0; start < path.size();) {
+        size_t end = path.find('/', start);
+        if (end == std::string::npos) end = path.size();
+        const std::string name = path.substr(start, end - start);
+        start = end + 1;
+        if (name.empty()) continue;
+        const bool last = path.find_first_not_of('/', start) == std::string::npos;
+        UniqueFd next;
+        if (last) {
+            if (int err = openFolderAt(current.get(), name, true, kNewFolderMode, &next)) return err;
+        } else {
+            if (::mkdirat(current.get(), name.c_str(), kNewFolderMode) != 0 && errno != EEXIST)
+                return lastError();
+            next.reset(::openat(current.get(), name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+            if (!next.valid()) return lastError();
+        }
+        current = std::move(next);
+    }
+    *out = std::move(current);
+    return 0;
+}
+
+// Why a log folder or file is not used, for the one line that says so.
+std::string reasonFor(int err) {
+    switch (err) {
+        case ELOOP:
+            return "it is a symbolic link";
+        case EINVAL:
+        case ENXIO:  // a fifo without a reader, a socket
+            return "it is not a regular file";
+        case EISDIR:
+            return "it is a folder";
+        case EPERM:
+            return "it belongs to another user";
+        case EMLINK:
+            return "it has other hard links";
+        default:
+            return std::strerror(err);
+    }
+}
+
+// The entry's creation date in Unix seconds, read without following a link.
+// Where the file system records no birth time there is no creation date
+// (the modification time would say nothing about the entry's age), and the
+// entry is kept, as is one whose attributes can't be read.
+std::optional<double> creationDate(int folderFd, const char* name) {
     struct statx sx {};
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BTIME | STATX_MTIME, &sx) != 0)
-        return std::nullopt;
-    const auto& t = (sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_mtime;
-    return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+    if (statx(folderFd, name, AT_SYMLINK_NOFOLLOW, STATX_BTIME, &sx) != 0) return std::nullopt;
+    if (!(sx.stx_mask & STATX_BTIME)) return std::nullopt;
+    return static_cast<double>(sx.stx_btime.tv_sec) + static_cast<double>(sx.stx_btime.tv_nsec) / 1e9;
 }
 
 std::string expandTilde(const std::string& path) {
@@ -101,14 +147,21 @@ void writeSystemLog(std::string_view message) {
     syslog(LOG_NOTICE, "%.*s", static_cast<int>(message.size()), message.data());
 }
 
-bool writabilityTest(const std::string& folder) {
-    const std::string probe = folder + "/" + kWritabilityProbe;
-    const int fd = open(probe.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644);
-    if (fd < 0) return false;
-    const bool written = write(fd, "a", 1) == 1;
-    close(fd);
-    unlink(probe.c_str());  // the outcome of the removal is not looked at
-    return written;
+// Writes one byte to a new file in the folder and removes it again. Whatever
+// is at the probe's name first (a probe left by an interrupted start, a link,
+// a hard link, a fifo) is removed as the name itself, never what it leads
+// to, and the probe is then created new, so it can't be anything but ours.
+int writabilityTest(int folderFd) {
+    ::unlinkat(folderFd, kWritabilityProbe, 0);
+    RegularFileOptions options;
+    options.access = O_WRONLY;
+    options.create = options.exclusive = true;
+    UniqueFd probe;
+    if (int err = openRegularFileAt(folderFd, kWritabilityProbe, options, &probe)) return err;
+    const int err = ::write(probe.get(), "a", 1) == 1 ? 0 : lastError();
+    probe.reset();
+    ::unlinkat(folderFd, kWritabilityProbe, 0);  // the outcome of the removal is not looked at
+    return err;
 }
 
 }  // namespace
@@ -181,17 +234,54 @@ void QVLLogModel::logMessage(std::string_view message) {
 
 bool QVLLogModel::enableLogToFile(const std::string& requestedPath) {
     const std::string path = expandTilde(requestedPath);
-    const std::string parent = fs::path(path).parent_path().string();
-    if (!parent.empty() && !createFolderWithIntermediates(parent)) return false;
-    // "e": the log stream must not leak into anything the helper starts.
-    FILE* fp = fopen(path.c_str(), "ae");
-    if (!fp) return false;
+    const size_t slash = path.rfind('/');
+    const std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    UniqueFd folderFd;
+    if (int err = openLogFolder(folder, &folderFd)) return fileLoggingOff(folder, err);
+    return openLogFile(folderFd.get(), path.substr(slash == std::string::npos ? 0 : slash + 1), path);
+}
+
+bool QVLLogModel::openLogFile(int folderFd, const std::string& name, const std::string& path) {
+    // Appended to across starts of a day, so an existing file is used, but
+    // only a plain file of this process's user with no other name: anything
+    // else at the name may have been put there to have our lines written
+    // elsewhere.
+    RegularFileOptions options;
+    options.access = O_WRONLY | O_APPEND;
+    options.create = true;
+    options.requireOwnedBySelf = options.requireSingleLink = true;
+    UniqueFd file;
+    if (int err = openRegularFileAt(folderFd, name, options, &file)) return fileLoggingOff(path, err);
+    FILE* fp = fdopen(file.get(), "a");
+    if (!fp) return fileLoggingOff(path, lastError());
+    file.release();
+    install(fp);
+    return true;
+}
+
+bool QVLLogModel::enableLogToStandardError() {
+    const int copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+    FILE* fp = copy >= 0 ? fdopen(copy, "a") : nullptr;
+    if (!fp) {
+        if (copy >= 0) close(copy);
+        return false;
+    }
+    install(fp);
+    return true;
+}
+
+void QVLLogModel::install(FILE* fp) {
     std::lock_guard<std::mutex> guard(lock_);
     // The earlier stream, if any, is closed: the helper opens one per
     // process, and a replaced stream would otherwise leak its descriptor.
     if (logFP_) fclose(logFP_);
     logFP_ = fp;
-    return true;
+}
+
+bool QVLLogModel::fileLoggingOff(const std::string& path, int err) {
+    systemLog(QVLStringWithFormat("Not logging to %@: %@; logging to the system log only.", path,
+                                  reasonFor(err)));
+    return false;
 }
 
 bool QVLLogModel::logToFileEnabled() const {
@@ -218,35 +308,35 @@ bool QVLLogModel::enableLogToFilesUnder_skipFinishDemoRestore(const std::string&
     return enableLogToFilesUnder(folder, prefix, expireDays, true);
 }
 
-void QVLLogModel::removeExpiredEntries(const std::string& folder, long expireDays,
+void QVLLogModel::removeExpiredEntries(int folderFd, const std::string& folder, long expireDays,
                                        bool skipFinishDemoRestore) {
     const double cutoff = now() - static_cast<double>(expireDays) * 86400.0;
     const std::string cutoffText = dateText(cutoff);
-    std::error_code ec;
-    fs::directory_iterator it(folder, ec);
-    if (ec) return;
-    for (; it != fs::directory_iterator(); it.increment(ec)) {
-        if (ec) break;
-        const std::string name = it->path().filename().string();
+    const DirStream stream = openStream(folderFd);
+    if (!stream) return;
+    while (const dirent* entry = readdir(stream.get())) {
+        const std::string name = entry->d_name;
+        if (name == "." || name == "..") continue;
         if (skipFinishDemoRestore && name == kFinishDemoRestoreLog) continue;
         const std::string fullPath = folder + "/" + name;
         systemLog(QVLStringWithFormat("Checking existing log file (full path) %@ against %@", fullPath,
                                       cutoffText));
-        const std::optional<double> created = creationDate(fullPath);
+        const std::optional<double> created = creationDate(folderFd, name.c_str());
         if (!created || !(*created < cutoff)) continue;
         systemLog(
             QVLStringWithFormat("Removing %@ whose creation date is %@.", fullPath, dateText(*created)));
-        std::error_code removeError;
-        fs::remove_all(fullPath, removeError);  // a failed removal is ignored
+        removeTreeAt(folderFd, name);  // a failed removal is ignored
     }
 }
 
 bool QVLLogModel::enableLogToFilesUnder(const std::string& folder, const std::string& prefix, long expireDays,
                                         bool skipFinishDemoRestore) {
-    if (!createFolderWithIntermediates(folder)) return false;
-    if (!writabilityTest(folder)) return false;
-    removeExpiredEntries(folder, expireDays, skipFinishDemoRestore);
-    return enableLogToFile(fileNameForTodayUnder(folder, prefix));
+    UniqueFd folderFd;
+    if (int err = openLogFolder(folder, &folderFd)) return fileLoggingOff(folder, err);
+    if (int err = writabilityTest(folderFd.get())) return fileLoggingOff(folder + "/" + kWritabilityProbe, err);
+    removeExpiredEntries(folderFd.get(), folder, expireDays, skipFinishDemoRestore);
+    const std::string path = fileNameForTodayUnder(folder, prefix);
+    return openLogFile(folderFd.get(), path.substr(path.rfind('/') + 1), path);
 }
 
 double QVLLogModel::now() const {

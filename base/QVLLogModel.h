@@ -51,15 +51,24 @@ class QVLLogModel {
     void logMessage(std::string_view message);
 
     // Opens `path` for appending (creating its parent folders), replacing any
-    // earlier stream. Returns whether a stream was opened.
+    // earlier stream. Returns whether a stream was opened. The folder may be
+    // one that others can write, so the file is opened without following a
+    // link at its name or at the folder's, without blocking, and used only
+    // when it is a regular file of this process's user with no other hard
+    // link; otherwise one line says why and lines go to the system log only.
     bool enableLogToFile(const std::string& path);
+    // Lines go to (a copy of) the standard error stream, for tools.
+    bool enableLogToStandardError();
     bool logToFileEnabled() const;
 
     // "<folder>/<prefix>-YYYYMMDD.log" for today's local date.
     static std::string fileNameForTodayUnder(const std::string& folder, const std::string& prefix);
 
     // Creates the folder, tests that it is writable, removes entries whose
-    // creation date is older than `expireDays` days, then opens today's file.
+    // creation date is older than `expireDays` days (an entry without a
+    // recorded birth time is kept), then opens today's file as
+    // enableLogToFile does. All of it works through one descriptor of the
+    // folder, never following a link in it.
     bool enableLogToFilesUnder(const std::string& folder, const std::string& prefix, long expireDays);
     // The same, but an entry named "finish-demo-retore.log" is never removed.
     bool enableLogToFilesUnder_skipFinishDemoRestore(const std::string& folder, const std::string& prefix,
@@ -79,7 +88,12 @@ class QVLLogModel {
   private:
     bool enableLogToFilesUnder(const std::string& folder, const std::string& prefix, long expireDays,
                                bool skipFinishDemoRestore);
-    void removeExpiredEntries(const std::string& folder, long expireDays, bool skipFinishDemoRestore);
+    void removeExpiredEntries(int folderFd, const std::string& folder, long expireDays,
+                              bool skipFinishDemoRestore);
+    bool openLogFile(int folderFd, const std::string& name, const std::string& path);
+    void install(FILE* fp);
+    // Says once why file logging is off; always false.
+    bool fileLoggingOff(const std::string& path, int err);
     double now() const;
 
     struct ObserverEntry {

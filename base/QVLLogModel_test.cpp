@@ -131,6 +131,63 @@ TEST_F(LogModelTest, SetUpCreatesTheFolderAppendsAndFailsWhereItCantWrite) {
     EXPECT_TRUE(fs::is_empty(readOnly));  // no probe left behind
 }
 
+// What another user can plant in a log folder open to all, at the daily
+// file's name, at the probe's or as the folder: the set-up never blocks,
+// never writes through it, and says once why lines go to the system log only.
+TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
+    const std::string folder = dir_ + "/logs", secret = dir_ + "/secret";
+    const std::string today = QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper");
+    const std::string probe = folder + "/testWritability.log";
+    const auto plant = [&](const std::string& kind, const std::string& at) {
+        if (kind == "link") return symlink(secret.c_str(), at.c_str());
+        if (kind == "hard link") return link(secret.c_str(), at.c_str());
+        if (kind == "fifo") return mkfifo(at.c_str(), 0666);
+        return mkdir(at.c_str(), 0777);
+    };
+    const struct {
+        const char* kind;
+        const std::string& at;
+        std::string refusal;  // empty: the planted name is replaced and the set-up works
+    } cases[] = {
+        {"link", today, "it is a symbolic link"},   {"hard link", today, "it has other hard links"},
+        {"fifo", today, "it is not a regular file"}, {"folder", today, "it is a folder"},
+        {"link", probe, ""},                         {"hard link", probe, ""},
+        {"fifo", probe, ""},                         {"folder", probe, "File exists"},
+        {"link", folder, "it is a symbolic link"},
+    };
+    const double clock = static_cast<double>(time(nullptr));
+    for (const auto& c : cases) {
+        fs::remove_all(folder);
+        if (&c.at != &folder) fs::create_directories(folder);
+        std::ofstream(secret) << "secret";
+        chmod(secret.c_str(), 0600);
+        ASSERT_EQ(plant(c.kind, c.at), 0) << c.kind;
+        QVLLogModel model(at(clock));
+        QVLLogCapture capture(model);
+        EXPECT_EQ(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5), c.refusal.empty())
+            << c.kind << " at " << c.at;
+        model.logMessage("line");
+        EXPECT_EQ(readAll(secret), "secret") << c.kind << " at " << c.at;
+        if (!c.refusal.empty()) {
+            EXPECT_TRUE(capture.contains("Not logging to " + c.at + ": " + c.refusal +
+                                         "; logging to the system log only."))
+                << c.kind << " at " << c.at;
+        } else {
+            EXPECT_FALSE(fs::exists(fs::symlink_status(probe)));
+        }
+    }
+    if (getuid() != 0) GTEST_SKIP() << "needs root to give a file away";
+    fs::remove_all(folder);
+    fs::create_directories(folder);
+    std::ofstream(today) << "x";
+    ASSERT_EQ(chown(today.c_str(), 501, 501), 0);
+    QVLLogModel model(at(clock));
+    QVLLogCapture capture(model);
+    EXPECT_FALSE(model.enableLogToFile(today));
+    EXPECT_EQ(capture.lines(),
+              Lines{"Not logging to " + today + ": it belongs to another user; logging to the system log only."});
+}
+
 TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
     QVLLogModel model({{}, [](std::string_view) {}});
     ASSERT_TRUE(model.enableLogToFile(dir_ + "/concurrent.log"));

@@ -34,8 +34,8 @@ std::string made(const std::string& path, int rc, const char* what) {
 
 }  // namespace
 
-TempTree::TempTree() {
-    std::string pattern = "/var/tmp/qvl-test-XXXXXX";
+TempTree::TempTree(const std::string& parent) {
+    std::string pattern = parent + "/qvl-test-XXXXXX";
     root_ = made(pattern, ::mkdtemp(pattern.data()) ? 0 : -1, "mkdtemp");
 }
 

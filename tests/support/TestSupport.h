@@ -13,11 +13,11 @@
 
 namespace qvl::testing {
 
-// A fresh folder under /var/tmp, removed with everything in it at the end
-// (immutable flags are lifted first).
+// A fresh folder under `parent` (by default /var/tmp, on a disk), removed
+// with everything in it at the end (immutable flags are lifted first).
 class TempTree {
   public:
-    TempTree();
+    explicit TempTree(const std::string& parent = "/var/tmp");
     ~TempTree();
     TempTree(const TempTree&) = delete;
     TempTree& operator=(const TempTree&) = delete;

@@ -56,7 +56,7 @@ int fail(const std::string& message) {
 }
 
 void logToStandardError() {
-    QVLLogModel::sharedInstance().enableLogToFile("/dev/stderr");
+    QVLLogModel::sharedInstance().enableLogToStandardError();
 }
 
 std::optional<plist::Value> readPropertyListFile(const std::string& path) {
