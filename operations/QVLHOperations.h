@@ -15,6 +15,8 @@
 #include <memory>
 #include <string>
 
+#include "base/UniqueFd.h"
+#include "operations/QVLHClientPath.h"
 #include "plist/PlistValue.h"
 
 namespace qvl::platform {
@@ -48,6 +50,11 @@ class QVLHOperations {
     bool prepareDirectory(const std::string& path, bool writableByMobile);
     bool prepareLogContainer(const std::string& path);
     bool removeDirectory(const std::string& path);
+    // Whether a client's folder path stays below /private/var with no ".."
+    // and no symbolic link on the part of its way that exists. Nothing is
+    // logged or changed; the operations hold every path they are given to
+    // the same confinement themselves.
+    bool pathIsConfined(const std::string& path);
 
     // Staging and installation moves.
     bool createHardLinks(const std::string& path, const std::string& stagingPath);
@@ -62,9 +69,22 @@ class QVLHOperations {
     [[noreturn]] void quitHelper();
 
   private:
-    bool openToAll(const std::string& path);
-    bool exists(const std::string& path);
-    bool overlapsFinalPlace(const std::string& staging);
+    // A client's item: the folder holding it, opened confined, and its name.
+    struct Place {
+        UniqueFd parent;
+        std::string name;
+        QVLHClientPath path;
+    };
+    // confine's answer when it refused the path and said why in the log.
+    static constexpr int kRefused = -1;
+
+    // Opens the folder holding the item at a client's `path` (with `create`,
+    // making missing folders on the way). A path that leads outside or
+    // through a link is logged under `operation` and kRefused; other
+    // failures answer their errno unlogged.
+    int confine(const char* operation, const std::string& path, bool create, Place* out);
+    UniqueFd prepareFolder(const std::string& path, bool writableByMobile, bool* ok);
+    bool openToAll(const Place& place, const std::string& path);
     bool nvramReachable();
 
     std::unique_ptr<platform::NvramStore> ownNvram_;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -77,22 +78,61 @@ TEST_F(DeviceOperationsTest, PrepareDirectory) {
     EXPECT_NE(::access(at("c/QVL_staging").c_str(), F_OK), 0);
     EXPECT_EQ(::access(at("c/keep").c_str(), F_OK), 0);
 
-    // A link at the path is not followed: its target keeps its mode.
-    makeFolder(at("target"), 0700);
-    ASSERT_EQ(::symlink(at("target").c_str(), at("link").c_str()), 0);
     QVLLogCapture capture;
-    EXPECT_FALSE(operations.prepareDirectory(at("link"), true));
-    EXPECT_EQ(lstatOf(at("target")).st_mode & 07777, 0700u);
-
     makeFolder(at("c/QVL_staging"));
     if (!pin(at("c/QVL_staging/mnt"))) GTEST_SKIP() << "can't mount a tmpfs here";
     EXPECT_FALSE(operations.prepareDirectory(at("c"), true));
     ::umount(at("c/QVL_staging/mnt").c_str());
     const std::string name = "-[QVLHOperations prepareDirectory:writableByMobile:]";
-    EXPECT_EQ(capture.lines(),
-              (Lines{name + ": Cannot set attribute for " + at("link") + " - Operation not supported",
-                     name + ": Could not remove the path " + at("c/QVL_staging") +
-                         " with error - Invalid cross-device link(0x12)"}));
+    EXPECT_EQ(capture.lines(), Lines{name + ": Could not remove the path " + at("c/QVL_staging") +
+                                     " with error - Invalid cross-device link(0x12)"});
+}
+
+// What a client or "mobile" can plant below /private/var, tried on every
+// operation that acts on a client's path: each answers false, says why once,
+// and nothing changes where the path would have led.
+TEST_F(DeviceOperationsTest, ClientPathsNeverLeadThroughALinkOrUpward) {
+    makeFolder(at("target"), 0700);
+    makeFolder(at("target/sub"), 0700);
+    write(at("target/precious"), "precious");
+    makeFolder(at("stage"));
+    write(at("stage/f"));
+    const std::string via = at("planted");
+    ASSERT_EQ(::symlink(at("target").c_str(), via.c_str()), 0);
+    const std::string prepare = "-[QVLHOperations prepareDirectory:writableByMobile:]: ";
+    const std::string link = " is refused: a symbolic link is on its way.";
+    const struct {
+        std::function<bool()> call;
+        std::string line;
+    } cases[] = {
+        {[&] { return operations.prepareDirectory(via + "/new", true); }, prepare + via + "/new" + link},
+        {[&] { return operations.prepareDirectory(via, true); }, prepare + via + link},
+        {[&] { return operations.prepareLogContainer(at("stage/../target")); },
+         prepare + at("stage/../target") + " is refused: it has a \"..\" component."},
+        {[&] { return operations.prepareDirectory("/tmp", true); },
+         prepare + "/tmp is refused: it is not below /private/var."},
+        {[&] { return operations.removeDirectory(via + "/precious"); },
+         "-[QVLHOperations removeDirectory:]: " + via + "/precious" + link},
+        {[&] { return operations.createHardLinks(at("stage/f"), via + "/linked"); },
+         "-[QVLHOperations createHardLinks:stagingPath:]: " + via + "/linked" + link},
+        {[&] { return operations.createHardLinks(via + "/precious", at("stage/stolen")); },
+         "-[QVLHOperations createHardLinks:stagingPath:]: " + via + "/precious" + link},
+        {[&] { return operations.moveStagingToFinal(via + "/sub"); },
+         "-[QVLHOperations moveStagingToFinal:]: " + via + "/sub" + link},
+        {[&] { return operations.moveStagingToFinal(via); }, "Staging path " + via + " looks wrong."},
+    };
+    for (const auto& c : cases) {
+        QVLLogCapture capture;
+        EXPECT_FALSE(c.call()) << c.line;
+        EXPECT_TRUE(!capture.lines().empty() && capture.lines().back() == c.line) << c.line;
+    }
+    EXPECT_EQ(lstatOf(at("target")).st_mode & 07777, 0700u);
+    EXPECT_EQ(readText(at("target/precious")), "precious");
+    EXPECT_EQ(lstatOf(at("target/precious")).st_nlink + lstatOf(at("stage/f")).st_nlink, 2u);
+    EXPECT_FALSE(::access(at("target/new").c_str(), F_OK) == 0 || ::access("/var/backup/sub", F_OK) == 0);
+    // A link named as the item itself is removed as the link.
+    EXPECT_TRUE(operations.removeDirectory(via));
+    EXPECT_EQ(readText(at("target/precious")), "precious");
 }
 
 TEST_F(DeviceOperationsTest, PrepareLogContainerHandsOverOnlyLogFiles) {

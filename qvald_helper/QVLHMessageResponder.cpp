@@ -207,8 +207,11 @@ bool QVLHMessageResponder::prepareLogContainer(const plist::Value& parameter) {
     logEntering(kName, parameter);
     const std::string* path = stringParameter(parameter);
     if (!path) return refuseParameter(kName, "a folder path string", parameter);
-    // A plain test on the text, as the client sends it.
-    if (!path->starts_with("/private/var/logs") && !path->starts_with("/var/logs")) {
+    // A plain test on the text, as the client sends it; then the path must
+    // not climb out with ".." nor lead through a symbolic link that a client
+    // or "mobile" planted below /private/var.
+    if ((!path->starts_with("/private/var/logs") && !path->starts_with("/var/logs")) ||
+        !operations_.pathIsConfined(*path)) {
         QVLLog("%s: creating logs under %@ is not allowed.", kName, *path);
         return false;
     }

@@ -12,7 +12,6 @@
 namespace qvl::platform {
 namespace {
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 // Longest part of the target's name kept in a temporary name, so that the
 // temporary name stays within NAME_MAX.
 constexpr size_t kTemporaryNameStem = 200;
@@ -20,16 +19,6 @@ constexpr int kTemporaryNameAttempts = 16;
 
 int lastError() {
     return errno != 0 ? errno : EIO;
-}
-
-// Why opening `name` in `folderFd` as a folder failed: a link there reads
-// as ELOOP (the kernel says ENOTDIR for it).
-int folderOpenError(int folderFd, const char* name) {
-    const int err = lastError();
-    struct stat st;
-    if (err == ENOTDIR && ::fstatat(folderFd, name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode))
-        return ELOOP;
-    return err;
 }
 
 // Random, so that another user of the folder can't take the names ahead of us.
@@ -56,20 +45,6 @@ std::pair<std::string, std::string> splitFolderAndName(const std::string& path) 
 }
 
 }  // namespace
-
-int openRegularFile(const std::string& path, const RegularFileOptions& options, UniqueFd* out) {
-    int flags = options.access | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    if (!options.followLinks) flags |= O_NOFOLLOW;
-    if (options.create) flags |= O_CREAT | (options.exclusive ? O_EXCL : 0);
-    UniqueFd fd(::open(path.c_str(), flags, options.mode));
-    if (!fd.valid()) return lastError();
-    struct stat st;
-    if (::fstat(fd.get(), &st) != 0) return lastError();
-    if (!S_ISREG(st.st_mode)) return EINVAL;
-    if (options.requireRootOwner && st.st_uid != 0) return EPERM;
-    *out = std::move(fd);
-    return 0;
-}
 
 int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                         std::optional<uint32_t> mode) {
@@ -119,28 +94,12 @@ int openFolderBeneath(const std::string& base, const std::string& relative, bool
         start = end + 1;
         if (name.empty() || name == ".") continue;
         if (name == "..") return EXDEV;
-        UniqueFd next(::openat(current.get(), name.c_str(), kFolderFlags));
-        if (!next.valid() && errno == ENOENT && create) {
-            if (::mkdirat(current.get(), name.c_str(), mode) != 0 && errno != EEXIST) return lastError();
-            next.reset(::openat(current.get(), name.c_str(), kFolderFlags));
-        }
-        if (!next.valid()) return folderOpenError(current.get(), name.c_str());
+        UniqueFd next;
+        if (int err = openFolderAt(current.get(), name, create, mode, &next)) return err;
         current = std::move(next);
     }
     *out = std::move(current);
     return 0;
-}
-
-int createFolders(const std::string& path, uint32_t mode) {
-    if (path.empty()) return ENOENT;
-    for (size_t pos = path.find('/', 1);; pos = path.find('/', pos + 1)) {
-        const std::string prefix = path.substr(0, pos);
-        if (::mkdir(prefix.c_str(), mode) != 0 && errno != EEXIST) return lastError();
-        if (pos == std::string::npos) break;
-    }
-    struct stat st;
-    if (::stat(path.c_str(), &st) != 0) return lastError();
-    return S_ISDIR(st.st_mode) ? 0 : ENOTDIR;
 }
 
 }  // namespace qvl::platform

@@ -1,4 +1,4 @@
-// FileAccess: the opening, writing and walking behind LinuxFileSystem for
+// FileAccess: the writing and walking behind LinuxFileSystem for
 // files and folders that another user may be able to change (code above
 // platform/ goes through FileSystem, which documents each call).
 //
@@ -18,11 +18,9 @@
 
 namespace qvl::platform {
 
-int openRegularFile(const std::string& path, const RegularFileOptions& options, UniqueFd* out);
 int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                         std::optional<uint32_t> mode);
 int openFolderBeneath(const std::string& base, const std::string& relative, bool create, uint32_t mode,
                       UniqueFd* out);
-int createFolders(const std::string& path, uint32_t mode);
 
 }  // namespace qvl::platform

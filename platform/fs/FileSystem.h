@@ -15,17 +15,19 @@
 // a name writes `user.` + name. The data-protection class of an item lives in
 // the attribute "trusted.ostrel.protection-class".
 //
-// Three calls are built for folders that another user can write:
+// For folders that another user can write:
 //   - openRegularFile opens without following a link at the name and without
 //     blocking (a fifo or a device there can't stall the caller), then checks
-//     that a regular file was opened (and, if asked, one owned by root);
+//     that a regular file was opened (and, if asked, one of this process's
+//     user with no other hard link);
 //   - writeFileAtomically replaces a file whole or not at all: a new
 //     temporary file (O_EXCL) in the same folder, fsync, rename; the name
 //     itself is never followed, so a link planted there is replaced, not
 //     written through;
 //   - openFolderBeneath walks a relative path below a base folder one name at
 //     a time without following any link and refuses "..", so a client's path
-//     can't lead out of the base.
+//     can't lead out of the base; the *At calls then work on one name of the
+//     folder it opened.
 //
 // Thread-safety: the Linux file system keeps no state and may be used from
 // any thread.
@@ -41,6 +43,7 @@
 #include <string>
 #include <vector>
 
+#include "base/FolderAccess.h"
 #include "base/UniqueFd.h"
 
 namespace qvl::platform {
@@ -75,16 +78,9 @@ struct DirectoryEntry {
     ItemType type = ItemType::kUnknown;  // kUnknown when the directory did not say
 };
 
-// How openRegularFile opens. Whatever the options, the open never blocks and
-// anything but a regular file is refused (EINVAL).
-struct RegularFileOptions {
-    int access = O_RDONLY;          // O_RDONLY, O_WRONLY or O_RDWR, optionally | O_APPEND
-    bool create = false;            // create the file when missing...
-    bool exclusive = false;         // ...and only then: an existing one is EEXIST
-    uint32_t mode = 0644;           // of a created file
-    bool followLinks = false;       // a link at the name: ELOOP unless set
-    bool requireRootOwner = false;  // a file of another owner: EPERM
-};
+// How openRegularFile opens (see base/FolderAccess.h): never blocking,
+// refusing anything but a regular file, and a link at the name unless asked.
+using RegularFileOptions = qvl::RegularFileOptions;
 
 class FileSystem {
   public:
@@ -121,33 +117,38 @@ class FileSystem {
     // ---- Folders and trees.
     // Entries of a directory in the file system's order, without "." and "..".
     virtual int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) = 0;
-    // Creates the folder and every missing folder above it with `mode` (the
-    // umask applies); a folder already there is fine, anything else is not.
-    virtual int createFolders(const std::string& path, uint32_t mode) = 0;
-    // Creates `newPath` as a hard link of `existing`; a folder is linked as a
-    // new folder of links (see FileTree.h). All or nothing.
-    virtual int linkTree(const std::string& existing, const std::string& newPath) = 0;
-    // Removes the item with everything in it, on its own file system only.
-    virtual int removeTree(const std::string& path) = 0;
-    // rename(2): a file or an empty folder at `to` is replaced.
-    virtual int moveItem(const std::string& from, const std::string& to) = 0;
-    // The same, but nothing at `to` is ever replaced (EEXIST).
-    virtual int moveItemWithoutReplacing(const std::string& from, const std::string& to) = 0;
 
-    // ---- Folders by descriptor, for work that must not be redirected
-    // between two calls.
+    // ---- Folders by descriptor, for work in folders that another user can
+    // write: each call takes an open folder and one name in it, never follows
+    // a link at that name and can't be redirected between two calls.
     // Opens a folder; a link at the path is refused (ELOOP).
     virtual UniqueFd openFolder(const std::string& path) = 0;
-    // Opens the folder at `relative` below the folder `base`: names are
-    // taken one at a time, "." and empty ones skipped, ".." refused (EXDEV),
-    // a link refused (ELOOP). With `create`, missing folders are made with
-    // `mode` on the way.
+    // Opens the folder at `relative` below the folder `base` (whose own path
+    // is trusted): names are taken one at a time, "." and empty ones skipped,
+    // ".." refused (EXDEV), a link refused (ELOOP). With `create`, missing
+    // folders are made with `mode` on the way.
     virtual UniqueFd openFolderBeneath(const std::string& base, const std::string& relative, bool create,
                                        uint32_t mode) = 0;
+    // The folder `name`; a link is ELOOP. With `create`, made with `mode` when missing.
+    virtual UniqueFd openFolderAt(int folderFd, const std::string& name, bool create, uint32_t mode) = 0;
+    virtual int statItemAt(int folderFd, const std::string& name, ItemStat* out) = 0;
     virtual int listFolder(int folderFd, std::vector<DirectoryEntry>* out) = 0;
     // The owner of the entry `name` of an open folder; a link is changed
     // itself, never its target.
     virtual int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) = 0;
+    // The mode of the entry itself; a link has none (EOPNOTSUPP).
+    virtual int changeModeAt(int folderFd, const std::string& name, uint32_t mode) = 0;
+    // Removes the entry with everything in it, on its own file system only,
+    // at any depth (see base/FolderAccess.h).
+    virtual int removeTreeAt(int folderFd, const std::string& name) = 0;
+    // Creates `toName` as a hard link of `fromName`; a folder is linked as a
+    // new folder of links (see FileTree.h). All or nothing.
+    virtual int linkTreeAt(int fromFolderFd, const std::string& fromName, int toFolderFd,
+                           const std::string& toName) = 0;
+    // renameat(2): with `replace`, a file or an empty folder at the new name
+    // is replaced; without, nothing there ever is (EEXIST).
+    virtual int moveItemAt(int fromFolderFd, const std::string& fromName, int toFolderFd,
+                           const std::string& toName, bool replace) = 0;
 
     // ---- Files.
     virtual UniqueFd openRegularFile(const std::string& path, const RegularFileOptions& options) = 0;

@@ -1,15 +1,11 @@
 #include "platform/fs/FileTree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <limits.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <string_view>
 
 #include "base/UniqueFd.h"
@@ -20,6 +16,8 @@ namespace {
 using Fd = UniqueFd;
 
 constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// Folders climbed from a destination before giving up: more than a path can hold.
+constexpr int kMaxClimb = 4096;
 
 int lastError() {
     return errno != 0 ? errno : EIO;
@@ -68,87 +66,60 @@ int linkContents(int srcDir, int dstDir, int depth) {
     return forEachEntry(srcDir, [&](const char* name) { return linkEntry(srcDir, dstDir, name, depth); });
 }
 
-std::string parentOf(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    const size_t slash = path.rfind('/');
-    if (slash == std::string_view::npos) return ".";
-    if (slash == 0) return "/";
-    return std::string(path.substr(0, slash));
+bool sameItem(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-std::string resolved(const std::string& path) {
-    char buf[PATH_MAX];
-    return ::realpath(path.c_str(), buf) ? std::string(buf) : std::string();
-}
-
-// Linking a folder into itself would never end: refuse a new path whose
-// parent is the folder or lies inside it.
-int refuseNestedTarget(const std::string& folder, const std::string& newPath) {
-    const std::string parent = resolved(parentOf(newPath));
-    if (parent.empty()) return lastError();
-    const std::string source = resolved(folder);
-    if (source.empty()) return lastError();
-    if (source == "/" || parent == source || parent.starts_with(source + "/")) return EINVAL;
-    return 0;
-}
-
-int linkFolder(const std::string& existing, const std::string& newPath, const struct stat& st) {
-    if (int err = refuseNestedTarget(existing, newPath)) return err;
-    Fd src(::open(existing.c_str(), kDirOpenFlags));
-    if (!src.valid()) return lastError();
-    if (::mkdir(newPath.c_str(), 0700) != 0) return lastError();
-    int err = 0;
-    Fd dst(::open(newPath.c_str(), kDirOpenFlags));
-    if (!dst.valid()) err = lastError();
-    if (err == 0) err = linkContents(src.get(), dst.get(), 1);
-    if (err == 0 && ::fchmod(dst.get(), st.st_mode & 07777) != 0) err = lastError();
-    if (err != 0) removeTree(newPath);
-    return err;
-}
-
-int removeContents(int dirFd, dev_t device, int depth);
-
-int removeEntry(int dirFd, const char* name, dev_t device, int depth) {
-    struct stat st;
-    if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return errno == ENOENT ? 0 : lastError();
-    if (!S_ISDIR(st.st_mode)) return ::unlinkat(dirFd, name, 0) == 0 ? 0 : lastError();
-    if (st.st_dev != device) return EXDEV;
-    if (depth >= kMaxTreeDepth) return ELOOP;
-    Fd child(::openat(dirFd, name, kDirOpenFlags));
-    if (!child.valid()) return lastError();
-    if (int err = removeContents(child.get(), device, depth + 1)) return err;
-    return ::unlinkat(dirFd, name, AT_REMOVEDIR) == 0 ? 0 : lastError();
-}
-
-int removeContents(int dirFd, dev_t device, int depth) {
-    return forEachEntry(dirFd, [&](const char* name) { return removeEntry(dirFd, name, device, depth); });
+// Linking a folder into itself would never end: refuse a destination folder
+// that is the source folder or lies inside it, found by climbing from the
+// destination through ".." up to the root.
+int refuseNestedTarget(int sourceFd, int toFolderFd) {
+    struct stat source, here, parent;
+    if (::fstat(sourceFd, &source) != 0 || ::fstat(toFolderFd, &here) != 0) return lastError();
+    Fd current;
+    for (int level = 0; level < kMaxClimb; ++level) {
+        if (sameItem(here, source)) return EINVAL;
+        Fd up(::openat(current.valid() ? current.get() : toFolderFd, "..", kDirOpenFlags));
+        if (!up.valid() || ::fstat(up.get(), &parent) != 0) return lastError();
+        if (sameItem(parent, here)) return 0;  // the root
+        current = std::move(up);
+        here = parent;
+    }
+    return ELOOP;
 }
 
 }  // namespace
 
-int linkTree(const std::string& existing, const std::string& newPath) {
+int linkTreeAt(int fromFolderFd, const std::string& fromName, int toFolderFd, const std::string& toName) {
     struct stat st;
-    if (::lstat(existing.c_str(), &st) != 0) return lastError();
-    if (S_ISDIR(st.st_mode)) return linkFolder(existing, newPath, st);
-    return ::linkat(AT_FDCWD, existing.c_str(), AT_FDCWD, newPath.c_str(), 0) == 0 ? 0 : lastError();
-}
-
-DirStream openStream(int folderFd) {
-    const int copy = ::fcntl(folderFd, F_DUPFD_CLOEXEC, 0);
-    if (copy < 0) return nullptr;
-    DIR* d = ::fdopendir(copy);
-    if (!d) ::close(copy);
-    return DirStream(d);
+    if (::fstatat(fromFolderFd, fromName.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return lastError();
+    if (!S_ISDIR(st.st_mode))
+        return ::linkat(fromFolderFd, fromName.c_str(), toFolderFd, toName.c_str(), 0) == 0 ? 0 : lastError();
+    Fd src;
+    if (int err = openFolderAt(fromFolderFd, fromName, false, 0, &src)) return err;
+    if (int err = refuseNestedTarget(src.get(), toFolderFd)) return err;
+    if (::mkdirat(toFolderFd, toName.c_str(), 0700) != 0) return lastError();
+    Fd dst;
+    int err = openFolderAt(toFolderFd, toName, false, 0, &dst);
+    if (err == 0) err = linkContents(src.get(), dst.get(), 1);
+    if (err == 0 && ::fchmod(dst.get(), st.st_mode & 07777) != 0) err = lastError();
+    if (err != 0) {
+        dst.reset();
+        removeTreeAt(toFolderFd, toName);
+    }
+    return err;
 }
 
 int removeTree(const std::string& path) {
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0) return lastError();
-    if (!S_ISDIR(st.st_mode)) return ::unlink(path.c_str()) == 0 ? 0 : lastError();
-    Fd dir(::open(path.c_str(), kDirOpenFlags));
+    std::string_view trimmed(path);
+    while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.remove_suffix(1);
+    const size_t slash = trimmed.rfind('/');
+    std::string folder = ".";
+    if (slash != std::string_view::npos) folder = slash == 0 ? "/" : std::string(trimmed.substr(0, slash));
+    const std::string name(slash == std::string_view::npos ? trimmed : trimmed.substr(slash + 1));
+    Fd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!dir.valid()) return lastError();
-    if (int err = removeContents(dir.get(), st.st_dev, 1)) return err;
-    return ::rmdir(path.c_str()) == 0 ? 0 : lastError();
+    return removeTreeAt(dir.get(), name);
 }
 
 }  // namespace qvl::platform

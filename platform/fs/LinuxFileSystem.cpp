@@ -86,18 +86,18 @@ ItemType typeFromDirent(unsigned char type) {
 
 // Only regular files and folders are opened for their flags: opening a
 // device or a fifo can have side effects, and links have no flags of their own.
-bool immutableFlagByIoctl(const std::string& path, ItemType type) {
+bool immutableFlagByIoctl(int folderFd, const std::string& path, ItemType type) {
     if (type != ItemType::kRegular && type != ItemType::kDirectory) return false;
-    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    UniqueFd fd(::openat(folderFd, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) return false;
     int flags = 0;
     if (::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) return false;
     return (flags & FS_IMMUTABLE_FL) != 0;
 }
 
-int statWithFlags(const std::string& path, int flags, ItemStat* out) {
+int statWithFlags(int folderFd, const std::string& path, int flags, ItemStat* out) {
     struct statx stx {};
-    if (::statx(AT_FDCWD, path.c_str(), flags | AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_BTIME,
+    if (::statx(folderFd, path.c_str(), flags | AT_STATX_SYNC_AS_STAT, STATX_BASIC_STATS | STATX_BTIME,
                 &stx) != 0) {
         return -1;
     }
@@ -118,7 +118,7 @@ int statWithFlags(const std::string& path, int flags, ItemStat* out) {
     if (stx.stx_attributes_mask & STATX_ATTR_IMMUTABLE) {
         st.immutable = (stx.stx_attributes & STATX_ATTR_IMMUTABLE) != 0;
     } else {
-        st.immutable = immutableFlagByIoctl(path, st.type);
+        st.immutable = immutableFlagByIoctl(folderFd, path, st.type);
     }
     *out = st;
     return 0;
@@ -176,11 +176,11 @@ LinuxFileSystem& LinuxFileSystem::sharedInstance() {
 }
 
 int LinuxFileSystem::statItem(const std::string& path, ItemStat* out) {
-    return statWithFlags(path, AT_SYMLINK_NOFOLLOW, out);
+    return statWithFlags(AT_FDCWD, path, AT_SYMLINK_NOFOLLOW, out);
 }
 
 int LinuxFileSystem::statFollowingLinks(const std::string& path, ItemStat* out) {
-    return statWithFlags(path, 0, out);
+    return statWithFlags(AT_FDCWD, path, 0, out);
 }
 
 int LinuxFileSystem::setImmutableFlag(const std::string& path, bool immutable) {
@@ -283,31 +283,6 @@ int LinuxFileSystem::listFolder(int folderFd, std::vector<DirectoryEntry>* out) 
     return 0;
 }
 
-int LinuxFileSystem::createFolders(const std::string& path, uint32_t mode) {
-    return posixResult(platform::createFolders(path, mode));
-}
-
-int LinuxFileSystem::linkTree(const std::string& existing, const std::string& newPath) {
-    return posixResult(platform::linkTree(existing, newPath));
-}
-
-int LinuxFileSystem::removeTree(const std::string& path) {
-    return posixResult(platform::removeTree(path));
-}
-
-int LinuxFileSystem::moveItem(const std::string& from, const std::string& to) {
-    return ::rename(from.c_str(), to.c_str());
-}
-
-int LinuxFileSystem::moveItemWithoutReplacing(const std::string& from, const std::string& to) {
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return 0;
-    // File systems without the no-replace flag get a plain rename after a look.
-    if (errno != EINVAL) return -1;
-    struct stat st;
-    if (::lstat(to.c_str(), &st) == 0) return posixResult(EEXIST);
-    return ::rename(from.c_str(), to.c_str());
-}
-
 UniqueFd LinuxFileSystem::openFolder(const std::string& path) {
     UniqueFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st;
@@ -324,20 +299,56 @@ UniqueFd LinuxFileSystem::openFolderBeneath(const std::string& base, const std::
     return descriptorResult(err, std::move(folder));
 }
 
+UniqueFd LinuxFileSystem::openFolderAt(int folderFd, const std::string& name, bool create, uint32_t mode) {
+    UniqueFd folder;
+    const int err = qvl::openFolderAt(folderFd, name, create, mode, &folder);
+    return descriptorResult(err, std::move(folder));
+}
+
+int LinuxFileSystem::statItemAt(int folderFd, const std::string& name, ItemStat* out) {
+    return statWithFlags(folderFd, name, AT_SYMLINK_NOFOLLOW, out);
+}
+
 int LinuxFileSystem::changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) {
     return ::fchownat(folderFd, name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW);
 }
 
+int LinuxFileSystem::changeModeAt(int folderFd, const std::string& name, uint32_t mode) {
+    return ::fchmodat(folderFd, name.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+}
+
+int LinuxFileSystem::removeTreeAt(int folderFd, const std::string& name) {
+    return posixResult(qvl::removeTreeAt(folderFd, name));
+}
+
+int LinuxFileSystem::linkTreeAt(int fromFolderFd, const std::string& fromName, int toFolderFd,
+                                const std::string& toName) {
+    return posixResult(platform::linkTreeAt(fromFolderFd, fromName, toFolderFd, toName));
+}
+
+int LinuxFileSystem::moveItemAt(int fromFolderFd, const std::string& fromName, int toFolderFd,
+                                const std::string& toName, bool replace) {
+    const char* from = fromName.c_str();
+    const char* to = toName.c_str();
+    if (replace) return ::renameat(fromFolderFd, from, toFolderFd, to);
+    if (::renameat2(fromFolderFd, from, toFolderFd, to, RENAME_NOREPLACE) == 0) return 0;
+    // File systems without the no-replace flag get a plain rename after a look.
+    if (errno != EINVAL) return -1;
+    struct stat st;
+    if (::fstatat(toFolderFd, to, &st, AT_SYMLINK_NOFOLLOW) == 0) return posixResult(EEXIST);
+    return ::renameat(fromFolderFd, from, toFolderFd, to);
+}
+
 UniqueFd LinuxFileSystem::openRegularFile(const std::string& path, const RegularFileOptions& options) {
     UniqueFd file;
-    const int err = platform::openRegularFile(path, options, &file);
+    const int err = openRegularFileAt(AT_FDCWD, path, options, &file);
     return descriptorResult(err, std::move(file));
 }
 
 int LinuxFileSystem::readFile(const std::string& path, uint64_t limit, std::vector<uint8_t>* out,
                               const RegularFileOptions& options) {
     UniqueFd file;
-    if (const int err = platform::openRegularFile(path, options, &file)) return posixResult(err);
+    if (const int err = openRegularFileAt(AT_FDCWD, path, options, &file)) return posixResult(err);
     return posixResult(readAll(file.get(), limit, out));
 }
 

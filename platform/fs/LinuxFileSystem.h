@@ -31,17 +31,20 @@ class LinuxFileSystem : public FileSystem {
     int resolvedPath(const std::string& path, std::string* out) override;
 
     int listDirectory(const std::string& path, std::vector<DirectoryEntry>* out) override;
-    int createFolders(const std::string& path, uint32_t mode) override;
-    int linkTree(const std::string& existing, const std::string& newPath) override;
-    int removeTree(const std::string& path) override;
-    int moveItem(const std::string& from, const std::string& to) override;
-    int moveItemWithoutReplacing(const std::string& from, const std::string& to) override;
 
     UniqueFd openFolder(const std::string& path) override;
     UniqueFd openFolderBeneath(const std::string& base, const std::string& relative, bool create,
                                uint32_t mode) override;
+    UniqueFd openFolderAt(int folderFd, const std::string& name, bool create, uint32_t mode) override;
+    int statItemAt(int folderFd, const std::string& name, ItemStat* out) override;
     int listFolder(int folderFd, std::vector<DirectoryEntry>* out) override;
     int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) override;
+    int changeModeAt(int folderFd, const std::string& name, uint32_t mode) override;
+    int removeTreeAt(int folderFd, const std::string& name) override;
+    int linkTreeAt(int fromFolderFd, const std::string& fromName, int toFolderFd,
+                   const std::string& toName) override;
+    int moveItemAt(int fromFolderFd, const std::string& fromName, int toFolderFd, const std::string& toName,
+                   bool replace) override;
 
     UniqueFd openRegularFile(const std::string& path, const RegularFileOptions& options) override;
     int readFile(const std::string& path, uint64_t limit, std::vector<uint8_t>* out,
