@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/DescriptorIO.h"
+#include "base/FolderAccess.h"
 #include "base/UniqueFd.h"
 
 namespace qvl::platform {
@@ -32,6 +33,20 @@ std::string temporaryName() {
     return ".nvram-tmp-" + std::to_string(::getpid()) + "-" + std::to_string(counter.fetch_add(1));
 }
 
+// Opens the store's folder. The folders above it are the system's; the store
+// folder itself is not followed if it is a link, so that should its parent
+// ever be writable by others, the variables can't be led elsewhere.
+int openStoreFolder(const std::string& path, Fd* out) {
+    std::string_view trimmed(path);
+    while (trimmed.size() > 1 && trimmed.back() == '/') trimmed.remove_suffix(1);
+    const size_t slash = trimmed.rfind('/');
+    std::string parent = ".";
+    if (slash != std::string_view::npos) parent = slash == 0 ? "/" : std::string(trimmed.substr(0, slash));
+    Fd above(::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!above.valid()) return errnoOr(ENOENT);
+    return openFolderAt(above.get(), std::string(trimmed.substr(slash + 1)), false, 0, out);
+}
+
 }  // namespace
 
 FileNvramStore::FileNvramStore(std::string folder) : folder_(std::move(folder)) {}
@@ -43,8 +58,8 @@ bool FileNvramStore::validVariableName(std::string_view name) {
 
 bool FileNvramStore::registryEntryExists(std::string_view path) const {
     if (path != kNvramOptionsNodePath) return false;
-    struct stat st;
-    return ::stat(folder_.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+    Fd dir;
+    return openStoreFolder(folder_, &dir) == 0;
 }
 
 int FileNvramStore::setOptionsProperty(std::string_view name, std::span<const uint8_t> value) {
@@ -56,8 +71,8 @@ int FileNvramStore::setOptionsProperty(std::string_view name, std::span<const ui
 int FileNvramStore::writeVariable(std::string_view name, std::span<const uint8_t> value) {
     if (!validVariableName(name)) return EINVAL;
     if (value.size() > kMaxNvramValueSize) return E2BIG;
-    Fd dir(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir.valid()) return errnoOr(ENOENT);
+    Fd dir;
+    if (int err = openStoreFolder(folder_, &dir)) return err;
 
     std::string tmp;
     int fd = -1;
@@ -86,8 +101,8 @@ int FileNvramStore::writeVariable(std::string_view name, std::span<const uint8_t
 
 int FileNvramStore::deleteVariable(std::string_view name) {
     if (!validVariableName(name)) return EINVAL;
-    Fd dir(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir.valid()) return errnoOr(ENOENT);
+    Fd dir;
+    if (int err = openStoreFolder(folder_, &dir)) return err;
     if (::unlinkat(dir.get(), std::string(name).c_str(), 0) != 0) return errnoOr(EIO);
     ::fsync(dir.get());
     return 0;
@@ -95,10 +110,14 @@ int FileNvramStore::deleteVariable(std::string_view name) {
 
 int FileNvramStore::syncVariable(std::string_view name) {
     if (!validVariableName(name)) return EINVAL;
-    Fd dir(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!dir.valid()) return errnoOr(ENOENT);
-    Fd file(::openat(dir.get(), std::string(name).c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-    if (!file.valid()) return errnoOr(ENOENT);
+    Fd dir;
+    if (int err = openStoreFolder(folder_, &dir)) return err;
+    // Only a variable the store wrote: a fifo planted at the name would
+    // block the sync, a link lead it elsewhere.
+    RegularFileOptions options;
+    options.requireOwnedBySelf = true;
+    Fd file;
+    if (int err = openRegularFileAt(dir.get(), std::string(name), options, &file)) return err;
     if (::fsync(file.get()) != 0 || ::fsync(dir.get()) != 0) return errnoOr(EIO);
     return 0;
 }

@@ -78,6 +78,14 @@ TEST_F(NvramStoreTest, RefusalsLeaveTheStoreAsItWas) {
     EXPECT_EQ(variable("v"), "old");
     EXPECT_EQ(fileCount(), 1u);
     EXPECT_FALSE(std::filesystem::exists(root_ + "/escape"));
+    // Planted at a variable's name: neither followed nor waited on.
+    ASSERT_EQ(::mkfifo((folder() + "/fifo").c_str(), 0644), 0);
+    ASSERT_EQ(::symlink("v", (folder() + "/link").c_str()), 0);
+    EXPECT_EQ(store.setOptionsProperty(kNvramSyncNowProperty, bytes("fifo")), EINVAL);
+    EXPECT_EQ(store.setOptionsProperty(kNvramSyncNowProperty, bytes("link")), ELOOP);
+    // A store folder that is a link is no options node.
+    ASSERT_EQ(::symlink(folder().c_str(), (root_ + "/alias").c_str()), 0);
+    EXPECT_FALSE(FileNvramStore(root_ + "/alias/").registryEntryExists(kNvramOptionsNodePath));
     EXPECT_EQ(FileNvramStore(root_ + "/absent").setOptionsProperty("v", bytes("x")), ENOENT);
 }
 
