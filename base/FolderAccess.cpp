@@ -10,7 +10,8 @@
 namespace qvl {
 namespace {
 
-constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// O_NONBLOCK: whatever was swapped in at the name, the open never waits on it.
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 
 int lastError() {
     return errno != 0 ? errno : EIO;

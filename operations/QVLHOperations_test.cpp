@@ -95,10 +95,13 @@ TEST_F(DeviceOperationsTest, ClientPathsNeverLeadThroughALinkOrUpward) {
     makeFolder(at("target"), 0700);
     makeFolder(at("target/sub"), 0700);
     write(at("target/precious"), "precious");
+    ::chmod(at("target/precious").c_str(), 0600);
     makeFolder(at("stage"));
     write(at("stage/f"));
     const std::string via = at("planted");
     ASSERT_EQ(::symlink(at("target").c_str(), via.c_str()), 0);
+    ASSERT_EQ(::link(at("target/precious").c_str(), at("hard").c_str()), 0);
+    ASSERT_EQ(::mkfifo(at("fifo").c_str(), 0600), 0);
     const std::string prepare = "-[QVLHOperations prepareDirectory:writableByMobile:]: ";
     const std::string link = " is refused: a symbolic link is on its way.";
     const struct {
@@ -120,6 +123,12 @@ TEST_F(DeviceOperationsTest, ClientPathsNeverLeadThroughALinkOrUpward) {
         {[&] { return operations.moveStagingToFinal(via + "/sub"); },
          "-[QVLHOperations moveStagingToFinal:]: " + via + "/sub" + link},
         {[&] { return operations.moveStagingToFinal(via); }, "Staging path " + via + " looks wrong."},
+        {[&] { return operations.prepareDirectory(at("hard"), true); },
+         prepare + "Cannot set attribute for " + at("hard") + " - Too many links"},
+        {[&] { return operations.prepareDirectory(at("fifo"), true); },
+         prepare + "Cannot set attribute for " + at("fifo") + " - Invalid argument"},
+        {[&] { return operations.createHardLinks(at("stage/f"), via); },
+         "Could not link " + at("stage/f") + " to " + via + " with error -File exists."},
     };
     for (const auto& c : cases) {
         QVLLogCapture capture;
@@ -128,7 +137,8 @@ TEST_F(DeviceOperationsTest, ClientPathsNeverLeadThroughALinkOrUpward) {
     }
     EXPECT_EQ(lstatOf(at("target")).st_mode & 07777, 0700u);
     EXPECT_EQ(readText(at("target/precious")), "precious");
-    EXPECT_EQ(lstatOf(at("target/precious")).st_nlink + lstatOf(at("stage/f")).st_nlink, 2u);
+    EXPECT_EQ(lstatOf(at("target/precious")).st_mode & 07777, 0600u);
+    EXPECT_EQ(lstatOf(at("target/precious")).st_nlink + lstatOf(at("stage/f")).st_nlink, 3u);
     EXPECT_FALSE(::access(at("target/new").c_str(), F_OK) == 0 || ::access("/var/backup/sub", F_OK) == 0);
     // A link named as the item itself is removed as the link.
     EXPECT_TRUE(operations.removeDirectory(via));
@@ -143,6 +153,7 @@ TEST_F(DeviceOperationsTest, PrepareLogContainerHandsOverOnlyLogFiles) {
     write(at("logs/sub/qvald-20261121.log"));
     write(at("secret"));
     ASSERT_EQ(::symlink(at("secret").c_str(), at("logs/qvald-link").c_str()), 0);
+    ASSERT_EQ(::link(at("secret").c_str(), at("logs/qvald-hard").c_str()), 0);
 
     EXPECT_TRUE(operations.prepareLogContainer(at("logs")));
     EXPECT_EQ(lstatOf(at("logs/qvald-20261122.log")).st_uid, 501u);

@@ -134,9 +134,12 @@ class FileSystem {
     virtual int statItemAt(int folderFd, const std::string& name, ItemStat* out) = 0;
     virtual int listFolder(int folderFd, std::vector<DirectoryEntry>* out) = 0;
     // The owner of the entry `name` of an open folder; a link is changed
-    // itself, never its target.
+    // itself, never its target. Anything but a folder with another hard
+    // link is refused (EMLINK): its other name may lie anywhere on the volume.
     virtual int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) = 0;
-    // The mode of the entry itself; a link has none (EOPNOTSUPP).
+    // The mode of the entry itself, a folder or a regular file with no other
+    // hard link (EMLINK); a link has none (EOPNOTSUPP), anything else is
+    // EINVAL. Never blocks on a fifo.
     virtual int changeModeAt(int folderFd, const std::string& name, uint32_t mode) = 0;
     // Removes the entry with everything in it, on its own file system only,
     // at any depth (see base/FolderAccess.h).

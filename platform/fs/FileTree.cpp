@@ -15,7 +15,7 @@ namespace {
 
 using Fd = UniqueFd;
 
-constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 // Folders climbed from a destination before giving up: more than a path can hold.
 constexpr int kMaxClimb = 4096;
 

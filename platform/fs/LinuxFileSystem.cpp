@@ -309,12 +309,29 @@ int LinuxFileSystem::statItemAt(int folderFd, const std::string& name, ItemStat*
     return statWithFlags(folderFd, name, AT_SYMLINK_NOFOLLOW, out);
 }
 
+// The owner and mode of a client's entry are changed through a descriptor of
+// the entry checked first, so that what is changed is what was checked. A
+// file with another hard link is refused: its other name may be anywhere on
+// the volume, in a folder the client could never change.
 int LinuxFileSystem::changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) {
-    return ::fchownat(folderFd, name.c_str(), uid, gid, AT_SYMLINK_NOFOLLOW);
+    // O_PATH opens the entry itself, a link included, without reading it.
+    const UniqueFd entry(::openat(folderFd, name.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat st;
+    if (!entry.valid() || ::fstat(entry.get(), &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode) && st.st_nlink > 1) return posixResult(EMLINK);
+    return ::fchownat(entry.get(), "", uid, gid, AT_EMPTY_PATH);
 }
 
 int LinuxFileSystem::changeModeAt(int folderFd, const std::string& name, uint32_t mode) {
-    return ::fchmodat(folderFd, name.c_str(), mode, AT_SYMLINK_NOFOLLOW);
+    // Opening a fifo without blocking has no effect on it; a device can't be
+    // in a folder of the data volume that a client could have put it in.
+    UniqueFd entry(::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!entry.valid()) return posixResult(errno == ELOOP ? EOPNOTSUPP : errno);  // links have no mode
+    struct stat st;
+    if (::fstat(entry.get(), &st) != 0) return -1;
+    if (!S_ISDIR(st.st_mode) && !S_ISREG(st.st_mode)) return posixResult(EINVAL);
+    if (S_ISREG(st.st_mode) && st.st_nlink > 1) return posixResult(EMLINK);
+    return ::fchmod(entry.get(), mode);
 }
 
 int LinuxFileSystem::removeTreeAt(int folderFd, const std::string& name) {
