@@ -4,6 +4,7 @@
 // connections from the host. One test per family of commands; log lines are
 // checked word for word in the helper's own log file.
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -269,6 +270,34 @@ TEST_F(HelperE2ETest, FirmwareVariables) {
         (std::pair<int, Lines>{1,
                                {"Entering -[QVLHMessageResponder deleteNvram:] with parameter: boot-args",
                                 "Couldn't force sync new nvram to device"}}));
+}
+
+// What "mobile" can plant in the log folder, which is open to all, and the
+// paths it can send: the restarted helper neither waits on nor writes through
+// what it finds, refuses the paths, changes nothing and keeps answering.
+TEST(HelperAttackTest, PlantedNamesAndEscapingPathsLeaveItAnswering) {
+    if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
+    Sandbox sandbox;
+    ASSERT_TRUE(sandbox.start());
+    ASSERT_EQ(sandbox.stop("TERM"), 0);
+    const std::string secret = "/private/var/root/secret";
+    sandbox.writeFile(secret, "secret");
+    ::chmod(sandbox.host(secret).c_str(), 0600);
+    fs::remove(sandbox.logFilePath());
+    fs::create_symlink(secret, sandbox.logFilePath());
+    ASSERT_EQ(::mkfifo(sandbox.host("/private/var/logs/qvald/testWritability.log").c_str(), 0666), 0);
+    fs::create_directory_symlink("/private/var/root", sandbox.host("/private/var/logs/out"));
+    const mode_t rootMode = lstatOf(sandbox.host("/private/var/root")).st_mode;
+
+    ASSERT_TRUE(sandbox.start());  // listening: nothing planted held it up
+    for (const char* path : {"/var/logs/../root", "/var/logs/out", "/private/var/logs/out/x"})
+        EXPECT_EQ(sandbox.qvalctl({"prepareLogContainer:", path}, "mobile").status, 1) << path;
+    EXPECT_EQ(sandbox.qvalctl({"prepareWorkContainer:", "/var/logs/out/x"}, "mobile").status, 1);
+    EXPECT_EQ(readText(sandbox.host(secret)), "secret");
+    EXPECT_EQ(lstatOf(sandbox.host("/private/var/root")).st_mode, rootMode);
+    EXPECT_FALSE(fs::exists(sandbox.host("/private/var/root/x")));
+    EXPECT_EQ(sandbox.qvalctl({"prepareLogContainer:", "/var/logs/qvald"}, "mobile").status, 0);
+    EXPECT_EQ(sandbox.stop("TERM"), 0);
 }
 
 // Each way the helper ends, on a sandbox of its own: the exit status and the
