@@ -228,6 +228,15 @@ TEST_F(HelperE2ETest, ContainersAndPreferences) {
                    "-[QVLHMessageResponder prepareLogContainer:]: creating logs under /var/tmp/logs is not "
                    "allowed."}}));
     EXPECT_FALSE(fs::exists(host("/private/var/tmp/logs")));
+    // Leading out of the log folder by ".." or by a link "mobile" made there: the same refusal.
+    const mode_t rootMode = lstatOf(host("/private/var/root")).st_mode;
+    fs::create_directory_symlink("/private/var/root", host("/private/var/logs/out"));
+    for (const std::string path : {"/var/logs/../root", "/private/var/logs/out/qvald"})
+        EXPECT_EQ(run({"prepareLogContainer:", path}).second.back(),
+                  "-[QVLHMessageResponder prepareLogContainer:]: creating logs under " + path + " is not allowed.");
+    EXPECT_EQ(run({"prepareWorkContainer:", "/var/logs/out/qvald"}).first, 1);
+    EXPECT_EQ(lstatOf(host("/private/var/root")).st_mode, rootMode);
+    EXPECT_FALSE(fs::exists(host("/private/var/root/qvald")));
 
     const std::string destination = "/private/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist";
     sandbox_->writeFile("/private/var/root/Library/Preferences/com.ostrel.Quorvale.plist", "prefs");
@@ -272,10 +281,9 @@ TEST_F(HelperE2ETest, FirmwareVariables) {
                                 "Couldn't force sync new nvram to device"}}));
 }
 
-// What "mobile" can plant in the log folder, which is open to all, and the
-// paths it can send: the restarted helper neither waits on nor writes through
-// what it finds, refuses the paths, changes nothing and keeps answering.
-TEST(HelperAttackTest, PlantedNamesAndEscapingPathsLeaveItAnswering) {
+// What "mobile" can plant in the log folder, which is open to all: the
+// restarted helper neither waits on nor writes through it, and answers.
+TEST(HelperAttackTest, PlantedLogFilesNeitherHoldUpNorRedirectARestart) {
     if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
     Sandbox sandbox;
     ASSERT_TRUE(sandbox.start());
@@ -286,17 +294,9 @@ TEST(HelperAttackTest, PlantedNamesAndEscapingPathsLeaveItAnswering) {
     fs::remove(sandbox.logFilePath());
     fs::create_symlink(secret, sandbox.logFilePath());
     ASSERT_EQ(::mkfifo(sandbox.host("/private/var/logs/qvald/testWritability.log").c_str(), 0666), 0);
-    fs::create_directory_symlink("/private/var/root", sandbox.host("/private/var/logs/out"));
-    const mode_t rootMode = lstatOf(sandbox.host("/private/var/root")).st_mode;
-
     ASSERT_TRUE(sandbox.start());  // listening: nothing planted held it up
-    for (const char* path : {"/var/logs/../root", "/var/logs/out", "/private/var/logs/out/x"})
-        EXPECT_EQ(sandbox.qvalctl({"prepareLogContainer:", path}, "mobile").status, 1) << path;
-    EXPECT_EQ(sandbox.qvalctl({"prepareWorkContainer:", "/var/logs/out/x"}, "mobile").status, 1);
-    EXPECT_EQ(readText(sandbox.host(secret)), "secret");
-    EXPECT_EQ(lstatOf(sandbox.host("/private/var/root")).st_mode, rootMode);
-    EXPECT_FALSE(fs::exists(sandbox.host("/private/var/root/x")));
     EXPECT_EQ(sandbox.qvalctl({"prepareLogContainer:", "/var/logs/qvald"}, "mobile").status, 0);
+    EXPECT_EQ(readText(sandbox.host(secret)), "secret");
     EXPECT_EQ(sandbox.stop("TERM"), 0);
 }
 
