@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -98,7 +97,7 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
     EXPECT_FALSE(fs::exists(dir_ + "/finish-demo-retore.log"));
 }
 
-TEST_F(LogModelTest, SetUpCreatesTheFolderAppendsAndFailsWhereItCantWrite) {
+TEST_F(LogModelTest, SetUpCreatesTheFolderAndAppends) {
     const std::string folder = dir_ + "/a/b/c";
     const double clock = static_cast<double>(time(nullptr));
     for (const char* message : {"first 1", "second start"}) {  // two starts on one day
@@ -113,22 +112,6 @@ TEST_F(LogModelTest, SetUpCreatesTheFolderAppendsAndFailsWhereItCantWrite) {
     QVLLogModel model(at(clock));
     EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log"));
     EXPECT_FALSE(model.logToFileEnabled());
-
-    // Root writes anywhere, so the unwritable folder is tried by an unprivileged child.
-    const std::string readOnly = dir_ + "/ro";
-    fs::create_directories(readOnly);
-    chmod(dir_.c_str(), 0755);
-    chmod(readOnly.c_str(), 0555);
-    const pid_t pid = fork();
-    ASSERT_GE(pid, 0);
-    if (pid == 0) {
-        if (geteuid() == 0 && (setgid(65534) != 0 || setuid(65534) != 0)) _exit(3);
-        _exit(QVLLogModel().enableLogToFilesUnder(readOnly, "p", 5) ? 1 : 0);
-    }
-    int status = 0;
-    waitpid(pid, &status, 0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-    EXPECT_TRUE(fs::is_empty(readOnly));  // no probe left behind
 }
 
 // What another user can plant in a log folder open to all, at the daily
