@@ -96,11 +96,11 @@ set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS systemd)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
-# The registry entry is a conffile, as everything in /etc: an administrator's
-# edit survives upgrades, and removal keeps it until purge.
-file(WRITE ${qvl_generated}/conffiles "${QVL_ENTITLEMENT_DIR}/qvalctl-root.plist\n")
+# The registry entry is the package's own grant to its own client, not a file
+# for the administrator to edit: an administrator grants other clients with
+# entries of their own beside it. So it is not a conffile, and removing the
+# package takes it away with everything else the package installed.
 set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA
-    ${QVL_PACKAGING_DIR}/debian/postinst ${QVL_PACKAGING_DIR}/debian/prerm ${QVL_PACKAGING_DIR}/debian/postrm
-    ${qvl_generated}/conffiles)
+    ${QVL_PACKAGING_DIR}/debian/postinst ${QVL_PACKAGING_DIR}/debian/prerm ${QVL_PACKAGING_DIR}/debian/postrm)
 set(CPACK_STRIP_FILES ON)
 include(CPack)
