@@ -27,7 +27,9 @@
 //   - openFolderBeneath walks a relative path below a base folder one name at
 //     a time without following any link and refuses "..", so a client's path
 //     can't lead out of the base; the *At calls then work on one name of the
-//     folder it opened.
+//     folder it opened;
+//   - openItemBeneath does the same for any item below an open folder and
+//     gives a path to it that later renames can't redirect.
 //
 // Thread-safety: the Linux file system keeps no state and may be used from
 // any thread.
@@ -71,6 +73,14 @@ struct ItemStat {
     timespec modification{};
     std::optional<timespec> birth;  // only where the file system records one
     bool immutable = false;         // false where the file system has no such flag
+};
+
+// An item below a folder, reached by openItemBeneath: `folder` holds the
+// folder that contains it, and `path` names the item's entry in that very
+// folder for the path calls of this interface (valid while `folder` is held).
+struct ItemBeneath {
+    UniqueFd folder;
+    std::string path;
 };
 
 struct DirectoryEntry {
@@ -132,6 +142,12 @@ class FileSystem {
     // The folder `name`; a link is ELOOP. With `create`, made with `mode` when missing.
     virtual UniqueFd openFolderAt(int folderFd, const std::string& name, bool create, uint32_t mode) = 0;
     virtual int statItemAt(int folderFd, const std::string& name, ItemStat* out) = 0;
+    // Reaches the item at `relative` below the open folder `baseFd`: the
+    // folders on the way are opened one name at a time, "." and empty names
+    // skipped, ".." refused (EXDEV), a link refused (ELOOP); the last name
+    // is not opened at all, so a link there is the item itself. A relative
+    // path of no names is the base folder itself.
+    virtual int openItemBeneath(int baseFd, const std::string& relative, ItemBeneath* out) = 0;
     virtual int listFolder(int folderFd, std::vector<DirectoryEntry>* out) = 0;
     // The owner of the entry `name` of an open folder; a link is changed
     // itself, never its target. Anything but a folder with another hard

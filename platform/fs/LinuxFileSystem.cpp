@@ -20,6 +20,7 @@
 #include "base/DescriptorIO.h"
 #include "platform/fs/FileAccess.h"
 #include "platform/fs/FileTree.h"
+#include "platform/fs/ItemBeneath.h"
 
 namespace qvl::platform {
 namespace {
@@ -307,6 +308,10 @@ UniqueFd LinuxFileSystem::openFolderAt(int folderFd, const std::string& name, bo
 
 int LinuxFileSystem::statItemAt(int folderFd, const std::string& name, ItemStat* out) {
     return statWithFlags(folderFd, name, AT_SYMLINK_NOFOLLOW, out);
+}
+
+int LinuxFileSystem::openItemBeneath(int baseFd, const std::string& relative, ItemBeneath* out) {
+    return posixResult(platform::openItemBeneath(baseFd, relative, out));
 }
 
 // The owner and mode of a client's entry are changed through a descriptor of

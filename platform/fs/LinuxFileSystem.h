@@ -37,6 +37,7 @@ class LinuxFileSystem : public FileSystem {
                                uint32_t mode) override;
     UniqueFd openFolderAt(int folderFd, const std::string& name, bool create, uint32_t mode) override;
     int statItemAt(int folderFd, const std::string& name, ItemStat* out) override;
+    int openItemBeneath(int baseFd, const std::string& relative, ItemBeneath* out) override;
     int listFolder(int folderFd, std::vector<DirectoryEntry>* out) override;
     int changeOwnerAt(int folderFd, const std::string& name, uint32_t uid, uint32_t gid) override;
     int changeModeAt(int folderFd, const std::string& name, uint32_t mode) override;
