@@ -8,6 +8,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <mutex>
+#include <string>
 
 #include "platform/zrp/DeliveryQueue.h"
 #include "platform/zrp/ListenerEndpoint.h"
@@ -58,6 +60,26 @@ UniqueFd activatedListener() {
 
 std::atomic<uint64_t> gOpenTransactions{0};
 
+// Where the count is published: beside the listener's socket, so that whoever
+// can see the service can see whether it is held busy.
+std::mutex gTransactionsFileLock;
+std::string gTransactionsFile;
+
+// Replaces the file with the current count. The socket folder is root's, so
+// a plain temporary name beside it is safe; a failure only leaves the file
+// behind the count in memory, which stays the truth.
+void publishTransactionCount() {
+    std::lock_guard<std::mutex> guard(gTransactionsFileLock);
+    if (gTransactionsFile.empty()) return;
+    const std::string text = std::to_string(gOpenTransactions.load()) + "\n";
+    const std::string temporary = gTransactionsFile + ".new";
+    UniqueFd fd(::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644));
+    if (!fd.valid()) return;
+    const bool written = ::write(fd.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    if (!fd.closeChecked() || !written || ::rename(temporary.c_str(), gTransactionsFile.c_str()) != 0)
+        ::unlink(temporary.c_str());
+}
+
 }  // namespace
 
 std::shared_ptr<Connection> createListener(std::string_view serviceName, std::string* error,
@@ -73,6 +95,13 @@ std::shared_ptr<Connection> createListener(std::string_view serviceName, std::st
         fd = bindListener(path, error);
         if (!fd) return nullptr;
     }
+    if (!path.empty()) {
+        {
+            std::lock_guard<std::mutex> guard(gTransactionsFileLock);
+            gTransactionsFile = path + kTransactionsFileSuffix;
+        }
+        publishTransactionCount();
+    }
     auto listener = std::make_shared<ListenerEndpoint>(queue, queue.nextId(), std::move(fd), std::move(path));
     queue.add(listener);
     return listener;
@@ -84,6 +113,7 @@ std::shared_ptr<Connection> createListener(std::string_view serviceName, std::st
 
 void openTransaction() {
     gOpenTransactions.fetch_add(1);
+    publishTransactionCount();
 }
 uint64_t openTransactionCount() {
     return gOpenTransactions.load();

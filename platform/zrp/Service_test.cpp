@@ -163,6 +163,19 @@ TEST_F(ServiceTest, SocketFilesModesAndStaleSockets) {
     EXPECT_FALSE(createListener("../escape", &error, dir));
 }
 
+TEST_F(ServiceTest, BusyTransactionsOnlyGrowAndArePublishedBesideTheSocket) {
+    auto published = [&] {
+        std::ifstream in(dir_ + "/test.service.transactions");
+        return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    const uint64_t before = openTransactionCount();  // the count is the process's
+    EXPECT_EQ(published(), std::to_string(before) + "\n");
+    openTransaction();
+    openTransaction();
+    EXPECT_EQ(openTransactionCount(), before + 2);
+    EXPECT_EQ(published(), std::to_string(before + 2) + "\n");
+}
+
 TEST_F(ServiceTest, DeliveryIsSerialOffTheMainThreadAndInOrder) {
     auto a = connect();
     auto b = connect();

@@ -287,7 +287,12 @@ std::shared_ptr<Connection> createListener(std::string_view serviceName, std::st
 [[noreturn]] void runMainLoop();
 
 // Busy transactions: a count the service keeps while work is open that must
-// not be cut short by an idle exit. Nothing here ever closes one.
+// not be cut short by an idle exit. Nothing here ever closes one. The count
+// is also published, as decimal text and a newline, in the file
+// SOCKETDIR/NAME.transactions of a listener bound by createListener (written
+// afresh with 0 when it is made, and at every opening), so that a test or an
+// administrator outside the process can see it.
+inline constexpr const char* kTransactionsFileSuffix = ".transactions";
 void openTransaction();
 uint64_t openTransactionCount();
 
