@@ -256,7 +256,9 @@ plist::Dictionary QVLFileMetadata::fileAttributesAllowSet(const plist::Dictionar
     return allowed;
 }
 
-bool QVLFileMetadata::restoreAttribuesToPath(const std::string& path, FileSystem& files) const {
+bool QVLFileMetadata::restoreAttribuesToPath(const std::string& path, FileSystem& files,
+                                             const std::string* shownPath) const {
+    const std::string& shown = shownPath ? *shownPath : path;
     const plist::Dictionary* attributes = getFileAttributes();
     const std::string* type = getFileType();
     if (type && *type == kNSFileTypeSymbolicLink) {
@@ -268,27 +270,28 @@ bool QVLFileMetadata::restoreAttribuesToPath(const std::string& path, FileSystem
         if (std::optional<int64_t> bits = mode ? mode->integerValue() : std::nullopt) {
             (void)files.changeMode(path, static_cast<uint32_t>(*bits) & 0xffff);
         }
-        return restoreExtendedAttributes(path, files);
+        return restoreExtendedAttributes(path, files, shown);
     }
     const plist::Dictionary recorded = attributes ? *attributes : plist::Dictionary();
     const plist::Dictionary allowed = fileAttributesAllowSet(recorded);
     std::string error;
     if (!QVLAttributeDictionary::setAttributes(allowed, path, &error, files)) {
-        QVLLog("Could not set file attributs at %@ with error - %@, attributes = %@", path, error, allowed);
+        QVLLog("Could not set file attributs at %@ with error - %@, attributes = %@", shown, error, allowed);
         return false;
     }
     if (!QVLAttributeDictionary::setProtectionClass(recorded, path, &error, files)) {
-        QVLLog("Could not set file protection key at %@ with error - %@, attributes = %@", path, error,
+        QVLLog("Could not set file protection key at %@ with error - %@, attributes = %@", shown, error,
                recorded.find(kNSFileProtectionKey));
         return false;
     }
     // Extended attributes are put back as far as they go; their failures are
     // logged, not reported.
-    (void)restoreExtendedAttributes(path, files);
+    (void)restoreExtendedAttributes(path, files, shown);
     return true;
 }
 
-bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path, FileSystem& files) const {
+bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path, FileSystem& files,
+                                                const std::string& shownPath) const {
     const plist::Dictionary* extendedAttributes = getExtendedAttributes();
     if (!extendedAttributes) return true;
     for (const auto& [name, value] : *extendedAttributes) {
@@ -302,7 +305,7 @@ bool QVLFileMetadata::restoreExtendedAttributes(const std::string& path, FileSys
             return false;
         }
         if (files.setExtendedAttribute(path, name, bytes->data(), bytes->size()) != 0) {
-            QVLLog("Could not set extended attributes on %@", path);
+            QVLLog("Could not set extended attributes on %@", shownPath);
             return false;
         }
     }

@@ -132,15 +132,18 @@ class QVLFileMetadata {
 
     // Writes this record's ownership, mode, dates, flags, protection class and
     // extended attributes onto the item at `path`. Attributes the item carries
-    // and the record does not name are kept.
-    bool restoreAttribuesToPath(const std::string& path, platform::FileSystem& files) const;
+    // and the record does not name are kept. Log lines name `shownPath` when
+    // given (the place a client knows, where `path` is how the item is reached).
+    bool restoreAttribuesToPath(const std::string& path, platform::FileSystem& files,
+                                const std::string* shownPath = nullptr) const;
     // The entries of `attributes` that the restore may write.
     static plist::Dictionary fileAttributesAllowSet(const plist::Dictionary& attributes);
     // Compares this record with `other` (null allowed); see CompareResult.
     int compareWith(const QVLFileMetadata* other) const;
 
   private:
-    bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files) const;
+    bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files,
+                                   const std::string& shownPath) const;
 
     plist::Dictionary dict_;
 };
