@@ -123,6 +123,7 @@ struct ComponentSpec {
     std::string certificate;
     Dictionary files;
     const Dictionary* extra = nullptr;  // more keys for the entry (old layout)
+    bool bare = false;                  // the entry is the file manifest itself (old layout)
 };
 
 bool readComponents(const Recipe& recipe, std::vector<ComponentSpec>& out) {
@@ -145,8 +146,8 @@ bool readComponents(const Recipe& recipe, std::vector<ComponentSpec>& out) {
         const std::string* certificate = c->getString("Certificate");
         auto files = fileManifestOf(recipe, *c, *name);
         if (!files) return false;
-        out.push_back(
-            {*section, *name, certificate ? *certificate : "", std::move(*files), c->getDictionary("Extra")});
+        out.push_back({*section, *name, certificate ? *certificate : "", std::move(*files),
+                       c->getDictionary("Extra"), c->getBoolean("Bare").value_or(false)});
     }
     return true;
 }
@@ -194,7 +195,8 @@ std::optional<Dictionary> segmentedManifest(const Recipe& recipe,
 }
 
 // The old layout: "Backup" is one file manifest; data sections hold, per
-// identifier, {"Manifest": files} and the component's "Extra" keys.
+// identifier, {"Manifest": files} and the component's "Extra" keys, or, for a
+// "Bare" component, the file manifest itself.
 std::optional<Dictionary> monolithicManifest(const Recipe& recipe,
                                              const std::map<std::string, CertificateEntry>& certs,
                                              std::vector<ComponentSpec>& components) {
@@ -215,6 +217,10 @@ std::optional<Dictionary> monolithicManifest(const Recipe& recipe,
                 return std::nullopt;
             }
             raw.set("Backup", Value(std::move(wanted.files)));
+            continue;
+        }
+        if (wanted.bare) {
+            sections[wanted.section].set(wanted.name, Value(std::move(wanted.files)));
             continue;
         }
         Dictionary entry;
