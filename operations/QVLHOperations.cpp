@@ -82,7 +82,9 @@ QVLHOperations::QVLHOperations(Services services)
       ownRestart_(services.restart ? nullptr : std::make_unique<platform::LinuxSystemRestart>()),
       files_(services.files ? *services.files : platform::LinuxFileSystem::sharedInstance()),
       nvram_(services.nvram ? *services.nvram : *ownNvram_),
-      restart_(services.restart ? *services.restart : *ownRestart_) {}
+      restart_(services.restart ? *services.restart : *ownRestart_),
+      manifestServices_(std::move(services.manifests)),
+      openTransaction_(std::move(services.openTransaction)) {}
 
 QVLHOperations::~QVLHOperations() = default;
 

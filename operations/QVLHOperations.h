@@ -3,20 +3,26 @@
 // cause of a failure once, where it is found; the client only ever sees the
 // flag.
 //
-// The file system, the firmware-variable store and the restart are reached
-// through the platform layers given at construction; sharedInstance() uses
+// The file system, the firmware-variable store, the restart, the verification
+// of the signed manifest and the message service's busy transactions are
+// reached through the services given at construction; sharedInstance() uses
 // the device's own.
 //
-// Thread-safety: the helper runs one command at a time; the operations keep no
-// state between calls apart from the platform layers, which are fixed at
-// construction.
+// Thread-safety: the helper runs one command at a time, and the operations are
+// called from that one thread. Their only state between calls is the signed
+// manifest, loaded at most once successfully and then kept unchanged for the
+// life of the object.
 #pragma once
 
+#include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/UniqueFd.h"
 #include "operations/QVLHClientPath.h"
+#include "manifest/QVLSignedManifest.h"
 #include "plist/PlistValue.h"
 
 namespace qvl::platform {
@@ -27,6 +33,8 @@ class SystemRestart;
 
 namespace qvl {
 
+class QVLManifest;
+
 class QVLHOperations {
   public:
     // The layers the operations use; a null member means the device's own
@@ -36,6 +44,20 @@ class QVLHOperations {
         platform::FileSystem* files = nullptr;
         platform::NvramStore* nvram = nullptr;
         platform::SystemRestart* restart = nullptr;
+        // How the signed manifest is verified; nullopt: the helper's own
+        // content checks, trust and device information. Its file system, when
+        // not given, is `files`.
+        std::optional<QVLSignedManifest::Services> manifests = std::nullopt;
+        // Opens one busy transaction with the message service; empty: the
+        // ZRP service's own.
+        std::function<void()> openTransaction = nullptr;
+    };
+
+    // A range of installation items as a client sends it: native signed
+    // integers, checked only where the signed manifest uses a range.
+    struct ItemRange {
+        int32_t location = static_cast<int32_t>(QVLRange::kNotFound);
+        int32_t length = 0;
     };
 
     static QVLHOperations& sharedInstance();
@@ -59,6 +81,17 @@ class QVLHOperations {
     // Staging and installation moves.
     bool createHardLinks(const std::string& path, const std::string& stagingPath);
     bool moveStagingToFinal(const std::string& path);
+
+    // Device manifests and attribute restore. The signed manifest is loaded
+    // on first use by any of them; every attempt made while none is loaded
+    // opens one more busy transaction, which is never closed.
+    const QVLSignedManifest* signedManifest() const { return signedManifest_.get(); }
+    void loadManifest();
+    bool createDeviceManifest(const std::string& path, bool forBackup, ItemRange range);
+    bool restoreBackupAttributesUnder(const std::string& root, ItemRange range);
+    bool restoreAppDataAttributesUnder(const std::string& root, const std::string& containerType,
+                                       const std::string& identifier);
+    bool restoreAttributesUnder(const std::string& root, const QVLManifest& manifest);
 
     // Firmware variables, restart and exit.
     bool deleteNvram(const std::string& name);
@@ -86,12 +119,18 @@ class QVLHOperations {
     UniqueFd prepareFolder(const std::string& path, bool writableByMobile, bool* ok);
     bool openToAll(const Place& place, const std::string& path);
     bool nvramReachable();
+    bool ensureManifestLoaded();
+    std::optional<std::shared_ptr<const plist::Dictionary>> selectBackups(const char* operation,
+                                                                          ItemRange range);
 
     std::unique_ptr<platform::NvramStore> ownNvram_;
     std::unique_ptr<platform::SystemRestart> ownRestart_;
     platform::FileSystem& files_;
     platform::NvramStore& nvram_;
     platform::SystemRestart& restart_;
+    const std::optional<QVLSignedManifest::Services> manifestServices_;
+    const std::function<void()> openTransaction_;
+    std::unique_ptr<QVLSignedManifest> signedManifest_;
 };
 
 }  // namespace qvl

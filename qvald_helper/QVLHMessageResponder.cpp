@@ -33,7 +33,10 @@ const std::initializer_list<QVLHMessageResponder::Command> QVLHMessageResponder:
     {"prepareLogContainer:", &QVLHMessageResponder::prepareLogContainer},
     {"prepareWorkContainer:", &QVLHMessageResponder::prepareWorkContainer},
     {"removeWorkContainer:", &QVLHMessageResponder::removeWorkContainer},
+    {"createDeviceManifest:", &QVLHMessageResponder::createDeviceManifest},
     {"createHardLink:", &QVLHMessageResponder::createHardLink},
+    {"restoreBackupAttributes:", &QVLHMessageResponder::restoreBackupAttributes},
+    {"restoreAppDataAttributes:", &QVLHMessageResponder::restoreAppDataAttributes},
     {"deleteNvram:", &QVLHMessageResponder::deleteNvram},
     {"writeNvram:", &QVLHMessageResponder::writeNvram},
     {"moveStagingToFinal:", &QVLHMessageResponder::moveStagingToFinal},
@@ -284,6 +287,59 @@ bool QVLHMessageResponder::reboot(const plist::Value& parameter) {
 bool QVLHMessageResponder::quitHelper(const plist::Value& parameter) {
     logEntering("-[QVLHMessageResponder quitHelper:]", parameter);
     operations_.quitHelper();
+}
+
+// Device manifests and attribute restore.
+
+bool QVLHMessageResponder::createDeviceManifest(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder createDeviceManifest:]";
+    logEntering(kName, parameter);
+    const std::string* path = stringEntry(parameter, "Path");
+    const std::optional<bool> backup = boolEntry(parameter, "IsBackup");
+    if (!path || !backup) {
+        return refuseParameter(kName, "a dictionary with a \"Path\" string and an \"IsBackup\" boolean",
+                               parameter);
+    }
+    // The range is read only for a backup; otherwise it may be absent or of
+    // any kind, and the empty range goes on.
+    QVLHOperations::ItemRange range;
+    if (*backup) {
+        const std::optional<int32_t> location = intEntry(parameter, "Location");
+        const std::optional<int32_t> length = intEntry(parameter, "Length");
+        if (!location || !length) {
+            return refuseParameter(kName, "\"Location\" and \"Length\" integers for a backup", parameter);
+        }
+        range = {*location, *length};
+    }
+    return operations_.createDeviceManifest(*path, *backup, range);
+}
+
+bool QVLHMessageResponder::restoreBackupAttributes(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder restoreBackupAttributes:]";
+    logEntering(kName, parameter);
+    const std::string* root = stringEntry(parameter, "StagingRootPath");
+    const std::optional<int32_t> location = intEntry(parameter, "Location");
+    const std::optional<int32_t> length = intEntry(parameter, "Length");
+    if (!root || !location || !length) {
+        return refuseParameter(
+            kName, "a dictionary with a \"StagingRootPath\" string and \"Location\" and \"Length\" integers",
+            parameter);
+    }
+    return operations_.restoreBackupAttributesUnder(*root, {*location, *length});
+}
+
+bool QVLHMessageResponder::restoreAppDataAttributes(const plist::Value& parameter) {
+    static constexpr const char* kName = "-[QVLHMessageResponder restoreAppDataAttributes:]";
+    logEntering(kName, parameter);
+    const std::string* root = stringEntry(parameter, "StagingRootPath");
+    const std::string* type = stringEntry(parameter, "ContentType");
+    const std::string* identifier = stringEntry(parameter, "Identifier");
+    if (!root || !type || !identifier) {
+        return refuseParameter(
+            kName, "a dictionary with \"StagingRootPath\", \"ContentType\" and \"Identifier\" strings",
+            parameter);
+    }
+    return operations_.restoreAppDataAttributesUnder(*root, *type, *identifier);
 }
 
 // The data partition resize: the parameter is not used.

@@ -136,6 +136,11 @@ class QVLHMessageResponder {
     bool reboot(const plist::Value& parameter);
     bool quitHelper(const plist::Value& parameter);
 
+    // Device manifests and attribute restore.
+    bool createDeviceManifest(const plist::Value& parameter);
+    bool restoreBackupAttributes(const plist::Value& parameter);
+    bool restoreAppDataAttributes(const plist::Value& parameter);
+
     // The data partition resize.
     bool shrinkDataPartition(const plist::Value& parameter);
     bool expandDataPartition(const plist::Value& parameter);

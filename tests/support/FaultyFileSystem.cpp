@@ -47,4 +47,11 @@ void FaultyFileSystem::adviseDone(int fd, off_t offset, off_t length) {
     LinuxFileSystem::adviseDone(fd, offset, length);
 }
 
+int FaultyFileSystem::writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                                          std::optional<uint32_t> mode) {
+    if (writeError == 0) return LinuxFileSystem::writeFileAtomically(path, bytes, mode);
+    errno = writeError;
+    return -1;
+}
+
 }  // namespace qvl::testing
