@@ -120,6 +120,7 @@ class QVLHOperations {
     bool openToAll(const Place& place, const std::string& path);
     bool nvramReachable();
     bool ensureManifestLoaded();
+    UniqueFd openStagingRoot(const std::string& root);
     std::optional<std::shared_ptr<const plist::Dictionary>> selectBackups(const char* operation,
                                                                           ItemRange range);
 

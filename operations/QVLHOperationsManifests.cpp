@@ -108,10 +108,12 @@ bool QVLHOperations::createDeviceManifest(const std::string& path, bool forBacku
     if (!ensureManifestLoaded()) return false;
     QVLLog("Will create device manifest from root %@, backup? %d, range [%d..%lld)", path, forBackup ? 1 : 0,
            range.location, static_cast<long long>(range.location) + range.length);
-    // A walk relative to the helper's working folder would record some
-    // other tree than the client meant.
-    if (!forBackup && !path.starts_with("/")) {
-        QVLLog("%s: %@ is not an absolute path.", kCreateDeviceManifestName, path);
+    // The device manifest is readable by "mobile" and holds digests and
+    // attributes: a folder is recorded only where a client may act, reached
+    // without a link or ".." on the way.
+    if (!forBackup && !pathIsConfined(path)) {
+        QVLLog("%s: %@ is refused: it is not a folder below /private/var reached without a link.",
+               kCreateDeviceManifestName, path);
         return false;
     }
     QVLManifest manifest(files_);
@@ -176,6 +178,20 @@ bool QVLHOperations::restoreAppDataAttributesUnder(const std::string& root, cons
     return restoreAttributesUnder(root, manifest);
 }
 
+// The staging root is a client's path: confined like every other one, and
+// the folder itself never a link.
+UniqueFd QVLHOperations::openStagingRoot(const std::string& root) {
+    Place place;
+    const int err = confine(kRestoreUnderName, root, false, &place);
+    if (err == kRefused) return UniqueFd();
+    UniqueFd folder = err == 0 ? files_.openFolderAt(place.parent.get(), place.name, false, 0) : UniqueFd();
+    if (!folder.valid()) {
+        QVLLog("%s: Cannot open the staging folder %@ - %@", kRestoreUnderName, root,
+               std::strerror(err != 0 ? err : errno));
+    }
+    return folder;
+}
+
 // Every target is reached below the root without following a link on the
 // way, and a link that is itself a target is restored as the link: whatever
 // a manifest's keys hold, nothing outside the root can be changed.
@@ -190,9 +206,12 @@ bool QVLHOperations::restoreAttributesUnder(const std::string& root, const QVLMa
         const std::optional<QVLFileMetadata> record = manifest.metadataForFile(key);
         if (!record) return false;
         const std::string target = targetPath(root, key);
-        if (!rootFolder.valid()) rootFolder = files_.openFolder(root);
+        if (!rootFolder.valid()) {
+            rootFolder = openStagingRoot(root);
+            if (!rootFolder.valid()) return false;
+        }
         platform::ItemBeneath item;
-        if (!rootFolder.valid() || files_.openItemBeneath(rootFolder.get(), key, &item) != 0) {
+        if (files_.openItemBeneath(rootFolder.get(), key, &item) != 0) {
             QVLLog("%s: Cannot reach %@ below %@ - %@", kRestoreUnderName, target, root,
                    std::strerror(errno));
             return false;
