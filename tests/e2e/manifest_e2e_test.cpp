@@ -87,9 +87,14 @@ class ManifestE2ETest : public ::testing::Test {
         fs::create_directories(host("/private/var/QVLWorkContainer"));
     }
     std::string host(const std::string& path) const { return sandbox.host(path); }
-    void make(const std::string& path, const std::string& content = "x") {
-        fs::create_directories(fs::path(host(path)).parent_path());
-        testing::writeText(host(path), content);
+    // Files (holding their own name) and, for "path>target", links.
+    void make(const Lines& items) {
+        for (const std::string& item : items) {
+            const std::string path = item.substr(0, item.find('>'));
+            fs::create_directories(fs::path(host(path)).parent_path());
+            if (path == item) testing::writeText(host(path), fs::path(path).filename().string());
+            if (path != item) fs::create_symlink(item.substr(path.size() + 1), host(path));
+        }
     }
     void place(const std::string& signedFile) {
         fs::remove(host(kSigned));
@@ -121,10 +126,9 @@ class ManifestE2ETest : public ::testing::Test {
         return testing::readText(sandbox.socketDirectory() + "/com.ostrel.quorvaledhelper.transactions");
     }
     Lines deviceManifestKeys() const {
-        const auto value = plist::read(testing::readText(host(kDevice)));
         Lines keys;
-        if (value && value->asDictionary())
-            for (const auto& entry : *value->asDictionary()) keys.push_back(entry.first);
+        const auto value = plist::read(testing::readText(host(kDevice)));
+        for (const auto& entry : *value->asDictionary()) keys.push_back(entry.first);
         std::sort(keys.begin(), keys.end());
         return keys;
     }
@@ -156,10 +160,7 @@ TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
         {[&] { ASSERT_EQ(::mkfifo(host(kSigned).c_str(), 0666), 0); },  // must not block
          {"restoreBackupAttributes:", "StagingRootPath=/s", "Location=0", "Length=1"},
          unreadable + "Invalid argument(0x"},
-        {[&] {
-             fs::remove(host(kSigned));
-             fs::create_symlink(good, host(kSigned));
-         },
+        {[&] { fs::remove(host(kSigned)), make({kSigned + ">" + good}); },
          {"restoreAppDataAttributes:", "StagingRootPath=/s", "ContentType=AppData",
           "Identifier=com.demo.bare"},
          unreadable + "Too many levels of symbolic links(0x"},
@@ -184,7 +185,7 @@ TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
     // Loaded once, then kept: a replaced file is never read again, and a bare
     // entry restores as a wrapped one does.
     place(good);
-    make("/private/var/tmp/app/d");
+    make({"/private/var/tmp/app/d"});
     const Lines wrapped = {"restoreAppDataAttributes:", "StagingRootPath=/private/var/tmp/app",
                            "ContentType=AppData", "Identifier=com.demo.wrapped"};
     EXPECT_EQ(run(wrapped).first, 0);
@@ -207,7 +208,7 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
     for (const char* skipped : {"/var/mobile/Containers/x", "/var/containers/x", "/var/mobile/Applications/x",
                                 "/var/mobile/DravoBuiltProducts/x"}) {
         late.set(skipped, record());
-        make("/private" + std::string(skipped));
+        make({"/private" + std::string(skipped)});
     }
     const Dictionary data = files({{"/Documents/d", restorable("NSFileTypeRegular", 0600)}});
     place(sign(recipes.root(), 5,
@@ -224,23 +225,17 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
                 {"GroupData", "group.com.demo", data},
                 {"ExtensionData", "com.demo.app.widget", data}},
                {"backup.Base", "backup.Extra", "app.com.demo.app", "backup.Late"}));
-    for (const char* name : {"a.jpg", "b.jpg", "other.jpg"}) make("/private" + dcim + "/" + name, name);
-    make("/private/var/db/demo/late");
-    make("/private/var/tmp/outside/Media/DCIM/a.jpg");
-    for (const std::string& at : Lines{"/private/var/db/demo/link", stage + "/var/db/demo/link"}) {
-        fs::create_directories(fs::path(host(at)).parent_path());
-        fs::create_symlink("/private/var/tmp/outside/Media/DCIM/a.jpg", host(at));
-    }
-    make(stage + dcim + "/a.jpg");
-    make(stage + dcim + "/b.jpg");
-    // Staging trees with a link on the way to their records, or as themselves.
-    fs::create_directories(host("/private/var/tmp/trap/var/mobile"));
-    fs::create_symlink("/private/var/tmp/outside/Media", host("/private/var/tmp/trap/var/mobile/Media"));
-    fs::create_symlink("/private/var/tmp/stage", host("/private/var/tmp/linked"));
+    const std::string outside = "/private/var/tmp/outside/Media/DCIM/a.jpg";
+    // Staging trees with a link on the way to their records ("trap"), or as themselves ("linked").
+    make({"/private" + dcim + "/a.jpg", "/private" + dcim + "/b.jpg", "/private" + dcim + "/other.jpg",
+          "/private/var/db/demo/late", outside, "/private/var/db/demo/link>" + outside,
+          stage + "/var/db/demo/link>" + outside, stage + dcim + "/a.jpg", stage + dcim + "/b.jpg",
+          "/private/var/tmp/trap/var/mobile/Media>/private/var/tmp/outside/Media",
+          "/private/var/tmp/linked>" + stage});
     const Lines containers = {"AppData/com.demo.app", "GroupData/group.com.demo",
                               "ExtensionData/com.demo.app.widget", "PluginData/com.demo.app",
                               "AppData/com.demo.missing"};
-    for (const std::string& c : containers) make("/private/var/tmp/" + c + "/Documents/d");
+    for (const std::string& c : containers) make({"/private/var/tmp/" + c + "/Documents/d"});
     const std::string created = "Device manifest created (for /)", create = "createDeviceManifest:";
     const std::string backup = "restoreBackupAttributes:", app = "restoreAppDataAttributes:";
     const struct {
@@ -318,10 +313,9 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
     EXPECT_EQ(xattr(stage + dcim + "/a.jpg", "user.demo"), "1");
     EXPECT_EQ(xattr(stage + dcim + "/a.jpg", "trusted.ostrel.protection-class"), "NSFileProtectionComplete");
     EXPECT_EQ(owner(stage + "/var/db/demo/link"), 501u);
-    for (const char* outside :
-         {"/private/var/tmp/outside/Media/DCIM/a.jpg", "/private/var/tmp/outside/Media/DCIM"}) {
-        EXPECT_EQ(owner(outside), 0u) << outside;
-        EXPECT_NE(mode(outside), 0600u) << outside;
+    for (const std::string& item : {outside, fs::path(outside).parent_path().string()}) {
+        EXPECT_EQ(owner(item), 0u) << item;
+        EXPECT_NE(mode(item), 0600u) << item;
     }
 }
 
