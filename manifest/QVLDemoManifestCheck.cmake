@@ -5,5 +5,4 @@ target_link_libraries(qvl_manifest_check PUBLIC qvl_plist qvl_base qvl_whitelist
 if(TARGET qvl_manifest)
   target_link_libraries(qvl_manifest PUBLIC qvl_manifest_check)
 endif()
-qvl_add_test(qvl_manifest_check_test SOURCES QVLDemoManifestCheck_test.cpp QVLSignedManifestTestSupport.cpp
-             LIBS qvl_manifest)
+qvl_add_test(qvl_manifest_check_test SOURCES QVLDemoManifestCheck_test.cpp LIBS qvl_manifest qvl_test_support)

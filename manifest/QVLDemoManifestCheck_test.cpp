@@ -21,29 +21,26 @@ const std::string kIconState = "/var/mobile/Library/Tessaro/IconState.plist";
 constexpr const char *kRegular = "NSFileTypeRegular", *kDirectory = "NSFileTypeDirectory";
 
 Dictionary component(const char* checkType, const Dictionary& manifest = {}) {
-    return files({{"Manifest", manifest}, {"RigorousCheckType", checkType}});
+    return dict({{"Manifest", manifest}, {"RigorousCheckType", checkType}});
 }
 
 Dictionary link(const std::string& target) {
     return record("NSFileTypeSymbolicLink", 0755, target);
 }
 
-class FakeContainers : public platform::ContainerLookup {
-  public:
+// Containers that all exist (excluded from backup as the test says) and code
+// signatures of the status the test sets, every path validated recorded.
+struct FakePlatform : platform::ContainerLookup, platform::CodeSignatureValidator {
     std::optional<platform::ContainerInfo> containerPath(std::string_view id,
                                                          platform::ContainerClass) override {
         return platform::ContainerInfo{"/containers/" + std::string(id), true};
     }
     std::optional<bool> excludedFromBackup(const std::string&) override { return excluded; }
-    bool excluded = false;
-};
-
-class FakeCodeSignature : public platform::CodeSignatureValidator {
-  public:
     int validateCodeSignature(const std::string& path) override {
         validated.push_back(path);
         return status;
     }
+    bool excluded = false;
     int status = platform::kCodeSignatureValid;
     std::vector<std::string> validated;
 };
@@ -51,7 +48,7 @@ class FakeCodeSignature : public platform::CodeSignatureValidator {
 class QVLDemoManifestCheckTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        checker_ = QVLDemoManifestCheck::create({&containers_, &codeSignature_, &center_});
+        checker_ = QVLDemoManifestCheck::create({&platform_, &platform_, &center_});
         ASSERT_TRUE(checker_);
     }
     bool checkFiles(const char* section, const Dictionary& manifest) {
@@ -62,8 +59,7 @@ class QVLDemoManifestCheckTest : public ::testing::Test {
         return checker_->secureManifestCheckForSegmentedManifest(&manifest);
     }
 
-    FakeContainers containers_;
-    FakeCodeSignature codeSignature_;
+    FakePlatform platform_;
     platform::QVLNotificationCenter center_;
     std::unique_ptr<QVLDemoManifestCheck> checker_;
 };
@@ -80,7 +76,7 @@ TEST_F(QVLDemoManifestCheckTest, GeneralFileChecks) {
     noTarget.erase("QVLManifestSymbolicLinkTargetFile");
     const std::string annotation = "NotRestored";
     annotated.set("QVLManifestFileExtendedAttributes",
-                  files({{"MBRestoreAnnotation", plist::Data(annotation.begin(), annotation.end())}}));
+                  dict({{"MBRestoreAnnotation", plist::Data(annotation.begin(), annotation.end())}}));
     const struct {
         const char* section;
         std::string path;
@@ -127,35 +123,35 @@ TEST_F(QVLDemoManifestCheckTest, GeneralFileChecks) {
         if (const size_t at = line.find("{}"); at != std::string::npos) line.replace(at, 2, c.path);
         SCOPED_TRACE(std::string(c.section) + " " + c.path + " " + line);
         QVLLogCapture capture;
-        EXPECT_EQ(checkFiles(c.section, files({{c.path, c.record}})), line.empty());
+        EXPECT_EQ(checkFiles(c.section, dict({{c.path, c.record}})), line.empty());
         if (!line.empty()) {
             EXPECT_TRUE(capture.contains(line));
         }
     }
-    containers_.excluded = true;
+    platform_.excluded = true;
     QVLLogCapture capture;
-    EXPECT_FALSE(checkFiles("Backup", files({{top, record(kDirectory, 0755)}})));
+    EXPECT_FALSE(checkFiles("Backup", dict({{top, record(kDirectory, 0755)}})));
     EXPECT_TRUE(capture.contains("System container check failed for file:" + top));
-    EXPECT_TRUE(checkFiles("AppData", files({{top, record(kDirectory, 0755)}})));
-    EXPECT_FALSE(checkFiles("GroupData", files({{"/Library/l", link("/")}, {"/Library/l/x", record()}})));
+    EXPECT_TRUE(checkFiles("AppData", dict({{top, record(kDirectory, 0755)}})));
+    EXPECT_FALSE(checkFiles("GroupData", dict({{"/Library/l", link("/")}, {"/Library/l/x", record()}})));
     EXPECT_TRUE(capture.contains("File /Library/l/x lies below the symbolic link /Library/l"));
-    EXPECT_TRUE(checkFiles("GroupData", files({{"/Library/l", link("/")}, {"/Library/lx", record()}})));
+    EXPECT_TRUE(checkFiles("GroupData", dict({{"/Library/l", link("/")}, {"/Library/lx", record()}})));
 
     // A file manifest or record of the wrong kind fails; a missing or empty one passes.
     const Value notAManifest("files");
     EXPECT_FALSE(checker_->runSecurityChecksForSection(&notAManifest, "AppData"));
-    EXPECT_FALSE(checkFiles("AppData", files({{"/x", "record"}})));
+    EXPECT_FALSE(checkFiles("AppData", dict({{"/x", "record"}})));
     EXPECT_TRUE(checkFiles("Backup", Dictionary()));
     EXPECT_TRUE(checker_->runSecurityChecksForSection(nullptr, "Backup"));
 }
 
 TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
     QVLLogCapture capture;
-    const auto appData = files({{"com.example.ok", component("Skip")},
-                                {"com.example.bad", component("Strict")},
-                                {"com.example.never", component("Also bad")}});
+    const auto appData = dict({{"com.example.ok", component("Skip")},
+                               {"com.example.bad", component("Strict")},
+                               {"com.example.never", component("Also bad")}});
     EXPECT_FALSE(checkSegmented(
-        files({{"App", files({{"com.example.app", component("Bogus")}})}, {"AppData", appData}})));
+        dict({{"App", dict({{"com.example.app", component("Bogus")}})}, {"AppData", appData}})));
     EXPECT_EQ(
         capture.lines(),
         (std::vector<std::string>{
@@ -169,25 +165,23 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
     EXPECT_EQ(center_.observerCount(), 0u);
 
     capture.clear();
-    EXPECT_TRUE(checkSegmented(files(
-        {{"AppData", files({{"com.example.ok", component("Skip")}})},
-         {"Backup", files({{"backup.A", component("Default", fileManifest({"/var/mobile/Media/x"}))}})}})));
+    EXPECT_TRUE(checkSegmented(dict(
+        {{"AppData", dict({{"com.example.ok", component("Skip")}})},
+         {"Backup", dict({{"backup.A", component("Default", fileManifest({"/var/mobile/Media/x"}))}})}})));
     EXPECT_EQ(capture.lines(),
               (std::vector<std::string>{
                   "Starting rigorous security checks\n",
                   kRun + ":Cleared all checks for manifest. Approving future installations\n",
               }));
     EXPECT_EQ(center_.observerCount(), 1u);
-    EXPECT_EQ(QVLDemoManifestCheck::sharedInstance(), QVLDemoManifestCheck::sharedInstance());  // made once
-    EXPECT_NE(QVLDemoManifestCheck::sharedInstance(), nullptr);
 
     // Nothing checked, or parts of the wrong kind, fail.
     EXPECT_FALSE(checkSegmented(
-        files({{"App", files({{"com.example.app", component("Skip")}})}, {"Backup", Dictionary()}})));
+        dict({{"App", dict({{"com.example.app", component("Skip")}})}, {"Backup", Dictionary()}})));
     EXPECT_FALSE(checkSegmented(Dictionary()));
-    EXPECT_FALSE(checkSegmented(files({{"ExtensionData", files({{"group.x", "not a component"}})}})));
+    EXPECT_FALSE(checkSegmented(dict({{"ExtensionData", dict({{"group.x", "not a component"}})}})));
     EXPECT_TRUE(capture.contains(kRun + ": Failed rigorous check for:group.x (from ExtensionData)\n"));
-    EXPECT_FALSE(checkSegmented(files({{"AppData", Array{}}})));
+    EXPECT_FALSE(checkSegmented(dict({{"AppData", Array{}}})));
     EXPECT_TRUE(capture.contains(kRun + ": AppData section is not a dictionary"));
     EXPECT_FALSE(checker_->secureManifestCheckForSegmentedManifest(std::shared_ptr<const Dictionary>()));
     EXPECT_FALSE(checker_->secureManifestCheckForUnsegmentedManifest(nullptr));
@@ -199,22 +193,22 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
 
 TEST_F(QVLDemoManifestCheckTest, MonolithicManifestsAreConvertedOnACopy) {
     const auto wrapped =
-        files({{"Manifest", fileManifest({"/Documents/a"})}, {"CFBundleShortVersionString", "2.1"}});
+        dict({{"Manifest", fileManifest({"/Documents/a"})}, {"CFBundleShortVersionString", "2.1"}});
     Dictionary raw =
-        files({{"Version", 2},
-               {"AppData",
-                files({{"com.example.app", wrapped}, {"com.example.bare", fileManifest({"/Documents/b"})}})},
-               {"GroupData", files({{"group.empty", Dictionary()}, {"group.full", fileManifest({"/g"})}})},
-               {"Backup", fileManifest({"/var/mobile/Media/m"})},
-               {"InstallationOrder", Array{Value("whatever")}}});
+        dict({{"Version", 2},
+              {"AppData",
+               dict({{"com.example.app", wrapped}, {"com.example.bare", fileManifest({"/Documents/b"})}})},
+              {"GroupData", dict({{"group.empty", Dictionary()}, {"group.full", fileManifest({"/g"})}})},
+              {"Backup", fileManifest({"/var/mobile/Media/m"})},
+              {"InstallationOrder", Array{Value("whatever")}}});
     // Every data entry becomes a component of the file manifest its readers use.
     Dictionary expected = raw;
     expected.set("AppData",
-                 files({{"com.example.app", component("Default", fileManifest({"/Documents/a"}))},
-                        {"com.example.bare", component("Default", fileManifest({"/Documents/b"}))}}));
-    expected.set("GroupData", files({{"group.full", component("Default", fileManifest({"/g"}))}}));
+                 dict({{"com.example.app", component("Default", fileManifest({"/Documents/a"}))},
+                       {"com.example.bare", component("Default", fileManifest({"/Documents/b"}))}}));
+    expected.set("GroupData", dict({{"group.full", component("Default", fileManifest({"/g"}))}}));
     expected.set("Backup",
-                 files({{"backup.BaseBackup", component("Default", fileManifest({"/var/mobile/Media/m"}))}}));
+                 dict({{"backup.BaseBackup", component("Default", fileManifest({"/var/mobile/Media/m"}))}}));
     expected.set("InstallationOrder", Array{Value("backup.BaseBackup"), Value("systemappdata")});
     expected.set("ExtensionData", Dictionary());
     Dictionary converted = raw;
@@ -226,12 +220,12 @@ TEST_F(QVLDemoManifestCheckTest, MonolithicManifestsAreConvertedOnACopy) {
     EXPECT_EQ(Value(*checker_->segmentedManifestWithRigorousFlag()), Value(expected));
 
     // A data section or entry of the wrong kind survives the conversion and is refused.
-    for (const Value& odd : {Value(Array{Value("group.x")}), Value(files({{"group.x", "not an entry"}}))}) {
+    for (const Value& odd : {Value(Array{Value("group.x")}), Value(dict({{"group.x", "not an entry"}}))}) {
         Dictionary spoilt = raw;
         spoilt.set("GroupData", odd);
         EXPECT_FALSE(checker_->secureManifestCheckForUnsegmentedManifest(&spoilt));
     }
-    raw.set("Backup", files({{"/var/mobile/Media/m", record(kRegular, 04755)}}));
+    raw.set("Backup", dict({{"/var/mobile/Media/m", record(kRegular, 04755)}}));
     QVLLogCapture capture;
     EXPECT_FALSE(checker_->secureManifestCheckForUnsegmentedManifest(&raw));
     EXPECT_TRUE(capture.contains(kRun + ": Failed rigorous check for:backup.BaseBackup (from Backup)\n"));
@@ -244,12 +238,12 @@ TEST_F(QVLDemoManifestCheckTest, LayoutAllowsOnlyMobileOwnedIconLayoutFiles) {
         const bool passed = checker_->runAppLayoutSecurityCheck(&v);
         return passed ? "passed" : capture.lines().empty() ? "" : capture.lines().back();
     };
-    EXPECT_EQ(layout(files({{kIconState, record()},
-                            {"/var/mobile/Library/Tessaro/DesiredIconState.plist", record()}})),
+    EXPECT_EQ(layout(dict({{kIconState, record()},
+                           {"/var/mobile/Library/Tessaro/DesiredIconState.plist", record()}})),
               "passed");
     const std::string other = "/var/mobile/Library/Preferences/x.plist";
-    for (const auto& manifest : {files({{kIconState, record()}, {other, record()}}),
-                                 files({{other, record()}, {kIconState, record()}})})
+    for (const auto& manifest : {dict({{kIconState, record()}, {other, record()}}),
+                                 dict({{other, record()}, {kIconState, record()}})})
         EXPECT_EQ(layout(manifest), other + " is not allowed in Vantor signed component.");
     EXPECT_EQ(layout(Dictionary()), "");
     EXPECT_FALSE(checker_->runAppLayoutSecurityCheck(nullptr));
@@ -284,15 +278,15 @@ TEST_F(QVLDemoManifestCheckTest, LayoutAllowsOnlyMobileOwnedIconLayoutFiles) {
     };
     for (const auto& c : cases) {
         const bool full = c.logLine.starts_with("Vantor");
-        EXPECT_EQ(layout(files({{kIconState, c.record}})),
+        EXPECT_EQ(layout(dict({{kIconState, c.record}})),
                   full ? c.logLine
                        : "Vantor signed compoennt in wrong format (" + c.logLine + ") for " + kIconState);
     }
     // A Vantor component is checked by layout within the whole check.
     EXPECT_TRUE(checkSegmented(
-        files({{"Backup", files({{"b", component("AppLayout", files({{kIconState, record()}}))}})}})));
-    EXPECT_FALSE(checkSegmented(files(
-        {{"Backup", files({{"b", component("AppLayout", files({{kIconState, record(kDirectory)}}))}})}})));
+        dict({{"Backup", dict({{"b", component("AppLayout", dict({{kIconState, record()}}))}})}})));
+    EXPECT_FALSE(checkSegmented(
+        dict({{"Backup", dict({{"b", component("AppLayout", dict({{kIconState, record(kDirectory)}}))}})}})));
 }
 
 class EntitlementTest : public QVLDemoManifestCheckTest {
@@ -301,23 +295,23 @@ class EntitlementTest : public QVLDemoManifestCheckTest {
     void SetUp() override {
         QVLDemoManifestCheckTest::SetUp();
         checker_->setSegmentedManifestWithRigorousFlag(std::make_shared<const Dictionary>(
-            files({{"InstallationOrder",
-                    Array{Value("backup.B0"), Value("backup.B1"), Value("backup.B2"), Value("backup.B3")}},
-                   {"Backup", files({{"backup.B0", component("Default", fileManifest({"/first"}))},
-                                     {"backup.B1", component("Skip", fileManifest({"/shared"}))},
-                                     {"backup.B2", component("Skip", fileManifest({"/other"}))},
-                                     {"backup.B3", component("Default", fileManifest({"/shared"}))}})},
-                   {"AppData", files({{"com.example.checked", component("Default", fileManifest({"/bin"}))},
-                                      {"com.example.trusted", component("Skip")}})}})));
+            dict({{"InstallationOrder",
+                   Array{Value("backup.B0"), Value("backup.B1"), Value("backup.B2"), Value("backup.B3")}},
+                  {"Backup", dict({{"backup.B0", component("Default", fileManifest({"/first"}))},
+                                   {"backup.B1", component("Skip", fileManifest({"/shared"}))},
+                                   {"backup.B2", component("Skip", fileManifest({"/other"}))},
+                                   {"backup.B3", component("Default", fileManifest({"/shared"}))}})},
+                  {"AppData", dict({{"com.example.checked", component("Default", fileManifest({"/bin"}))},
+                                    {"com.example.trusted", component("Skip")}})}})));
         checker_->registerEntitlementNotificationHandler();
     }
     void announce(const char* type, Value identifier) {
         center_.post(
             "CheckEntitlementsNotify",
-            std::make_shared<const Dictionary>(files({{"TypeOfFiles", type}, {"Identifier", identifier}})));
+            std::make_shared<const Dictionary>(dict({{"TypeOfFiles", type}, {"Identifier", identifier}})));
     }
     static Value range(int64_t location, int64_t length) {
-        return files({{"location", location}, {"length", length}});
+        return dict({{"location", location}, {"length", length}});
     }
     bool check(const std::string& entry) {
         return checker_->checkFileForEntitlements("/device" + entry, entry);
@@ -326,25 +320,25 @@ class EntitlementTest : public QVLDemoManifestCheckTest {
 
 TEST_F(EntitlementTest, LatestBackupHoldingTheFileDecides) {
     EXPECT_TRUE(check("/first"));  // nothing announced yet
-    EXPECT_TRUE(codeSignature_.validated.empty());
+    EXPECT_TRUE(platform_.validated.empty());
     QVLLogCapture capture;
     announce("Backup", range(2, 2));
     EXPECT_TRUE(
         capture.containsPrefix("Notification received for entitlement check for: CheckEntitlementsNotify "));
     EXPECT_FALSE(check("/shared"));  // 3 decides
-    EXPECT_EQ(codeSignature_.validated, std::vector<std::string>{"/device/shared"});
+    EXPECT_EQ(platform_.validated, std::vector<std::string>{"/device/shared"});
     EXPECT_TRUE(
         capture.contains(kEntitlements + ":There is unexpected valid signature/entitlements:00000000\n"));
     EXPECT_FALSE(check("/first"));  // only in 0, before the range: still judged by it
     EXPECT_TRUE(check("/other"));   // "Skip": no validation
-    EXPECT_EQ(codeSignature_.validated.size(), 2u);
+    EXPECT_EQ(platform_.validated.size(), 2u);
     announce("Backup", Array{Value(1), Value(1)});  // a range as an array: now 1 decides
     EXPECT_TRUE(check("/shared"));
     EXPECT_FALSE(check("/nowhere"));
     EXPECT_TRUE(capture.contains("Could not locate the file:/nowhere\n"));
     // "Not found" ranges and ranges past the order look from the last item down.
     announce("Backup", range(2147483647, 0));
-    codeSignature_.status = platform::kCodeSignatureUnsigned;
+    platform_.status = platform::kCodeSignatureUnsigned;
     EXPECT_TRUE(check("/first"));
     for (const Value& bad : {range(0, 0), Value("not a range")}) {
         announce("Backup", bad);
@@ -358,7 +352,7 @@ TEST_F(EntitlementTest, DataContainersDecideByTheirCheckType) {
     EXPECT_FALSE(check("/bin"));
     announce("AppData", "com.example.trusted");
     EXPECT_TRUE(check("/bin"));
-    EXPECT_EQ(codeSignature_.validated.size(), 1u);
+    EXPECT_EQ(platform_.validated.size(), 1u);
     announce("AppData", "com.example.missing");
     EXPECT_FALSE(check("/bin"));
     EXPECT_TRUE(capture.contains(kEntitlements + " Could not find a data container for:com.example.missing"));
@@ -367,7 +361,7 @@ TEST_F(EntitlementTest, DataContainersDecideByTheirCheckType) {
     EXPECT_TRUE(capture.contains(kEntitlements + ": GroupData section is not a dictionary"));
 
     // Each passing check adds an observer; a checker that goes away takes them along.
-    ASSERT_TRUE(checkSegmented(files({{"AppData", files({{"com.example.trusted", component("Skip")}})}})));
+    ASSERT_TRUE(checkSegmented(dict({{"AppData", dict({{"com.example.trusted", component("Skip")}})}})));
     capture.clear();
     announce("AppData", "com.example.trusted");
     EXPECT_EQ(capture.lines().size(), 2u);

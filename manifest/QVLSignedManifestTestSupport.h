@@ -1,9 +1,12 @@
 // Helpers for the signed-manifest and content-check tests: the development
-// PKI's identities, a device whose signing fuse the test sets, recording
-// content checks, file records and builders of signed manifests.
+// PKI's identities, a device whose signing fuse the test sets, content checks
+// that record their calls, file records and builders of signed manifests.
 #pragma once
 
+#include <cstdlib>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -13,15 +16,27 @@
 #include "manifest/QVLSignedManifest.h"
 #include "platform/deviceinfo/DeviceInfo.h"
 #include "platform/trust/TrustService.h"
+#include "plist/PropertyList.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl::testing {
 
 using plist::Dictionary;
 using plist::Value;
 
-std::string pkiPath(const std::string& name);
 // "<signer>-chain.pem" and "<signer>.key" of the development PKI, loaded once.
-const QVLManifestSigner::Identity& identity(const std::string& signer);
+inline const QVLManifestSigner::Identity& identity(const std::string& signer) {
+    static std::mutex lock;
+    static std::map<std::string, QVLManifestSigner::Identity> loaded;
+    std::lock_guard<std::mutex> guard(lock);
+    auto found = loaded.find(signer);
+    if (found == loaded.end()) {
+        auto made = QVLManifestSigner::loadIdentity(pkiPath(signer + "-chain.pem"), pkiPath(signer + ".key"));
+        if (!made) abort();
+        found = loaded.emplace(signer, std::move(*made)).first;
+    }
+    return found->second;
+}
 
 // Everything a load needs, with content checks that record their calls.
 struct TestEnvironment : platform::DeviceInfo {
@@ -30,24 +45,88 @@ struct TestEnvironment : platform::DeviceInfo {
     bool checksPass = true;
     int segmentedChecks = 0, unsegmentedChecks = 0;
     std::shared_ptr<const Dictionary> lastChecked;
-    std::optional<Value> copyAnswer(std::string_view question) const override;
-    QVLSignedManifest::Services services();
+
+    std::optional<Value> copyAnswer(std::string_view question) const override {
+        return question == "SigningFuse" && fuse ? std::optional(Value(*fuse)) : std::nullopt;
+    }
+    QVLSignedManifest::Services services() {
+        QVLSignedManifest::Services s;
+        s.trust = &trust;
+        s.deviceInfo = this;
+        s.manifestVerifier.segmented = [this](std::shared_ptr<const Dictionary> manifest) {
+            ++segmentedChecks;
+            lastChecked = std::move(manifest);
+            return checksPass;
+        };
+        s.manifestVerifier.unsegmented = [this](const Dictionary&) {
+            return ++unsegmentedChecks, checksPass;
+        };
+        return s;
+    }
 };
 
 // A file record as the device manifest writes it, owned by mobile (501).
-Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644, std::string target = "");
+inline Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644,
+                         std::string target = "") {
+    return dict({{"QVLManifestFileAttributes", dict({{"NSFileType", type},
+                                                     {"NSFilePosixPermissions", mode},
+                                                     {"NSFileOwnerAccountID", 501},
+                                                     {"NSFileGroupOwnerAccountID", 501},
+                                                     {"NSFileOwnerAccountName", "mobile"},
+                                                     {"NSFileGroupOwnerAccountName", "mobile"}})},
+                 {"QVLManifestFileExtendedAttributes", Dictionary()},
+                 {"QVLManifestFileHash", plist::Data(20, 0xab)},
+                 {"QVLManifestSymbolicLinkTargetFile", target}});
+}
+
+inline Dictionary& sub(Dictionary& d, const std::string& key) {
+    return *d.find(key)->asDictionary();
+}
+
 // `r` with the attribute `key` set, or removed when `value` is nullopt.
-Dictionary withAttribute(Dictionary r, std::string_view key, std::optional<Value> value);
-Dictionary files(std::initializer_list<std::pair<std::string, Value>> entries);
-Dictionary fileManifest(const std::vector<std::string>& paths);  // regular files
-Dictionary& sub(Dictionary& d, const std::string& key);
+inline Dictionary withAttribute(Dictionary r, std::string_view key, std::optional<Value> value) {
+    Dictionary& attributes = sub(r, "QVLManifestFileAttributes");
+    if (value)
+        attributes.set(std::string(key), std::move(*value));
+    else
+        attributes.erase(key);
+    return r;
+}
+
+// Regular files at `paths`.
+inline Dictionary fileManifest(const std::vector<std::string>& paths) {
+    Dictionary d;
+    for (const auto& path : paths) d.set(path, record());
+    return d;
+}
 
 // A component holding `manifest`, signed under `name` by `signer`, naming certificate "Main".
-Value signedComponent(const std::string& name, const std::string& signer, const Value& manifest);
+inline Value signedComponent(const std::string& name, const std::string& signer, const Value& manifest) {
+    Dictionary component = dict({{"Manifest", manifest}});
+    if (!QVLManifestSigner::signComponent(component, name, "Main", identity(signer))) abort();
+    return component;
+}
+
 // A version 5 manifest: certificate "Main" of `signer`, one base backup of `backup`.
-Dictionary segmented(const std::string& signer, std::optional<std::string> type = std::nullopt,
-                     const Dictionary& backup = fileManifest({"/var/mobile/Media/a", "/var/mobile/Media/b"}));
+inline Dictionary segmented(const std::string& signer, std::optional<std::string> type = std::nullopt,
+                            const Dictionary& backup = fileManifest({"/var/mobile/Media/a",
+                                                                     "/var/mobile/Media/b"})) {
+    Dictionary main = dict({{"Certificate", identity(signer).chain}});
+    if (type) main.set("TypeOfSignature", *type);
+    return dict(
+        {{"Version", 5},
+         {"Certificates", dict({{"Main", main}})},
+         {"Info", dict({{"Name", "Store demo"}})},
+         {"InstallationOrder", plist::Array{Value("backup.BaseBackup")}},
+         {"Backup", dict({{"backup.BaseBackup", signedComponent("backup.BaseBackup", signer, backup)}})}});
+}
+
 // Serializes and loads.
-std::unique_ptr<QVLSignedManifest> load(const Dictionary& outer, const QVLSignedManifest::Services& services);
+inline std::unique_ptr<QVLSignedManifest> load(const Dictionary& outer,
+                                               const QVLSignedManifest::Services& services) {
+    const std::string bytes = plist::writeBinary(Value(outer));
+    return QVLSignedManifest::loadFromBytes({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()},
+                                            services);
+}
 
 }  // namespace qvl::testing

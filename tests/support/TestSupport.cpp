@@ -5,9 +5,11 @@
 #include <openssl/evp.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -30,6 +32,17 @@ int liftFlagAndRemove(const char* path, const struct stat* st, int, FTW*) {
 std::string made(const std::string& path, int rc, const char* what) {
     if (rc != 0) throw std::runtime_error(std::string(what) + " " + path + ": " + std::strerror(errno));
     return path;
+}
+
+// The standard output of `command`, and its wait status in *status.
+std::string pipeOutput(const std::string& command, int* status) {
+    std::string output;
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (!pipe) return output;
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) output.append(buffer, n);
+    *status = ::pclose(pipe);
+    return output;
 }
 
 }  // namespace
@@ -106,13 +119,37 @@ plist::Data sha1Of(const std::string& bytes) {
 }
 
 std::string commandOutput(const std::string& command) {
-    std::string output;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return output;
-    char buffer[4096];
-    for (size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;) output.append(buffer, n);
-    ::pclose(pipe);
-    return output;
+    int status = 0;
+    return pipeOutput(command, &status);
+}
+
+ToolRun runTool(const std::string& commandLine) {
+    ToolRun run;
+    char errPath[] = "/tmp/qvl-tool-stderr-XXXXXX";
+    const int errFd = ::mkstemp(errPath);
+    if (errFd < 0) return run;
+    ::close(errFd);
+    int status = -1;
+    run.out = pipeOutput("(" + commandLine + ") 2>" + errPath + " </dev/null", &status);
+    run.status = status != -1 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    run.err = readText(errPath);
+    ::unlink(errPath);
+    return run;
+}
+
+plist::Dictionary dict(std::initializer_list<std::pair<std::string, plist::Value>> entries) {
+    plist::Dictionary d;
+    for (const auto& [key, value] : entries) d.set(key, value);
+    return d;
+}
+
+std::string sourcePath(const std::string& relative) {
+    const char* dir = std::getenv("QVL_SOURCE_DIR");
+    return std::string(dir ? dir : ".") + "/" + relative;
+}
+
+std::string pkiPath(const std::string& name) {
+    return sourcePath("pki/out/" + name);
 }
 
 void setUserAttribute(const std::string& path, const std::string& name, const std::string& value) {

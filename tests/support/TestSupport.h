@@ -1,13 +1,17 @@
 // TestSupport: fixtures shared by the tests: a temporary tree on a disk file
 // system (user extended attributes need one), small file helpers, the SHA-1
-// of bytes, running a command for a cross-check, and whether the test runs
-// inside the device sandbox.
+// of bytes, a dictionary built in one expression, running a command (a tool
+// under test, or another for a cross-check), the source tree's files, and
+// whether the test runs inside the device sandbox.
 #pragma once
 
 #include <sys/stat.h>
 #include <sys/types.h>
 
+#include <initializer_list>
 #include <string>
+#include <string_view>
+#include <utility>
 
 #include "plist/PlistValue.h"
 
@@ -45,6 +49,23 @@ void writeText(const std::string& path, const std::string& text);
 plist::Data sha1Of(const std::string& bytes);
 // Runs a shell command and returns its standard output.
 std::string commandOutput(const std::string& command);
+
+// How a program run by a test ended and what it printed.
+struct ToolRun {
+    int status = -1;  // exit status, or -1 when it did not exit
+    std::string out, err;
+    bool says(std::string_view text) const { return out.find(text) != std::string::npos; }
+    bool logs(std::string_view text) const { return err.find(text) != std::string::npos; }
+};
+// Runs a shell command line with its input from /dev/null.
+ToolRun runTool(const std::string& commandLine);
+
+// The dictionary of `entries`, in their order.
+plist::Dictionary dict(std::initializer_list<std::pair<std::string, plist::Value>> entries);
+// A file of the source tree under test, and one of its development PKI (pki/out/).
+std::string sourcePath(const std::string& relative);
+std::string pkiPath(const std::string& name);
+
 void setUserAttribute(const std::string& path, const std::string& name, const std::string& value);
 // Whether this process runs inside the device sandbox (tools/qvl-sandbox),
 // where the device's fixed paths are its own to change.
