@@ -1,66 +1,42 @@
+// Files signed by the openssl command (make-test-pki and sign-file), judged
+// by the validator: each signer kind, and each way a file can be unsigned,
+// unreadable or spoilt.
 #include "platform/codesign/CodeSignature.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
+#include "tests/support/TestSupport.h"
 
 namespace qvl::platform {
 namespace {
 
-namespace fs = std::filesystem;
-
-std::string sourceDir() {
-    const char* dir = std::getenv("QVL_SOURCE_DIR");
-    return dir ? dir : ".";
-}
-
-std::string readAll(const fs::path& p) {
-    std::ifstream in(p, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-void writeAll(const fs::path& p, const std::string& bytes) {
-    std::ofstream out(p, std::ios::binary | std::ios::trunc);
-    out << bytes;
-}
+using testing::sourcePath;
 
 class CodeSignatureTest : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
-        pki_ = new fs::path(fs::temp_directory_path() / ("qvl-codesign-" + std::to_string(getpid())));
-        const std::string cmd = sourceDir() + "/platform/codesign/make-test-pki " + pki_->string();
-        ready_ = std::system(cmd.c_str()) == 0;
+        pki_ = new testing::TempTree;
+        ready_ = std::system((sourcePath("platform/codesign/make-test-pki ") + pki_->root()).c_str()) == 0;
     }
-    static void TearDownTestSuite() {
-        std::error_code ec;
-        fs::remove_all(*pki_, ec);
-        delete pki_;
-    }
+    static void TearDownTestSuite() { delete pki_; }
     void SetUp() override {
         if (!ready_) GTEST_SKIP() << "openssl could not make the test PKI";
     }
 
-    // Writes `content` to a new file and signs it with the named signer.
-    fs::path signedFile(const std::string& name, const std::string& signer, const std::string& content) {
-        const fs::path file = *pki_ / name;
-        writeAll(file, content);
-        const std::string cmd = sourceDir() + "/platform/codesign/sign-file " +
-                                (*pki_ / (signer + ".pem")).string() + " " +
-                                (*pki_ / (signer + ".key")).string() + " " + file.string();
-        EXPECT_EQ(std::system(cmd.c_str()), 0);
+    // A new file of `content`, signed by `signer`.
+    std::string signedFile(const std::string& name, const std::string& signer, const std::string& content) {
+        const std::string file = pki_->file(name, content);
+        EXPECT_EQ(std::system((sourcePath("platform/codesign/sign-file ") + pki_->path(signer + ".pem") +
+                               " " + pki_->path(signer + ".key") + " " + file)
+                                  .c_str()),
+                  0);
         return file;
     }
-    int validate(const fs::path& file) {
-        ModuleSignatureValidator validator((*pki_ / "anchors").string());
-        return validator.validateCodeSignature(file.string());
+    int validate(const std::string& file, const std::string& anchors = "anchors") {
+        return ModuleSignatureValidator(pki_->path(anchors)).validateCodeSignature(file);
     }
 
-    static inline fs::path* pki_ = nullptr;
+    static inline testing::TempTree* pki_ = nullptr;
     static inline bool ready_ = false;
 };
 
@@ -70,36 +46,32 @@ TEST_F(CodeSignatureTest, SignerJudgedByRootAndUsage) {
     EXPECT_EQ(validate(signedFile("stranger", "stranger", "binary")), kCodeSignatureUntrusted);
     // An empty file can be signed too: the signature covers zero bytes.
     EXPECT_EQ(validate(signedFile("empty", "signer", "")), kCodeSignatureValid);
-    ModuleSignatureValidator withoutAnchors((*pki_ / "no-such-folder").string());
-    EXPECT_EQ(withoutAnchors.validateCodeSignature((*pki_ / "good").string()), kCodeSignatureNoAnchors);
+    EXPECT_EQ(validate(pki_->path("good"), "no-such-folder"), kCodeSignatureNoAnchors);
 }
 
 TEST_F(CodeSignatureTest, UnsignedUnreadableChangedAndHostileFiles) {
-    const fs::path plain = *pki_ / "plain";
-    writeAll(plain, "just some bytes that are long enough to hold a trailer and a magic");
-    EXPECT_EQ(validate(plain), kCodeSignatureUnsigned);
-    writeAll(plain, "short");
-    EXPECT_EQ(validate(plain), kCodeSignatureUnsigned);
-    EXPECT_EQ(validate(*pki_ / "missing"), kCodeSignatureUnreadable);
-    EXPECT_EQ(validate(*pki_), kCodeSignatureUnreadable);  // a folder
+    EXPECT_EQ(validate(pki_->file("plain", "bytes that are long enough to hold a trailer and a magic")),
+              kCodeSignatureUnsigned);
+    EXPECT_EQ(validate(pki_->file("short", "short")), kCodeSignatureUnsigned);
+    EXPECT_EQ(validate(pki_->path("missing")), kCodeSignatureUnreadable);
+    EXPECT_EQ(validate(pki_->root()), kCodeSignatureUnreadable);  // a folder
 
-    const fs::path file = signedFile("hostile", "signer", "original content");
-    const std::string good = readAll(file);
+    const std::string file = signedFile("hostile", "signer", "original content"),
+                      good = testing::readText(file);
     const size_t trailerAt = good.size() - kModuleSignatureMagicLength - sizeof(ModuleSignatureTrailer);
     const struct {
         size_t at, count;
         char byte;
         int result;
     } spoils[] = {
-        {0, 1, 'O', kCodeSignatureBadSignature},               // the signed content changed
-        {trailerAt + 2, 1, 1, kCodeSignatureMalformed},         // an id type other than PKCS #7
-        {trailerAt + 8, 4, '\xff', kCodeSignatureMalformed},   // a signature longer than the file
-        {trailerAt + 8, 4, 0, kCodeSignatureMalformed},         // an empty signature
+        {0, 1, 'O', kCodeSignatureBadSignature},              // the signed content changed
+        {trailerAt + 2, 1, 1, kCodeSignatureMalformed},       // an id type other than PKCS #7
+        {trailerAt + 8, 4, '\xff', kCodeSignatureMalformed},  // a signature longer than the file
+        {trailerAt + 8, 4, 0, kCodeSignatureMalformed},       // an empty signature
     };
     for (const auto& spoil : spoils) {
         std::string bytes = good;
-        bytes.replace(spoil.at, spoil.count, spoil.count, spoil.byte);
-        writeAll(file, bytes);
+        testing::writeText(file, bytes.replace(spoil.at, spoil.count, spoil.count, spoil.byte));
         EXPECT_EQ(validate(file), spoil.result) << spoil.at;
     }
 }

@@ -9,12 +9,15 @@
 
 #include <cerrno>
 
+#include "tests/support/TestSupport.h"
+
 namespace qvl::platform {
 namespace {
 
 TEST(RawDisk, WriteBackHoldsASharedLockUntilClosed) {
-    char path[] = "/tmp/rawdisk-test-XXXXXX";
-    const int other = mkstemp(path);
+    testing::TempTree tree;
+    const std::string path = tree.file("disk");
+    const int other = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(other, 0);
     RawDisk& disk = RawDisk::sharedInstance();
 
@@ -34,7 +37,6 @@ TEST(RawDisk, WriteBackHoldsASharedLockUntilClosed) {
     disk.close(writer);
     EXPECT_EQ(flock(other, LOCK_EX | LOCK_NB), 0);
     close(other);
-    unlink(path);
 }
 
 }  // namespace

@@ -10,8 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/fs/LinuxFileSystem.h"
-#include "platform/fs/PropertyListFile.h"
+#include "plist/PropertyList.h"
 #include "tests/support/TestSupport.h"
 
 namespace qvl::entitlements {
@@ -35,13 +34,11 @@ class RegistryTest : public ::testing::Test {
     // entitlement at all when empty).
     void entry(const std::string& file, const char* exe, std::optional<plist::Value> uid,
                std::optional<plist::Value> value, plist::Format format = plist::Format::XML) {
-        plist::Dictionary granted, entry;
+        plist::Dictionary granted, entry = testing::dict({{"Executable", exe}});
         if (value) granted.set(kName, std::move(*value));
-        entry.set("Executable", exe);
         if (uid) entry.set("UserID", std::move(*uid));
         entry.set("Entitlements", granted);
-        ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), tree_.path(file),
-                                                    entry, format));
+        tree_.file(file, plist::write(entry, format));
     }
     std::optional<plist::Value> lookup(uid_t uid = getuid()) {
         auto task = Task::createWithAuditToken(tokenFor(getpid(), uid, kProgram), tree_.root());

@@ -7,49 +7,36 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <filesystem>
-#include <fstream>
 
-#include "platform/fs/LinuxFileSystem.h"
-#include "platform/fs/PropertyListFile.h"
+#include "plist/PropertyList.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl::platform {
 namespace {
 
 TEST(Volumes, ResizeTableAndItsAbsence) {
-    char pattern[] = "/tmp/volumes-test-XXXXXX";
-    ASSERT_TRUE(mkdtemp(pattern));
-    const std::string dir = pattern, path = dir + "/volumes.plist";
+    testing::TempTree tree;
     plist::Array table;
-    for (const char* type : {"hfs", "apfs"}) {
-        plist::Dictionary d;
-        d.set("FSTypeName", plist::Value(type));
-        d.set("MountedOn", plist::Value(std::string("/") + type));
-        d.set("Size", plist::Value(1000));
-        d.set("Used", plist::Value(400));
-        table.push_back(plist::Value(std::move(d)));
-    }
-    ASSERT_TRUE(writePropertyListFile(LinuxFileSystem::sharedInstance(), path, plist::Value(table),
-                                      plist::Format::Binary));
+    for (const char* type : {"hfs", "apfs"})
+        table.push_back(testing::dict(
+            {{"FSTypeName", type}, {"MountedOn", std::string("/") + type}, {"Size", 1000}, {"Used", 400}}));
+    const std::string path = tree.file("volumes.plist", plist::writeBinary(table));
     Volumes volumes(path);
     for (const char* mountPoint : {"/apfs", "/nowhere"}) {
         EXPECT_EQ(volumes.hfsResize(mountPoint, 500), -1);
         EXPECT_EQ(errno, EINVAL) << mountPoint;
     }
     ASSERT_EQ(volumes.hfsResize("/hfs", 400), 0);
-    plist::Format format = plist::Format::XML;
-    EXPECT_TRUE(readPropertyListFile(LinuxFileSystem::sharedInstance(), path, nullptr, &format));
-    EXPECT_EQ(format, plist::Format::Binary);
+    EXPECT_EQ(testing::readText(path).substr(0, 8), "bplist00");
     EXPECT_EQ(volumes.mounted()->front().size, 400);
     EXPECT_EQ(volumes.mounted()->back().size, 1000);
 
-    std::filesystem::remove(path);
+    std::remove(path.c_str());
     EXPECT_TRUE(volumes.mounted()->empty());
-    std::ofstream(path) << "not a table";
+    tree.file("volumes.plist", "not a table");
     EXPECT_FALSE(volumes.mounted());
     EXPECT_EQ(volumes.hfsResize("/hfs", 400), -1);
     EXPECT_EQ(errno, EIO);
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
