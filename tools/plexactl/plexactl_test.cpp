@@ -3,62 +3,41 @@
 // and the text conversions beneath.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <regex>
 #include <sstream>
 #include <string>
-#include <vector>
 
-#include "platform/fs/LinuxFileSystem.h"
-#include "platform/fs/PropertyListFile.h"
+#include "plist/PropertyList.h"
 #include "storage/plexa.h"
 #include "storage/plexa_format.h"
+#include "tests/support/TestSupport.h"
 #include "tools/plexactl/Text.h"
 
 using namespace qvl::plexa;
+using qvl::testing::runTool;
+using qvl::testing::ToolRun;
 
 namespace {
 
 constexpr uint32_t kBlock = 4096;
 
-struct Result {
-    int status = -1;
-    std::string out, err;
-};
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-Result shell(const std::string& dir, const std::string& command) {
-    const std::string out = dir + "/stdout", err = dir + "/stderr";
-    const int raw = std::system((command + " >" + out + " 2>" + err).c_str());
-    return {WIFEXITED(raw) ? WEXITSTATUS(raw) : -1, slurp(out), slurp(err)};
-}
-
 // A loop device with 4096-byte sectors over an image, detached on every path.
 class LoopDevice {
   public:
-    LoopDevice(const std::string& dir, const std::string& image) : dir_(dir) {
-        Result r = shell(dir, "losetup --sector-size 4096 -f --show " + image);
+    explicit LoopDevice(const std::string& image) {
+        const ToolRun r = runTool("losetup --sector-size 4096 -f --show " + image);
         if (r.status == 0) device_ = r.out.substr(0, r.out.find('\n'));
     }
-    ~LoopDevice() { detach(); }
-    void detach() {
-        if (!device_.empty()) shell(dir_, "losetup -d " + device_);
-        device_.clear();
+    ~LoopDevice() {
+        if (!device_.empty()) runTool("losetup -d " + device_);
     }
     const std::string& device() const { return device_; }
 
   private:
-    std::string dir_, device_;
+    std::string device_;
 };
 
 // One row of "gpt show" or of "sgdisk -p" (whose numbers count from 1).
@@ -83,24 +62,17 @@ Rows showRows(const std::string& out) {
 
 class Plexactl : public testing::Test {
   protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/plexactl_test_XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-    }
-    void TearDown() override { std::system(("rm -rf " + dir_).c_str()); }
-    Result run(const std::string& args) { return shell(dir_, std::string(PLEXACTL_PATH) + " " + args); }
+    ToolRun run(const std::string& args) { return runTool(std::string(PLEXACTL_PATH) + " " + args); }
     // Runs plexactl and expects the exit status and, word for word, the errors.
-    Result expectRun(const std::string& args, int status, const std::string& err) {
-        Result r = run(args);
+    ToolRun expectRun(const std::string& args, int status, const std::string& err) {
+        ToolRun r = run(args);
         EXPECT_EQ(r.status, status) << args;
         EXPECT_EQ(r.err, err) << args;
         return r;
     }
-    std::string image() const { return dir_ + "/disk.img"; }
-    std::string bytes() { return slurp(image()); }
+    std::string bytes() { return qvl::testing::readText(image_); }
     void patch(uint64_t offset, const void* data, size_t size) {
-        const int fd = open(image().c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        const int fd = open(image_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
         ASSERT_GE(fd, 0);
         ASSERT_EQ(pwrite(fd, data, size, off_t(offset)), ssize_t(size));
         close(fd);
@@ -112,26 +84,23 @@ class Plexactl : public testing::Test {
     }
     void makeImage(uint64_t size) {
         patch(0, "", 0);  // creates it
-        ASSERT_EQ(truncate(image().c_str(), off_t(size)), 0);
+        ASSERT_EQ(truncate(image_.c_str(), off_t(size)), 0);
     }
     // Rows of sgdisk on a loop device over the image, with each unique GUID.
     Rows sgdiskRows(bool* tablesSound = nullptr) {
-        LoopDevice loop(dir_, image());
+        LoopDevice loop(image_);
         if (loop.device().empty()) return {};
-        const Result printed = shell(dir_, "sgdisk -p " + loop.device());
         if (tablesSound) {
-            const Result v = shell(dir_, "sgdisk -v " + loop.device());
-            const std::string verified = v.out + v.err;
-            *tablesSound = verified.find("Main header: OK") != std::string::npos &&
-                           verified.find("Main partition table: OK") != std::string::npos;
+            const ToolRun v = runTool("sgdisk -v " + loop.device() + " 2>&1");
+            *tablesSound = v.says("Main header: OK") && v.says("Main partition table: OK");
         }
         static const std::regex row(R"(^\s+(\d+)\s+(\d+)\s+(\d+)\s+\S+ \S+\s+\S+\s+(.*)$)");
         Rows rows;
-        std::istringstream lines(printed.out);
+        std::istringstream lines(runTool("sgdisk -p " + loop.device()).out);
         for (std::string line; std::getline(lines, line);) {
             std::smatch m;
             if (!std::regex_match(line, m, row)) continue;
-            const std::string info = shell(dir_, "sgdisk -i " + m[1].str() + " " + loop.device()).out;
+            const std::string info = runTool("sgdisk -i " + m[1].str() + " " + loop.device()).out;
             const size_t at = info.find("Partition unique GUID: ");
             rows[std::stoi(m[1]) - 1] = {std::stoull(m[2]), std::stoull(m[3]),
                                          at == std::string::npos ? "" : info.substr(at + 23, 36), m[4]};
@@ -139,16 +108,17 @@ class Plexactl : public testing::Test {
         return rows;
     }
 
-    std::string dir_;
+    qvl::testing::TempTree tree_;
+    const std::string image_ = tree_.path("disk.img");
 };
 
 TEST_F(Plexactl, SgdiskAndPlexactlReadEachOthersViews) {
     // A device image reads back in sgdisk as plexactl shows it, with sound CRCs.
-    Result made = run("device-image create " + image() +
-                      " --size 64M --partition System:8M --partition Data:32M:4M --partition Update:3M");
+    const ToolRun made =
+        run("device-image create " + image_ +
+            " --size 64M --partition System:8M --partition Data:32M:4M --partition Update:3M");
     ASSERT_EQ(made.status, 0) << made.err;
-    if (geteuid() != 0 || shell(dir_, "command -v sgdisk").status != 0 ||
-        LoopDevice(dir_, image()).device().empty())
+    if (geteuid() != 0 || runTool("command -v sgdisk").status != 0 || LoopDevice(image_).device().empty())
         GTEST_SKIP() << "needs root, sgdisk (gdisk) and a free loop device";
     bool sound = false;
     const Rows rows = showRows(made.out);
@@ -156,35 +126,34 @@ TEST_F(Plexactl, SgdiskAndPlexactlReadEachOthersViews) {
     EXPECT_TRUE(sound);
     ASSERT_EQ(rows.size(), 3u);
     EXPECT_EQ(rows.at(2), (Row{2054 + 8192, 2054 + 8192 + 767, rows.at(2).unique, "Update"}));
-    auto volumes = qvl::platform::readPropertyListFile(qvl::platform::LinuxFileSystem::sharedInstance(),
-                                                       image() + ".volumes.plist");
-    ASSERT_TRUE(volumes);
+    const auto volumes = qvl::plist::read(qvl::testing::readText(image_ + ".volumes.plist"));
+    ASSERT_TRUE(volumes && volumes->isArray());
     const auto& data = *(*volumes->asArray())[1].asDictionary();
     EXPECT_EQ(*data.getString("MountedOn"), "/private/var");
     EXPECT_EQ(*data.getString("MountedFrom"), "/dev/disk0s1s2");
     EXPECT_EQ(*data.getString("UUID"), rows.at(1).unique);
     EXPECT_EQ(data.getInteger("Size")->asSigned(), 32 << 20);
     EXPECT_EQ(data.getInteger("Used")->asSigned(), 4 << 20);
-    unlink(image().c_str());
+    unlink(image_.c_str());
 
     // A layout sgdisk makes, with gaps, is shown as sgdisk shows it; resizing
     // entry 1 packs all from the first usable block, rewriting only blocks 1 and 2.
     makeImage(64 << 20);
     {
-        LoopDevice loop(dir_, image());
+        LoopDevice loop(image_);
         ASSERT_EQ(
-            shell(dir_, "sgdisk -o -n 1:0:+8M -c 1:System -n 2:+1M:+16M -c 2:Data -n 3:+2M:+4M -c 3:Update " +
-                            loop.device())
+            runTool("sgdisk -o -n 1:0:+8M -c 1:System -n 2:+1M:+16M -c 2:Data -n 3:+2M:+4M -c 3:Update " +
+                    loop.device())
                 .status,
             0);
     }
     const Rows made2 = sgdiskRows();
-    EXPECT_EQ(showRows(run("gpt show " + image()).out), made2);
+    EXPECT_EQ(showRows(run("gpt show " + image_).out), made2);
     patch(gpt::kMBRSignatureOffset, "axlP", 4);
     const uint8_t inUse[4] = {3};
     patch(kBlock + gpt::kEntryCount, inUse, 4);
     const std::string before = bytes();
-    const Rows resized = showRows(expectRun("gpt resize " + image() + " 1 20M", 0, "").out);
+    const Rows resized = showRows(expectRun("gpt resize " + image_ + " 1 20M", 0, "").out);
     const uint64_t lengths[] = {made2.at(0).last - made2.at(0).first, 20 * 256 - 1,
                                 made2.at(2).last - made2.at(2).first};
     for (uint64_t i = 0, next = 6; i < 3; next = resized.at(int(i)).last + 1, i++)
@@ -199,7 +168,7 @@ TEST_F(Plexactl, SgdiskAndPlexactlReadEachOthersViews) {
 
 TEST_F(Plexactl, RefusalsLeaveTheImageAlone) {
     ASSERT_EQ(
-        run("device-image create " + image() + " --size 8M --partition A:400K --partition B:400K").status, 0);
+        run("device-image create " + image_ + " --size 8M --partition A:400K --partition B:400K").status, 0);
     const std::string before = bytes();
     const struct {
         std::string args, err;
@@ -223,59 +192,57 @@ TEST_F(Plexactl, RefusalsLeaveTheImageAlone) {
          "plexactl: partition 'A' does not fit: blocks 6 to 2042 are usable\n", 1},
     };
     for (const auto& c : cases) {
-        const std::string args = std::regex_replace(c.args, std::regex("IMG"), image());
-        expectRun(args, c.status, std::regex_replace(c.err, std::regex("IMG"), image()));
+        const std::string args = std::regex_replace(c.args, std::regex("IMG"), image_);
+        expectRun(args, c.status, std::regex_replace(c.err, std::regex("IMG"), image_));
         EXPECT_EQ(bytes(), before) << args;
     }
-    EXPECT_NE(access((image() + "2").c_str(), F_OK), 0);
+    EXPECT_NE(access((image_ + "2").c_str(), F_OK), 0);
 
     // Usable blocks reaching into the table or past the end are never packed into.
+    const std::string outside = "plexactl: " + image_ + ": usable blocks ";
     patch64(kBlock + gpt::kFirstUsableLBA, 2);
-    expectRun(
-        "gpt create " + image() + " 4K", 1,
-        "plexactl: " + image() + ": usable blocks 2 to 2042 lie outside blocks 3 to 2047 of the disk\n");
+    expectRun("gpt create " + image_ + " 4K", 1,
+              outside + "2 to 2042 lie outside blocks 3 to 2047 of the disk\n");
     patch64(kBlock + gpt::kFirstUsableLBA, 6);
     patch64(kBlock + gpt::kLastUsableLBA, 2048);
-    expectRun(
-        "gpt delete " + image() + " 0", 1,
-        "plexactl: " + image() + ": usable blocks 6 to 2048 lie outside blocks 3 to 2047 of the disk\n");
+    expectRun("gpt delete " + image_ + " 0", 1,
+              outside + "6 to 2048 lie outside blocks 3 to 2047 of the disk\n");
     patch64(kBlock + gpt::kLastUsableLBA, 2042);
-    const Rows created = showRows(expectRun("gpt create " + image() + " 1M", 0, "").out);
+    const Rows created = showRows(expectRun("gpt create " + image_ + " 1M", 0, "").out);
     EXPECT_EQ(created.at(2).name, "New");
     EXPECT_EQ(created.at(2).first, 206u);
     patch(gpt::kMBRSignatureOffset, "\0\0\0\0", 4);
-    expectRun("gpt delete " + image() + " 0", 1,
-              "plexactl: " + image() + ": not managed by Plexa (no signature at byte 440 of block 0)\n");
+    expectRun("gpt delete " + image_ + " 0", 1,
+              "plexactl: " + image_ + ": not managed by Plexa (no signature at byte 440 of block 0)\n");
 }
 
 TEST_F(Plexactl, HeaderLifecycle) {
     makeImage(16 << 20);  // 16 KiB chunks: the backup copy sits at 12 KiB
-    const uint64_t backup = 12 << 10;
-    EXPECT_NE(expectRun("header create " + image(), 0, "").out.find("Partitions:       1\n"),
-              std::string::npos);
+    EXPECT_TRUE(expectRun("header create " + image_, 0, "").says("Partitions:       1\n"));
     const std::string disk = bytes();
-    expectRun("header create " + image(), 1,
-              "plexactl: " + image() + ": already holds a volume header (--force replaces it)\n");
-    EXPECT_EQ(expectRun("header check " + image(), 0, "").out, image() + ": volume header consistent\n");
+    expectRun("header create " + image_, 1,
+              "plexactl: " + image_ + ": already holds a volume header (--force replaces it)\n");
+    EXPECT_EQ(expectRun("header check " + image_, 0, "").out, image_ + ": volume header consistent\n");
 
     // A damaged main copy: read from the backup, and repair restores it.
     patch(3000, "x", 1);
-    expectRun("header repair " + image(), 0, "");
+    expectRun("header repair " + image_, 0, "");
     EXPECT_EQ(bytes(), disk);
-    EXPECT_EQ(run("header repair " + image()).out, image() + ": nothing to repair\n");
+    EXPECT_EQ(run("header repair " + image_).out, image_ + ": nothing to repair\n");
 
-    // Chunk offset 5 of partition 0 gone from both copies (CRC kept valid).
+    // Chunk offset 5 of partition 0 gone from both copies (CRC kept valid):
+    // refused by the check and the strict repair, mended by the other.
     std::string h = disk.substr(0, 4096);
     header::setChunkEntry(reinterpret_cast<uint8_t*>(h.data()), 6, header::kChunkFree);
     plexaSetHeaderCRC(reinterpret_cast<uint8_t*>(h.data()));
     patch(0, h.data(), h.size());
-    patch(backup, h.data(), h.size());
+    patch(12 << 10, h.data(), h.size());
     const std::string broken = bytes();
-    expectRun("header check " + image(), 1, "plexa: partition 0 missing chunk 0x0005\n");
-    expectRun("header repair --strict " + image(), 1, "plexa: partition 0 missing chunk 0x0005\n");
+    expectRun("header check " + image_, 1, "plexa: partition 0 missing chunk 0x0005\n");
+    expectRun("header repair --strict " + image_, 1, "plexa: partition 0 missing chunk 0x0005\n");
     EXPECT_EQ(bytes(), broken);
-    EXPECT_EQ(run("header repair " + image()).status, 0);
-    EXPECT_NE(run("header show " + image()).out.find("  0  bytes 24576-106496 (81920)"), std::string::npos);
+    EXPECT_EQ(run("header repair " + image_).status, 0);
+    EXPECT_TRUE(run("header show " + image_).says("  0  bytes 24576-106496 (81920)"));
 }
 
 TEST(PlexactlText, SizesIndexesAndNames) {

@@ -1,44 +1,34 @@
+// The client's pieces in process, against the test service: the command
+// line, the request built from words or a file, the JSON and bar output and
+// the exit statuses. The program over the helper is driven end to end by the
+// end-to-end tests.
 #include "tools/qvalctl/qvalctl.h"
 
 #include <gtest/gtest.h>
 
 #include "platform/zrp/ZRPTestService.h"
-#include "platform/fs/LinuxFileSystem.h"
-#include "platform/fs/PropertyListFile.h"
 #include "plist/PropertyList.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl::qvalctl {
 namespace {
 
 using namespace std::chrono_literals;
 
-std::optional<Options> parse(std::vector<std::string> args, std::string* error = nullptr,
-                             const char* env = nullptr) {
-    return parseArguments(args, env, error);
-}
-
-TEST(QvalctlArguments, OptionsAndCommand) {
+TEST(QvalctlArguments, OptionsCommandAndRefusals) {
     std::optional<Options> o =
-        parse({"--json", "--service", "svc", "--timeout", "2.5", "--socket-dir", "/tmp/s", "--responses", "2",
-               "createHardLink:", "FilePath=/a", "--json"});
+        parseArguments({"--json", "--service", "svc", "--timeout", "2.5", "--socket-dir", "/flag",
+                        "--responses", "2", "createHardLink:", "A=/a", "--json"},
+                       "/env", nullptr);
     ASSERT_TRUE(o);
-    EXPECT_TRUE(o->json);
-    EXPECT_EQ(o->service, "svc");
+    EXPECT_TRUE(o->json && o->service == "svc" && o->socketDirectory == "/flag" && o->responses == 2);
     EXPECT_EQ(o->timeout, 2500ms);
-    EXPECT_EQ(o->socketDirectory, "/tmp/s");
-    EXPECT_EQ(o->responses, 2);
     // Words after the command are never options.
-    EXPECT_EQ(o->words, (std::vector<std::string>{"createHardLink:", "FilePath=/a", "--json"}));
+    EXPECT_EQ(o->words, (std::vector<std::string>{"createHardLink:", "A=/a", "--json"}));
+    o = parseArguments({"quitHelper:"}, "/env/dir", nullptr);
+    EXPECT_TRUE(o->service == kDefaultService && o->timeout == 30s && o->socketDirectory == "/env/dir");
 
-    o = parse({"quitHelper:"}, nullptr, "/env/dir");
-    EXPECT_EQ(o->service, kDefaultService);
-    EXPECT_EQ(o->timeout, 30s);
-    EXPECT_EQ(o->socketDirectory, "/env/dir");
-    EXPECT_EQ(parse({"--socket-dir", "/flag", "x:"}, nullptr, "/env")->socketDirectory, "/flag");
-}
-
-TEST(QvalctlArguments, BadLinesAreRefusedWithAReason) {
-    const std::vector<std::pair<std::vector<std::string>, std::string>> cases = {
+    const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
         {{}, "no command given"},
         {{"--json"}, "no command given"},
         {{"--timeout", "0", "x:"}, "--timeout needs a positive number of seconds, not \"0\""},
@@ -48,11 +38,15 @@ TEST(QvalctlArguments, BadLinesAreRefusedWithAReason) {
         {{"--request", "f.plist", "x:"}, "give either --request FILE or COMMAND [ARG...], not both"},
         {{"--responses", "0", "x:"}, "--responses needs a count from 1 to 1000"},
     };
-    for (const auto& [args, message] : cases) {
+    for (const auto& [args, message] : refusals) {
         std::string error;
-        EXPECT_FALSE(parse(args, &error));
+        EXPECT_FALSE(parseArguments(args, nullptr, &error));
         EXPECT_EQ(error, message);
     }
+    // The program: a bad line is a usage error, help is not.
+    const std::string qvalctl = std::string(std::getenv("QVL_BINARY_DIR")) + "/tools/qvalctl/qvalctl";
+    EXPECT_EQ(testing::runTool(qvalctl + " --service svc").status, kExitUsage);
+    EXPECT_EQ(testing::runTool(qvalctl + " --help").status, kExitPass);
 }
 
 TEST(QvalctlRequest, WordsBecomeTypedValues) {
@@ -91,9 +85,7 @@ TEST(QvalctlRequest, WordsBecomeTypedValues) {
     EXPECT_FALSE(requestFromWords({"x:", "=v", "k=1"}, &error));
     EXPECT_FALSE(zrpFromPlist(plist::Value(plist::Date{1e300}), &error));
     EXPECT_EQ(error, "date out of range");
-}
 
-TEST(QvalctlJSON, MessagesPrintAsOneLine) {
     zrp::Dictionary all;
     all.setBool("Response", true);
     all.setString("s", "a\"b\\c\n\xff\xc3\xa9");
@@ -111,18 +103,14 @@ class QvalctlRun : public ::testing::Test {
         options_.socketDirectory = service_.dir();
         options_.timeout = 5s;
     }
-
-    int runWords(std::vector<std::string> words, bool terminal = false) {
-        std::optional<zrp::Dictionary> request = requestFromWords(words, nullptr);
-        EXPECT_TRUE(request);
-        return runRequest(*request, terminal);
-    }
     // Runs the request with its messages into out_ and its diagnostics into err_.
-    int runRequest(const zrp::Dictionary& request, bool terminal = false) {
+    int run(std::optional<zrp::Dictionary> request, bool terminal = false) {
+        EXPECT_TRUE(request);
         char* text[2] = {};
         size_t size[2] = {};
         FILE* streams[2] = {open_memstream(&text[0], &size[0]), open_memstream(&text[1], &size[1])};
-        const int status = run(options_, request, streams[0], streams[1], terminal);
+        const int status =
+            qvalctl::run(options_, request.value_or(zrp::Dictionary()), streams[0], streams[1], terminal);
         for (int i : {0, 1}) {
             fclose(streams[i]);
             (i ? err_ : out_).assign(text[i], size[i]);
@@ -130,6 +118,7 @@ class QvalctlRun : public ::testing::Test {
         }
         return status;
     }
+    int run(const char* command) { return run(requestFromWords({command}, nullptr)); }
 
     zrp::TestServiceProcess service_;
     Options options_;
@@ -137,74 +126,49 @@ class QvalctlRun : public ::testing::Test {
 };
 
 TEST_F(QvalctlRun, ExitStatusTellsHowTheRequestWent) {
-    EXPECT_EQ(runWords({"ping:"}), kExitPass);
+    EXPECT_EQ(run("ping:"), kExitPass);
     EXPECT_EQ(out_, "Response: true\n");
-    EXPECT_EQ(runWords({"fail:"}), kExitFail);
+    EXPECT_EQ(run("fail:"), kExitFail);
     EXPECT_EQ(err_, "qvalctl: svc answered false\n");
-    EXPECT_EQ(runWords({"hangup:"}), kExitNoAnswer);
+    EXPECT_EQ(run("hangup:"), kExitNoAnswer);
     EXPECT_EQ(err_, "qvalctl: svc ended the connection without an answer\n");
     options_.timeout = 300ms;
-    EXPECT_EQ(runWords({"silent:"}), kExitNoAnswer);
+    EXPECT_EQ(run("silent:"), kExitNoAnswer);
     EXPECT_EQ(err_, "qvalctl: no answer from svc within 0.3 s\n");
     options_.service = "absent";
-    EXPECT_EQ(runWords({"ping:"}), kExitUnreachable);
+    EXPECT_EQ(run("ping:"), kExitUnreachable);
     EXPECT_TRUE(err_.starts_with("qvalctl: cannot reach absent: ")) << err_;
-
-    // The same through the command line.
-    const char* binaryDir = std::getenv("QVL_BINARY_DIR");
-    const std::string qvalctl = std::string(binaryDir ? binaryDir : ".") + "/tools/qvalctl/qvalctl";
-    const auto status = [&](const std::string& args) {
-        const int raw = std::system(
-            (qvalctl + " --socket-dir " + service_.dir() + " " + args + " >/dev/null 2>&1").c_str());
-        return WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    };
-    EXPECT_EQ(status("--service svc ping:"), kExitPass);
-    EXPECT_EQ(status("--service svc fail:"), kExitFail);
-    EXPECT_EQ(status("--service nothing ping:"), kExitUnreachable);
-    EXPECT_EQ(status("--service svc"), kExitUsage);
-    EXPECT_EQ(status("--help"), kExitPass);
 }
 
 TEST_F(QvalctlRun, ProgressAsJsonLinesOrAsABar) {
     options_.json = true;
-    EXPECT_EQ(runWords({"progress:"}), kExitPass);
+    EXPECT_EQ(run("progress:"), kExitPass);
     EXPECT_EQ(out_, "{\"Progress\": 0}\n{\"Progress\": 50}\n{\"Progress\": 100}\n{\"Response\": true}\n");
-
     options_.json = false;
-    EXPECT_EQ(runWords({"progress:"}, true), kExitPass);
+    EXPECT_EQ(run(requestFromWords({"progress:"}, nullptr), true), kExitPass);
     const std::string bar = "[" + std::string(20, '#') + std::string(20, ' ') + "]  50%";
     EXPECT_NE(out_.find("\r" + bar + "\r"), std::string::npos) << out_;
     EXPECT_TRUE(out_.ends_with(std::string(40, '#') + "] 100%\nResponse: true\n")) << out_;
-
-    options_.json = true;
-    options_.responses = 2;
-    zrp::Dictionary two;
-    two.setBool("ping:", true);
-    two.setBool("fail:", true);
-    EXPECT_EQ(runRequest(two), kExitFail);
-    EXPECT_EQ(out_, "{\"Response\": true}\n{\"Response\": false}\n");
 }
 
 // Every property-list kind travels as its ZRP kind, and prints as JSON.
 TEST_F(QvalctlRun, RequestFileTravelsWithItsKinds) {
-    plist::Dictionary parameter;
-    parameter.set("small", plist::Value(plist::Integer::fromUnsigned(5)));
-    parameter.set("huge", plist::Value(plist::Integer::fromUnsigned(UINT64_MAX)));
-    parameter.set("negative", plist::Value(int64_t{-7}));
-    parameter.set("real", plist::Value(0.5));
-    parameter.set("epoch2001", plist::Value(plist::Date{0}));
-    parameter.set("data", plist::Value(plist::Data{'h', 'i', '!', '?'}));
-    parameter.set("list", plist::Value(plist::Array{plist::Value(true), plist::Value("s")}));
-    plist::Dictionary request;
-    request.set("echo:", parameter);
+    using plist::Value;
+    const auto parameter = testing::dict({{"small", Value(plist::Integer::fromUnsigned(5))},
+                                          {"huge", Value(plist::Integer::fromUnsigned(UINT64_MAX))},
+                                          {"negative", Value(int64_t{-7})},
+                                          {"real", Value(0.5)},
+                                          {"epoch2001", Value(plist::Date{0})},
+                                          {"data", Value(plist::Data{'h', 'i', '!', '?'})},
+                                          {"list", Value(plist::Array{Value(true), Value("s")})}});
     const std::string file = service_.dir() + "/request.plist";
-    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), file, plist::Value(request), plist::Format::Binary));
+    testing::writeText(file, plist::writeBinary(testing::dict({{"echo:", parameter}})));
     std::optional<zrp::Dictionary> r = requestFromFile(file, nullptr);
     ASSERT_TRUE(r);
     // An integer that fits 64 signed bits goes as one: the helper reads no other kind.
     EXPECT_EQ(*r->find("echo:")->asDictionary()->find("small"), zrp::Value(int64_t{5}));
     options_.json = true;
-    EXPECT_EQ(runRequest(*r), kExitPass);
+    EXPECT_EQ(run(r), kExitPass);
     EXPECT_EQ(out_,
               "{\"Echo\": {\"echo:\": {\"small\": 5, \"huge\": 18446744073709551615, \"negative\": -7, "
               "\"real\": 0.5, \"epoch2001\": \"2001-01-01T00:00:00.000000000Z\", \"data\": \"aGkhPw==\", "
@@ -213,7 +177,7 @@ TEST_F(QvalctlRun, RequestFileTravelsWithItsKinds) {
 
     std::string error;
     EXPECT_FALSE(requestFromFile(service_.dir() + "/missing.plist", &error));
-    ASSERT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), file, plist::Value(plist::Array{}), plist::Format::XML));
+    testing::writeText(file, plist::writeXML(plist::Array{}));
     EXPECT_FALSE(requestFromFile(file, &error));
     EXPECT_EQ(error, file + " does not hold a dictionary");
 }
