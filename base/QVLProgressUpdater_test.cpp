@@ -33,16 +33,14 @@ TEST(QVLProgressUpdater, SendsEachWholePercentOnceAsItRises) {
         EXPECT_EQ(sent, run.sent) << run.total;
     }
 
+    // A new total starts over: small percentages are sent again.
     Sent sent;
     QVLProgressUpdater updater([&sent](int64_t percent) { sent.push_back(percent); });
-    updater.initializePercentageWithTotal(1000);
-    for (int i = 0; i < 1000; ++i) updater.updatePercentageWithIncrement(1);
-    ASSERT_EQ(sent.size(), 100u);
-    for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(sent[i], static_cast<int64_t>(i + 1));
-    // A new total starts over: small percentages are sent again.
+    updater.initializePercentageWithTotal(1);
+    updater.updatePercentageWithIncrement(1);
     updater.initializePercentageWithTotal(10);
     updater.updatePercentageWithIncrement(1);
-    EXPECT_EQ(sent.back(), 10);
+    EXPECT_EQ(sent, (Sent{100, 10}));
     EXPECT_EQ(updater.finished(), 1);
 }
 

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "base/QVLLogCapture.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl {
 namespace {
@@ -13,6 +14,7 @@ using plist::Array;
 using plist::Data;
 using plist::Dictionary;
 using plist::Value;
+using testing::dict;
 
 std::string hex(const std::optional<QVLDigest>& d) {
     if (!d) return "none";
@@ -27,12 +29,6 @@ std::string hex(const std::optional<QVLDigest>& d) {
 
 std::string digestHex(const Value& v) {
     return hex(QVLPropertyListDigest(&v));
-}
-
-Dictionary dict(std::initializer_list<std::pair<const char*, Value>> pairs) {
-    Dictionary d;
-    for (const auto& [k, v] : pairs) d.set(k, v);
-    return d;
 }
 
 // Expected values were computed independently (Python hashlib).

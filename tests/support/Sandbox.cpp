@@ -3,13 +3,15 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <thread>
+
+#include "tests/support/TestSupport.h"
 
 namespace qvl::e2e {
 
@@ -42,16 +44,8 @@ constexpr size_t kDatePrefixLength = 26;
 CommandResult runCommand(const std::vector<std::string>& args) {
     std::string command;
     for (const auto& arg : args) command += shellQuote(arg) + " ";
-    command += "2>&1";
-    CommandResult result;
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (!pipe) return result;
-    char buffer[4096];
-    size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) result.output.append(buffer, n);
-    const int status = ::pclose(pipe);
-    result.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+    const testing::ToolRun run = testing::runTool(command + "2>&1");
+    return {run.status, run.out};
 }
 
 Sandbox::Sandbox() : sourceDir_(envOr("QVL_SOURCE_DIR", ".")), buildDir_(envOr("QVL_BINARY_DIR", "build")) {
@@ -178,9 +172,8 @@ bool Sandbox::waitForLogLine(const std::string& line, size_t from, std::chrono::
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         const auto lines = logLines();
-        for (size_t i = from; i < lines.size(); ++i) {
-            if (lines[i] == line) return true;
-        }
+        if (from < lines.size() && std::find(lines.begin() + from, lines.end(), line) != lines.end())
+            return true;
         if (std::chrono::steady_clock::now() > deadline) return false;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
