@@ -268,13 +268,12 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     TestEnvironment env;
     auto manifest = load(groupedManifest(), env.services());
     ASSERT_TRUE(manifest);
-    EXPECT_EQ(manifest->rangeOfGroupedBackups(0), (QVLRange{0, 2}));
-    EXPECT_EQ(manifest->rangeOfGroupedBackups(1), (QVLRange{1, 1}));
-    EXPECT_EQ(manifest->rangeOfGroupedBackups(3), (QVLRange{3, 1}));
     QVLLogCapture capture;
-    EXPECT_EQ(manifest->rangeOfGroupedBackups(2), (QVLRange{QVLRange::kNotFound, 0}));
+    const QVLRange none{QVLRange::kNotFound, 0};
+    for (auto [start, range] :
+         {std::pair{0u, QVLRange{0, 2}}, {1u, {1, 1}}, {3u, {3, 1}}, {2u, none}, {4u, none}})
+        EXPECT_EQ(manifest->rangeOfGroupedBackups(start), range) << start;
     EXPECT_TRUE(capture.contains("Start item is not a backup."));
-    EXPECT_EQ(manifest->rangeOfGroupedBackups(4), (QVLRange{QVLRange::kNotFound, 0}));
     EXPECT_EQ(manifest->getBackup(), nullptr);
     EXPECT_TRUE(capture.contains("getBackup is only for old manifest."));
 
@@ -284,9 +283,9 @@ TEST(QVLSignedManifestTest, GroupedBackupRangesAndMergedManifests) {
     EXPECT_EQ(merged->size(), 3u);
     EXPECT_EQ(Value(*merged->find("/shared")),
               Value(record("NSFileTypeRegular", 0600)));  // the later backup's
-    EXPECT_EQ(manifest->mergedBackupManifest({1, 3})->size(),
-              2u);  // an app and a manifest-less backup add nothing
-    EXPECT_TRUE(manifest->mergedBackupManifest({4, 0})->empty());
+    // An app and a manifest-less backup add nothing.
+    for (auto [range, size] : {std::pair{QVLRange{1, 3}, 2u}, {{4, 0}, 0u}})
+        EXPECT_EQ(manifest->mergedBackupManifest(range)->size(), size);
     EXPECT_EQ(manifest->mergedBackupManifest({3, 2}), nullptr);  // outside the installation order
     EXPECT_EQ(manifest->mergedBackupManifest({0xFFFFFFFF, 2}), nullptr);
 
