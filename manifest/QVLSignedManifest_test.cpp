@@ -6,8 +6,12 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "base/QVLLogCapture.h"
+#include "manifest/QVLDemoManifestCheck.h"
 #include "manifest/QVLSignedManifestTestSupport.h"
+#include "platform/containers/ContainerLookup.h"
 
 namespace qvl {
 namespace {
@@ -195,6 +199,66 @@ TEST(QVLSignedManifestTest, LoadingAndVerificationRefusals) {
     auto services = env.services();
     services.manifestVerifier = {};  // without a content checker nothing loads
     EXPECT_TRUE(refusedWith(segmented("manual-signer"), services, "Could not initialize manifestVerifier\n"));
+}
+
+// Manifests of the auto signing key through the real content checks: each
+// attack is refused with its line, what an honest signer makes of the same
+// content is accepted. The content checks' own cases are theirs to test.
+TEST(QVLSignedManifestTest, AttacksBesideWhatHonestSignersMake) {
+    std::string signer = "auto-signer";
+    auto signedAs = [&](const std::string& section, const std::string& name, const Value& content) {
+        auto outer = segmented(signer);
+        if (section != "Backup") outer.set(section, Dictionary());
+        sub(outer, section).set(name, signedComponent(name, signer, content));
+        return outer;
+    };
+    const std::string prefs = "/var/root/Library/Preferences/", climbing = "/../../../../etc/sudoers";
+    const std::string notCanonical =
+        climbing + " is not an absolute path without empty, \".\" or \"..\" parts.";
+    const struct {
+        std::function<Dictionary(bool attack)> make;
+        std::string logLine;
+    } attacks[] = {
+        {[&](bool attack) {  // a record put into a component whose manifest was dropped after signing
+             auto outer =
+                 signedAs("Backup", kBase, attack ? Dictionary() : fileManifest({prefs + "x.plist"}));
+             if (attack) {
+                 sub(sub(outer, "Backup"), kBase).erase("Manifest");
+                 sub(sub(outer, "Backup"), kBase).set(prefs + "evil", record("NSFileTypeRegular", 04755));
+             }
+             return outer;
+         },
+         kSegmented + ": component backup.BaseBackup holds the unsigned key " + prefs + "evil."},
+        {[&](bool attack) {  // version 2: a bare "AppData" entry is inspected like a wrapped one
+             Dictionary raw = rawManifest();
+             if (attack) sub(raw, "AppData").set("com.example.app", dict({{climbing, record()}}));
+             return monolithic(raw, signer);
+         },
+         notCanonical},
+        {[&](bool attack) {
+             return signedAs("AppData", "com.example.app",
+                             dict({{attack ? climbing : "/Library/x.plist", record()}}));
+         },
+         notCanonical},
+        {[&](bool attack) {
+             return signedAs("Backup", kBase,
+                             fileManifest({attack ? "/var/mobile/MediaEvil/x" : "/var/mobile/Media/x"}));
+         },
+         "-[WhitelistChecker checkManifest:]:/var/mobile/MediaEvil/x failed the check."},
+    };
+    platform::FileContainerLookup containers(platform::FileContainerLookup::kDefaultRoot, true);
+    auto checker = QVLDemoManifestCheck::create({&containers});
+    ASSERT_TRUE(checker);
+    TestEnvironment env;
+    auto services = env.services();
+    services.manifestVerifier = QVLSignedManifest::contentChecksOf(*checker);
+    for (const auto& a : attacks) {
+        SCOPED_TRACE(a.logLine);
+        EXPECT_TRUE(load(a.make(false), services));
+        EXPECT_TRUE(refusedWith(a.make(true), services, a.logLine));
+    }
+    signer = "manual-signer";  // content the manual key signs is not inspected
+    EXPECT_TRUE(load(attacks[2].make(true), services));
 }
 
 // A trust service whose step `fault` fails: 1 no policy, 2 evaluation status
