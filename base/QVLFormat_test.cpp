@@ -25,7 +25,7 @@ std::string qvlDescription(const Label& l) {
 
 }  // namespace sample
 
-TEST(QVLFormat, PrintfConversionsTheSystemUses) {
+TEST(QVLFormat, PrintfConversionsAndLengthModifiersAsOnTheDevice) {
     EXPECT_EQ(
         QVLStringWithFormat("%s: Cannot get attribute from %@", "-[QVLHOperations x]", std::string("/a b")),
         "-[QVLHOperations x]: Cannot get attribute from /a b");
@@ -34,9 +34,6 @@ TEST(QVLFormat, PrintfConversionsTheSystemUses) {
     EXPECT_EQ(QVLStringWithFormat("%x %lx %08x %02x %%", 255, 0xabcdef012L, 0x1234, 5),
               "ff abcdef012 00001234 05 %");
     EXPECT_EQ(QVLStringWithFormat("range [%d..%d)", 3, 5), "range [3..5)");
-}
-
-TEST(QVLFormat, LengthModifiersTruncateLikeTheDevice) {
     // An error code of -1 printed with "0x%x" shows 32 bits, with %lx 64.
     EXPECT_EQ(QVLStringWithFormat("(0x%x)", -1), "(0xffffffff)");
     EXPECT_EQ(QVLStringWithFormat("%lx", -1L), "ffffffffffffffff");

@@ -13,7 +13,7 @@ using Sent = std::vector<int64_t>;
 
 // Each run starts a new total and applies the increments; `sent` is every
 // percentage that went out, in order.
-TEST(QVLProgressUpdater, SendsEachWholePercentOnceAsItRises) {
+TEST(QVLProgressUpdater, SendsAndLogsEachWholePercentOnceAsItRises) {
     const struct {
         int64_t total;
         std::vector<int64_t> increments;
@@ -42,17 +42,16 @@ TEST(QVLProgressUpdater, SendsEachWholePercentOnceAsItRises) {
     updater.updatePercentageWithIncrement(1);
     EXPECT_EQ(sent, (Sent{100, 10}));
     EXPECT_EQ(updater.finished(), 1);
-}
 
-TEST(QVLProgressUpdater, LogsInitializationAndEachIncrease) {
-    QVLProgressUpdater updater;  // without a sender the percentages are dropped
+    // Each rise is logged; without a sender the percentages are dropped.
+    QVLProgressUpdater quiet;
     QVLLogCapture capture;
-    updater.initializePercentageWithTotal(200);
-    updater.updatePercentageWithIncrement(1);
-    updater.updatePercentageWithIncrement(1);
+    quiet.initializePercentageWithTotal(200);
+    quiet.updatePercentageWithIncrement(1);
+    quiet.updatePercentageWithIncrement(1);
     EXPECT_EQ(capture.lines(),
               (std::vector<std::string>{"Initializing percent with total 200", "Percentage increased to 1"}));
-    EXPECT_EQ(updater.reportedPercent(), 1);
+    EXPECT_EQ(quiet.reportedPercent(), 1);
 }
 
 }  // namespace
