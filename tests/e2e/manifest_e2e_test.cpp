@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 using Lines = std::vector<std::string>;
 using plist::Dictionary;
 using plist::Value;
-using testing::files;
+using testing::dict;
 using testing::record;
 
 const std::string kSigned = "/private/var/QVLWorkContainer/Manifest.plist.signed";
@@ -54,7 +54,7 @@ std::string sign(const std::string& folder, int version, const std::vector<Compo
     for (const Component& c : components) {
         const std::string file = folder + "/" + c.name + ".plist";
         testing::writeText(file, plist::writeXML(Value(c.manifest)));
-        recipeComponents.push_back(Value(files({{"Section", c.section},
+        recipeComponents.push_back(Value(dict({{"Section", c.section},
                                                 {"Name", c.name},
                                                 {"Certificate", "Main"},
                                                 {"ManifestFile", file},
@@ -63,8 +63,8 @@ std::string sign(const std::string& folder, int version, const std::vector<Compo
     for (const std::string& item : order) installationOrder.push_back(Value(item));
     const std::string pki = fs::absolute(testing::pkiPath("")).string() + signer;
     Dictionary recipe =
-        files({{"Version", version},
-               {"Certificates", files({{"Main", files({{"Chain", pki + "-chain.pem"},
+        dict({{"Version", version},
+               {"Certificates", dict({{"Main", dict({{"Chain", pki + "-chain.pem"},
                                                        {"PrivateKey", pki + ".key"},
                                                        {"TypeOfSignature", "Production"}})}})},
                {"Components", recipeComponents}});
@@ -142,11 +142,11 @@ class ManifestE2ETest : public ::testing::Test {
 };
 
 TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
-    const Dictionary data = files({{"/d", restorable("NSFileTypeRegular", 0600)}});
+    const Dictionary data = dict({{"/d", restorable("NSFileTypeRegular", 0600)}});
     const std::string good =
         sign(recipes.root(), 2,
              {{"AppData", "com.demo.wrapped", data},
-              {"AppData", "com.demo.bare", files({{"/d", restorable("NSFileTypeRegular", 0640)}}), true}});
+              {"AppData", "com.demo.bare", dict({{"/d", restorable("NSFileTypeRegular", 0640)}}), true}});
     const std::string refused =
         sign(recipes.root(), 5, {{"Backup", "b", Dictionary()}}, {"b"}, "unknown-signer");
     const std::string unreadable =
@@ -204,20 +204,20 @@ TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
 TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
     // Three backups around an app, and a container of each kind.
     const std::string dcim = "/var/mobile/Media/DCIM", stage = "/private/var/tmp/stage";
-    Dictionary late = files({{"/bad", "not a record"}, {"/var/db/demo/late", record()}});
+    Dictionary late = dict({{"/bad", "not a record"}, {"/var/db/demo/late", record()}});
     for (const char* skipped : {"/var/mobile/Containers/x", "/var/containers/x", "/var/mobile/Applications/x",
                                 "/var/mobile/DravoBuiltProducts/x"}) {
         late.set(skipped, record());
         make({"/private" + std::string(skipped)});
     }
-    const Dictionary data = files({{"/Documents/d", restorable("NSFileTypeRegular", 0600)}});
+    const Dictionary data = dict({{"/Documents/d", restorable("NSFileTypeRegular", 0600)}});
     place(sign(recipes.root(), 5,
                {{"Backup", "backup.Base",
-                 files({{"/", restorable("NSFileTypeDirectory", 0750)},
+                 dict({{"/", restorable("NSFileTypeDirectory", 0750)},
                         {dcim, restorable("NSFileTypeDirectory", 0755)},
                         {dcim + "/a.jpg", restorable("NSFileTypeRegular", 0600, true)}})},
                 {"Backup", "backup.Extra",
-                 files({{dcim + "/b.jpg", restorable("NSFileTypeRegular", 0640)},
+                 dict({{dcim + "/b.jpg", restorable("NSFileTypeRegular", 0640)},
                         {"/var/db/demo/link", restorable("NSFileTypeSymbolicLink", 0755)}})},
                 {"Backup", "backup.Late", late},
                 {"App", "app.com.demo.app", Dictionary()},
