@@ -163,18 +163,26 @@ std::optional<uint32_t> positionOf(const KeyList* k, std::string_view key) {
     return std::nullopt;
 }
 
+// The shape of a key list is its texts in order, compared by content: two
+// lists whose keys were made apart (a text pushed out of the thread's table
+// in between) still share.
 uint32_t shapeHashOf(KeyList* k) {
     if (k->shapeHash == 0) {
         uint64_t h = k->size;
-        for (uint32_t i = 0; i < k->size; ++i)
-            h = (h ^ reinterpret_cast<uintptr_t>(k->keys()[i])) * 0x9E3779B97F4A7C15ull;
+        for (uint32_t i = 0; i < k->size; ++i) h = (h ^ textHash(k->keys()[i])) * 0x9E3779B97F4A7C15ull;
         k->shapeHash = static_cast<uint32_t>(h >> 32) | 1;
     }
     return k->shapeHash;
 }
 
 bool sameKeys(const KeyList* a, const KeyList* b) {
-    return a->size == b->size && std::memcmp(a->keys(), b->keys(), a->size * sizeof(Text*)) == 0;
+    if (a->size != b->size) return false;
+    for (uint32_t i = 0; i < a->size; ++i) {
+        const Text* x = a->keys()[i];
+        const Text* y = b->keys()[i];
+        if (x != y && (textHash(x) != textHash(y) || x->text != y->text)) return false;
+    }
+    return true;
 }
 
 // ---- nodes
@@ -204,8 +212,12 @@ uint32_t hashText(std::string_view s) {
     }
     uint64_t tail = 0;
     std::memcpy(&tail, s.data() + i, s.size() - i);
+    // The multiplications carry a difference only upward: a full finaliser
+    // brings the high bits down to the low ones, which pick the slots.
     h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
-    h ^= h >> 29;
+    h ^= h >> 33;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 33;
     const auto folded = static_cast<uint32_t>(h ^ (h >> 32));
     return folded ? folded : 1;
 }
@@ -216,17 +228,22 @@ Text* makeText(std::string_view s) {
         t->text.assign(s);
         return t;
     }
+    // Two ways per set, so that two recurring texts of one set do not push
+    // each other out: a new text takes the first way, the first moves on to
+    // the second.
     const uint32_t h = hashText(s);
-    Text*& slot = recentTables().texts[h & (kTextSlots - 1)];
-    if (slot && textEquals(slot, s)) {
-        retain(slot);
-        return slot;
-    }
+    Text** set = &recentTables().texts[h & (kTextSlots - 2)];
+    for (int way = 0; way < 2; ++way)
+        if (set[way] && textEquals(set[way], s)) {
+            retain(set[way]);
+            return set[way];
+        }
     auto* t = new Text();
     t->text.assign(s);
     t->hash.store(h, std::memory_order_relaxed);
-    if (slot) release(slot);
-    slot = t;
+    if (set[1]) release(set[1]);
+    set[1] = set[0];
+    set[0] = t;
     retain(t);  // the table's reference
     return t;
 }
