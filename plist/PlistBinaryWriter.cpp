@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <memory>
 
 #include "plist/PlistBinaryFormat.h"
 #include "plist/PlistCodec.h"
@@ -153,6 +154,32 @@ class UniqueTable {
     int shift_ = 64;
 };
 
+// A growing sequence kept in blocks of a fixed size: growing never moves
+// what is stored, so the object list of a large document is never held twice
+// while it grows, as a doubling vector's would be.
+template <class T>
+class Blocks {
+  public:
+    size_t size() const { return size_; }
+    T& operator[](size_t i) { return blocks_[i >> kShift][i & kMask]; }
+    const T& operator[](size_t i) const { return blocks_[i >> kShift][i & kMask]; }
+    void push_back(const T& value) {
+        resize(size_ + 1);
+        (*this)[size_ - 1] = value;
+    }
+    // Grows to `n` elements (never shrinks).
+    void resize(size_t n) {
+        while (blocks_.size() << kShift < n) blocks_.push_back(std::make_unique<T[]>(size_t{1} << kShift));
+        size_ = std::max(size_, n);
+    }
+
+  private:
+    static constexpr unsigned kShift = 14;
+    static constexpr size_t kMask = (size_t{1} << kShift) - 1;
+    std::vector<std::unique_ptr<T[]>> blocks_;
+    size_t size_ = 0;
+};
+
 class BinaryWriter {
   public:
     std::string run(const Value& top) {
@@ -160,9 +187,9 @@ class BinaryWriter {
         const unsigned refSize = widthFor(objects_.size() - 1);
         ByteCount counted{kMagic.size()};
         uint64_t lastOffset = 0;
-        for (const Object& object : objects_) {
+        for (size_t i = 0; i < objects_.size(); ++i) {
             lastOffset = counted.size();
-            encode(object, refSize, counted);
+            encode(objects_[i], refSize, counted);
         }
         const uint64_t tablePosition = counted.size();
         const unsigned offsetSize = widthFor(lastOffset);
@@ -171,9 +198,9 @@ class BinaryWriter {
         out.append(kMagic);
         std::vector<uint64_t> offsets;
         offsets.reserve(objects_.size());
-        for (const Object& object : objects_) {
+        for (size_t i = 0; i < objects_.size(); ++i) {
             offsets.push_back(out.size());
-            encode(object, refSize, out);
+            encode(objects_[i], refSize, out);
         }
         for (uint64_t off : offsets) appendBE(out, off, offsetSize);
         out.append(6, '\0');
@@ -344,8 +371,8 @@ class BinaryWriter {
         }
     }
 
-    std::vector<Object> objects_;
-    std::vector<uint32_t> refs_;  // object indices stay below UINT32_MAX
+    Blocks<Object> objects_;
+    Blocks<uint32_t> refs_;  // object indices stay below UINT32_MAX
     std::vector<std::vector<uint16_t>> utf16_;
     UniqueTable table_;
 };
