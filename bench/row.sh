@@ -4,7 +4,9 @@
 # KEY names the row in run-all's list; VERDICT is "met" or "NOT met".
 bench_row() {
     [ -n "${QVL_BENCH_ROWS:-}" ] || return 0
-    printf '%s\t%s\t%s\t%s\t%s\t%s\n' "$@" >>"$QVL_BENCH_ROWS"
+    # Fields apart by the unit separator, which unlike a tab keeps empty fields.
+    local IFS=$'\x1f'
+    printf '%s\n' "$*" >>"$QVL_BENCH_ROWS"
 }
 
 # verdict CONDITION: "met" when the awk condition holds, "NOT met" otherwise.
