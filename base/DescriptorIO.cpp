@@ -29,9 +29,14 @@ int readAll(int fd, uint64_t limit, std::vector<uint8_t>* out) {
     for (;;) {
         if (bytes.size() - done == 0) {
             if (done > limit) return EFBIG;
-            // One byte past the limit is enough to tell that there is more.
+            // One byte past the limit is enough to tell that there is more;
+            // within the room reserved for a regular file, one byte past its
+            // size is enough to tell that it has ended (a whole piece would
+            // move the bytes read so far to a larger buffer).
             const uint64_t room = limit - done;
-            bytes.resize(done + (room >= kPiece ? kPiece : static_cast<size_t>(room) + 1));
+            const size_t spare = bytes.capacity() - done;
+            const size_t piece = spare > 0 && spare < kPiece ? spare : kPiece;
+            bytes.resize(done + (room >= piece ? piece : static_cast<size_t>(room) + 1));
         }
         const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);
         if (n < 0) {

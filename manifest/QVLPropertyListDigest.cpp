@@ -209,7 +209,7 @@ class Digester {
                 return sha1(&byte, 1);
             }
             case Kind::String:
-                return stringDigest(*value.asString());
+                return sharedStringDigest(*value.asString());
             case Kind::Date:
                 return dateDigest(value.asDate()->secondsSince2001);
             case Kind::Data:
@@ -237,6 +237,15 @@ class Digester {
         const QVLDigest d = stringDigestUncached(s);
         if (strings_.size() < kMaxCachedStrings) strings_.emplace(std::string(s), d);
         return d;
+    }
+
+    // Decoded records share their keys and recurring strings, so a string met
+    // at the same address is the same string: its digest is remembered by
+    // address first. The tree is not changed while it is digested.
+    QVLDigest sharedStringDigest(const std::string& s) {
+        SharedSlot& slot = shared_[(reinterpret_cast<uintptr_t>(&s) >> 4) % shared_.size()];
+        if (slot.string != &s) slot = {&s, stringDigest(s)};
+        return slot.digest;
     }
 
     // Owners, groups, modes and small sizes recur too: a direct-mapped table
@@ -277,7 +286,7 @@ class Digester {
         static const QVLDigest kDictionaryDigest = stringDigestUncached("dictionary");
         QVLDigest accumulator = kDictionaryDigest;
         for (const auto& [key, item] : dictionary) {
-            const QVLDigest k = stringDigest(key);
+            const QVLDigest k = sharedStringDigest(key);
             const auto w = digest(item);
             SHA_CTX pair;
             SHA1_Init(&pair);
@@ -295,7 +304,12 @@ class Digester {
         int64_t value = 0;
         QVLDigest digest{};
     };
+    struct SharedSlot {
+        const std::string* string = nullptr;
+        QVLDigest digest{};
+    };
     std::unordered_map<std::string, QVLDigest, StringHash, std::equal_to<>> strings_;
+    std::array<SharedSlot, 256> shared_{};
     std::array<NumberSlot, 256> numbers_{};
 };
 

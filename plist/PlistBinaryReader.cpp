@@ -2,6 +2,7 @@
 // reference is checked against the bytes before it is used, cycles and deep
 // nesting are refused, and what shared objects may expand to is bounded.
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 
@@ -45,6 +46,13 @@ std::string at(uint64_t ref, uint64_t offset) {
 class BinaryReader {
   public:
     BinaryReader(std::span<const uint8_t> bytes, ReadError* error) : b_(bytes), error_(error) {}
+    BinaryReader(const BinaryReader&) = delete;
+    BinaryReader& operator=(const BinaryReader&) = delete;
+    ~BinaryReader() {
+        for (Text* text : texts_) release(text);
+        for (RecentKeys& recent : recentKeys_)
+            if (recent.keys) DictionaryAccess::releaseKeys(recent.keys);
+    }
 
     std::optional<Value> run() {
         if (!parseTrailer()) return std::nullopt;
@@ -155,10 +163,9 @@ class BinaryReader {
     }
 
     bool decode(uint64_t ref, int depth, Value& out) {
-        if (const std::string* cached = cachedString(ref)) {
-            std::string s;
-            if (!copyCached(*cached, s)) return false;
-            out = Value(std::move(s));
+        if (Text* cached = cachedText(ref)) {
+            if (!charge(1 + cached->text.size())) return false;
+            out = DictionaryAccess::stringValue(cached);
             return true;
         }
         Body body;
@@ -176,9 +183,9 @@ class BinaryReader {
                 return decodeData(ref, body, out);
             case kASCIIString:
             case kUTF16String: {
-                std::string s;
-                if (!decodeStringCached(ref, body, s)) return false;
-                out = Value(std::move(s));
+                Text* text = nullptr;
+                if (!decodeText(ref, body, text)) return false;
+                out = DictionaryAccess::stringValue(text);
                 return true;
             }
             case kArray:
@@ -301,41 +308,30 @@ class BinaryReader {
     }
 
     // Keys and many string values repeat in every record of a manifest, and
-    // writers store each text once: a string object is decoded once and
-    // copied after that.
-    // Only a string met a second time is kept, so unique texts (paths) are
-    // not copied for nothing.
-    const std::string* cachedString(uint64_t ref) const {
-        if (ref >= keyCache_.size() || keyCache_[ref] == 0 || keyCache_[ref] == kSeenOnce) return nullptr;
-        return &strings_[keyCache_[ref] - 1];
+    // writers store each text once: a string object is decoded once and its
+    // text shared by every value and key that refers to it.
+    Text* cachedText(uint64_t ref) const {
+        return ref < textSlot_.size() && textSlot_[ref] != 0 ? texts_[textSlot_[ref] - 1] : nullptr;
     }
 
-    bool decodeStringCached(uint64_t ref, const Body& body, std::string& out) {
-        if (!decodeString(ref, body, out)) return false;
-        if (keyCache_.empty()) keyCache_.resize(numObjects_);
-        if (keyCache_[ref] == 0) {
-            keyCache_[ref] = kSeenOnce;
-        } else if (strings_.size() < kSeenOnce - 1) {
-            strings_.push_back(out);
-            keyCache_[ref] = static_cast<uint32_t>(strings_.size());
-        }
+    bool decodeText(uint64_t ref, const Body& body, Text*& out) {
+        std::string s;
+        if (!decodeString(ref, body, s)) return false;
+        if (textSlot_.empty()) textSlot_.resize(numObjects_);
+        texts_.push_back(makeText(std::move(s)));
+        textSlot_[ref] = static_cast<uint32_t>(texts_.size());
+        out = texts_.back();
         return true;
     }
 
-    bool copyCached(const std::string& cached, std::string& out) {
-        if (!charge(1 + cached.size())) return false;
-        out = cached;
-        return true;
-    }
-
-    bool decodeKey(uint64_t ref, std::string& out) {
-        if (const std::string* cached = cachedString(ref)) return copyCached(*cached, out);
+    bool decodeKey(uint64_t ref, Text*& out) {
+        if ((out = cachedText(ref))) return charge(1 + out->text.size());
         Body body;
         if (!locate(ref, body)) return false;
         const uint8_t kind = body.marker >> 4;
         if (kind != kASCIIString && kind != kUTF16String)
             return failed(ReadError::kCorrupt, at(ref, body.offset) + "dictionary key is not a string");
-        return decodeStringCached(ref, body, out);
+        return decodeText(ref, body, out);
     }
 
     bool decodeContainer(uint64_t ref, const Body& body, int depth, Value& out) {
@@ -365,10 +361,88 @@ class BinaryReader {
         return true;
     }
 
+    // The records of a manifest repeat one key list by the same references:
+    // a list is decoded and checked once, and every dictionary with the same
+    // key references shares it.
+    struct RecentKeys {
+        std::vector<uint8_t> refs;  // the key references as they stand in the file
+        KeyList* keys = nullptr;    // one reference
+        uint64_t cost = 0;          // what decoding the keys charges
+    };
+    static constexpr size_t kRecentKeySlots = 64;
+
+    // The key list of a dictionary, with one reference for the caller; null
+    // (and true) when the dictionary repeats a key.
+    bool keyListOf(const Body& body, KeyList*& out) {
+        const std::string_view refs(reinterpret_cast<const char*>(b_.data() + body.start),
+                                    body.count * refSize_);
+        RecentKeys& recent = recentKeys_[hashText(refs) % kRecentKeySlots];
+        if (recent.keys && recent.refs.size() == refs.size() &&
+            std::memcmp(recent.refs.data(), refs.data(), refs.size()) == 0) {
+            if (!charge(recent.cost)) return false;
+            DictionaryAccess::retainKeys(out = recent.keys);
+            return true;
+        }
+        const uint64_t budgetBefore = budget_;
+        KeyList* keys = DictionaryAccess::newKeys(static_cast<uint32_t>(body.count));
+        for (uint64_t i = 0; i < body.count; ++i) {
+            Text* text = nullptr;
+            if (!decodeKey(refAt(body, i), text)) {
+                DictionaryAccess::releaseKeys(keys);
+                return false;
+            }
+            retain(keys->keys()[i] = text);
+            keys->size = static_cast<uint32_t>(i + 1);
+        }
+        if (repeatsAKey(keys)) {
+            DictionaryAccess::releaseKeys(keys);
+            out = nullptr;
+            return true;
+        }
+        if (recent.keys) DictionaryAccess::releaseKeys(recent.keys);
+        recent.refs.assign(refs.begin(), refs.end());
+        DictionaryAccess::retainKeys(recent.keys = keys);
+        recent.cost = budgetBefore - budget_;
+        out = keys;
+        return true;
+    }
+
+    static bool repeatsAKey(const KeyList* keys) {
+        std::vector<std::string_view> sorted;
+        sorted.reserve(keys->size);
+        for (uint32_t i = 0; i < keys->size; ++i) sorted.emplace_back(keys->keys()[i]->text);
+        std::sort(sorted.begin(), sorted.end());
+        return std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end();
+    }
+
     bool decodeDict(const Body& body, int depth, Value& out) {
+        if (body.count == 0) {
+            out = Value(Dictionary());
+            return true;
+        }
+        if (body.count > UINT32_MAX / 2)
+            return failed(ReadError::kCorrupt, "dictionary of " + std::to_string(body.count) + " entries");
+        KeyList* keys = nullptr;
+        if (!keyListOf(body, keys)) return false;
+        if (!keys) return decodeDictRepeatingKeys(body, depth, out);
+        const auto n = static_cast<uint32_t>(body.count);
+        Dictionary dictionary = DictionaryAccess::make(keys, n);
+        Value* values = DictionaryAccess::values(dictionary);
+        for (uint32_t i = 0; i < n; ++i) {
+            new (&values[i]) Value();
+            DictionaryAccess::setSize(dictionary, i + 1);
+            if (!decode(refAt(body, n + i), depth, values[i])) return false;
+        }
+        out = Value(std::move(dictionary));
+        return true;
+    }
+
+    // The rare dictionary that names a key twice, resolved as the other
+    // encoding resolves it.
+    bool decodeDictRepeatingKeys(const Body& body, int depth, Value& out) {
         std::vector<Dictionary::Entry> entries(body.count);
         for (uint64_t i = 0; i < body.count; ++i) {
-            if (!decodeKey(refAt(body, i), entries[i].first)) return false;
+            entries[i].first = cachedText(refAt(body, i))->text;
             if (!decode(refAt(body, body.count + i), depth, entries[i].second)) return false;
         }
         out = Value(makeDictionary(std::move(entries)));
@@ -384,9 +458,9 @@ class BinaryReader {
     uint64_t offsetTable_ = 0;
     uint64_t budget_ = 0;
     std::vector<uint64_t> ancestors_;  // containers being decoded, to refuse cycles
-    static constexpr uint32_t kSeenOnce = UINT32_MAX;
-    std::vector<uint32_t> keyCache_;  // object -> 1 + its slot in strings_, kSeenOnce, or 0
-    std::vector<std::string> strings_;
+    std::vector<uint32_t> textSlot_;  // object -> 1 + its slot in texts_, or 0
+    std::vector<Text*> texts_;         // one reference each
+    RecentKeys recentKeys_[kRecentKeySlots];
 };
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <memory>
 
 #include "plist/PlistBinaryFormat.h"
 #include "plist/PlistCodec.h"
@@ -22,11 +23,24 @@ unsigned widthFor(uint64_t maxValue) {
     return 8;
 }
 
-void appendBE(std::string& out, uint64_t v, unsigned width) {
+// Stands in for the output string in a first pass that only counts bytes, so
+// that the file is then written into a buffer of its exact size (growing a
+// string by doubling would hold up to three times a large file at once).
+struct ByteCount {
+    size_t bytes = 0;
+    void push_back(char) { ++bytes; }
+    void append(const char*, size_t n) { bytes += n; }
+    ByteCount& operator+=(const std::string& s) { return bytes += s.size(), *this; }
+    size_t size() const { return bytes; }
+};
+
+template <class Out>
+void appendBE(Out& out, uint64_t v, unsigned width) {
     for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
 }
 
-void appendInteger(std::string& out, const Integer& n) {
+template <class Out>
+void appendInteger(Out& out, const Integer& n) {
     if (n.isNegative()) {
         out.push_back(0x13);
         appendBE(out, n.bits, 8);
@@ -41,7 +55,8 @@ void appendInteger(std::string& out, const Integer& n) {
     }
 }
 
-void appendMarker(std::string& out, uint8_t kind, uint64_t count) {
+template <class Out>
+void appendMarker(Out& out, uint8_t kind, uint64_t count) {
     if (count < kCountFollows) {
         out.push_back(static_cast<char>(kind << 4 | count));
         return;
@@ -139,19 +154,54 @@ class UniqueTable {
     int shift_ = 64;
 };
 
+// A growing sequence kept in blocks of a fixed size: growing never moves
+// what is stored, so the object list of a large document is never held twice
+// while it grows, as a doubling vector's would be.
+template <class T>
+class Blocks {
+  public:
+    size_t size() const { return size_; }
+    T& operator[](size_t i) { return blocks_[i >> kShift][i & kMask]; }
+    const T& operator[](size_t i) const { return blocks_[i >> kShift][i & kMask]; }
+    void push_back(const T& value) {
+        resize(size_ + 1);
+        (*this)[size_ - 1] = value;
+    }
+    // Grows to `n` elements (never shrinks).
+    void resize(size_t n) {
+        while (blocks_.size() << kShift < n) blocks_.push_back(std::make_unique<T[]>(size_t{1} << kShift));
+        size_ = std::max(size_, n);
+    }
+
+  private:
+    static constexpr unsigned kShift = 14;
+    static constexpr size_t kMask = (size_t{1} << kShift) - 1;
+    std::vector<std::unique_ptr<T[]>> blocks_;
+    size_t size_ = 0;
+};
+
 class BinaryWriter {
   public:
     std::string run(const Value& top) {
         if (!flatten(top, 0)) return {};
         const unsigned refSize = widthFor(objects_.size() - 1);
-        std::string out(kMagic);
-        std::vector<uint64_t> offsets(objects_.size());
+        ByteCount counted{kMagic.size()};
+        uint64_t lastOffset = 0;
         for (size_t i = 0; i < objects_.size(); ++i) {
-            offsets[i] = out.size();
+            lastOffset = counted.size();
+            encode(objects_[i], refSize, counted);
+        }
+        const uint64_t tablePosition = counted.size();
+        const unsigned offsetSize = widthFor(lastOffset);
+        std::string out;
+        out.reserve(tablePosition + objects_.size() * offsetSize + kTrailerSize);
+        out.append(kMagic);
+        std::vector<uint64_t> offsets;
+        offsets.reserve(objects_.size());
+        for (size_t i = 0; i < objects_.size(); ++i) {
+            offsets.push_back(out.size());
             encode(objects_[i], refSize, out);
         }
-        const uint64_t tablePosition = out.size();
-        const unsigned offsetSize = widthFor(offsets.back());
         for (uint64_t off : offsets) appendBE(out, off, offsetSize);
         out.append(6, '\0');
         out.push_back(static_cast<char>(offsetSize));
@@ -241,7 +291,7 @@ class BinaryWriter {
     }
 
     std::optional<uint64_t> flattenContainer(const Value& v, int depth) {
-        if (depth + 1 > kMaxDepth) return std::nullopt;
+        if (depth + 1 > kMaxDepth || objects_.size() >= UINT32_MAX - 1) return std::nullopt;
         const uint64_t index = objects_.size();
         const size_t first = refs_.size();
         objects_.push_back({&v, nullptr, first});
@@ -250,7 +300,7 @@ class BinaryWriter {
             for (size_t i = 0; i < a->size(); ++i) {
                 auto child = flatten((*a)[i], depth + 1);
                 if (!child) return std::nullopt;
-                refs_[first + i] = *child;
+                refs_[first + i] = static_cast<uint32_t>(*child);
             }
             return index;
         }
@@ -260,17 +310,18 @@ class BinaryWriter {
         for (size_t i = 0; i < n; ++i) {
             auto key = flattenString(d.entries()[i].first, nullptr);
             if (!key) return std::nullopt;
-            refs_[first + i] = *key;
+            refs_[first + i] = static_cast<uint32_t>(*key);
         }
         for (size_t i = 0; i < n; ++i) {
             auto child = flatten(d.entries()[i].second, depth + 1);
             if (!child) return std::nullopt;
-            refs_[first + n + i] = *child;
+            refs_[first + n + i] = static_cast<uint32_t>(*child);
         }
         return index;
     }
 
-    void encodeString(const Object& o, const std::string& s, std::string& out) {
+    template <class Out>
+    void encodeString(const Object& o, const std::string& s, Out& out) {
         if (o.extra == 0) {
             appendMarker(out, kASCIIString, s.size());
             out += s;
@@ -281,7 +332,8 @@ class BinaryWriter {
         for (uint16_t unit : units) appendBE(out, unit, 2);
     }
 
-    void encode(const Object& o, unsigned refSize, std::string& out) {
+    template <class Out>
+    void encode(const Object& o, unsigned refSize, Out& out) {
         if (!o.value) return encodeString(o, *o.key, out);
         const Value& v = *o.value;
         switch (v.kind()) {
@@ -319,8 +371,8 @@ class BinaryWriter {
         }
     }
 
-    std::vector<Object> objects_;
-    std::vector<uint64_t> refs_;
+    Blocks<Object> objects_;
+    Blocks<uint32_t> refs_;  // object indices stay below UINT32_MAX
     std::vector<std::vector<uint16_t>> utf16_;
     UniqueTable table_;
 };

@@ -228,7 +228,34 @@ TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
     };
     EXPECT_EQ(count("NSFileOwnerAccountName"), 1u);
     EXPECT_EQ(count("mobile"), 1u);
-    EXPECT_EQ(*read(file), Value(records));
+    auto back = read(file);
+    ASSERT_TRUE(back);
+    EXPECT_EQ(*back, Value(records));
+
+    // The decoded records share their keys and texts: changing one record
+    // leaves the others as they were read.
+    Array& decoded = *back->asArray();
+    Dictionary& first = *decoded[0].asDictionary();
+    first.set("NSFileSize", Value("changed"));
+    first.set("Extra", Value(true));
+    EXPECT_TRUE(first.erase("NSFileOwnerAccountName"));
+    EXPECT_EQ(first.entries()[0].first, "NSFileSize");
+    for (size_t i = 1; i < decoded.size(); ++i) EXPECT_EQ(decoded[i], records[i]);
+}
+
+TEST(PlistBinaryReader, RepeatedKeyKeepsItsFirstPlaceAndLastValue) {
+    // {"a": 1, "b": 3, "a": 2}, twice in an array.
+    const Crafted file({arrayOf({1, 1}), "\xD3\x02\x03\x02\x04\x05\x06", "Qa", "Qb", "\x10\x01", "\x10\x03",
+                        "\x10\x02"});
+    auto back = read(file.build());
+    ASSERT_TRUE(back);
+    for (const Value& v : *back->asArray()) {
+        const Dictionary& d = *v.asDictionary();
+        ASSERT_EQ(d.size(), 2u);
+        EXPECT_EQ(d.entries()[0].first, "a");
+        EXPECT_EQ(d.getInteger("a")->asSigned(), 2);
+        EXPECT_EQ(d.getInteger("b")->asSigned(), 3);
+    }
 }
 
 TEST(PlistBinaryWriter, RealsDatesAndTextKeepEveryBit) {

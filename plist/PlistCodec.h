@@ -32,6 +32,31 @@ std::nullopt_t fail(ReadError* error, int code, std::string message);
 // or by a careless tool should not become unreadable because of it).
 Dictionary makeDictionary(std::vector<Dictionary::Entry>&& entries);
 
+// The inside of dictionaries and values, for the codecs: decoders build
+// dictionaries around shared key lists, encoders recognise shared texts.
+struct DictionaryAccess {
+    // A new key list with room for `capacity` keys; the caller owns one reference.
+    static KeyList* newKeys(uint32_t capacity);
+    static void retainKeys(KeyList* keys);
+    static void releaseKeys(KeyList* keys);
+    // An empty dictionary over `keys` (taking the caller's reference) with room
+    // for `capacity` values. The caller constructs values in place and then
+    // sets the size, which must end equal to the key list's.
+    static Dictionary make(KeyList* keys, uint32_t capacity);
+    static Value* values(Dictionary& d);
+    static void setSize(Dictionary& d, uint32_t size);
+    static const KeyList* keysOf(const Dictionary& d) { return d.node_ ? d.node_->keys : nullptr; }
+    // The shared text of a string value (null for the empty string).
+    static const Text* textOf(const Value& v) { return v.pointer<Text>(); }
+    // A string value holding `t`, which gains one reference.
+    static Value stringValue(Text* t) {
+        retain(t);
+        Value v;
+        v.setPointer(Kind::String, t);
+        return v;
+    }
+};
+
 // Text: the system's one UTF-8 validator and its UTF-16 conversions.
 using qvl::appendUTF16;
 using qvl::appendUTF8FromUTF16;

@@ -1,9 +1,11 @@
 #include "plist/PlistValue.h"
 
+#include "plist/PlistCodec.h"
+
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <mutex>
+#include <cstring>
 
 namespace qvl::plist {
 
@@ -17,132 +19,107 @@ Date Date::now() {
 }
 
 // ---------------------------------------------------------------------------
-// Dictionary
-
-Dictionary::Dictionary() = default;
-Dictionary::Dictionary(std::vector<Entry>&& entries) : entries_(std::move(entries)) {}
-Dictionary::~Dictionary() {
-    invalidateIndex();
-    // Newest entry first: a decoded tree is allocated front to back, and
-    // glibc's allocator frees such blocks much more cheaply in the reverse
-    // order (a sixth less time for reading and dropping a large manifest).
-    while (!entries_.empty()) entries_.pop_back();
-}
-Dictionary::Dictionary(const Dictionary& other) : entries_(other.entries_) {}
-// Moving a vector keeps its buffer, so the index's views stay valid.
-Dictionary::Dictionary(Dictionary&& other) noexcept
-    : entries_(std::move(other.entries_)), index_(other.index_.exchange(nullptr)) {}
-
-Dictionary& Dictionary::operator=(const Dictionary& other) {
-    if (this != &other) {
-        entries_ = other.entries_;
-        invalidateIndex();
-    }
-    return *this;
-}
-
-Dictionary& Dictionary::operator=(Dictionary&& other) noexcept {
-    if (this != &other) {
-        invalidateIndex();
-        entries_ = std::move(other.entries_);
-        index_.store(other.index_.exchange(nullptr));
-    }
-    return *this;
-}
-
-void Dictionary::invalidateIndex() {
-    delete index_.exchange(nullptr);
-}
-
-const Dictionary::IndexMap* Dictionary::index() const {
-    if (entries_.size() < kIndexThreshold) return nullptr;
-    if (const IndexMap* ready = index_.load(std::memory_order_acquire)) return ready;
-    // Readers of a const dictionary may race to build the index; the build
-    // is serialised on one process-wide mutex and happens once per dictionary.
-    static std::mutex buildMutex;
-    std::lock_guard<std::mutex> lock(buildMutex);
-    if (const IndexMap* ready = index_.load(std::memory_order_acquire)) return ready;
-    auto* idx = new IndexMap();
-    idx->reserve(entries_.size());
-    for (size_t i = 0; i < entries_.size(); ++i) idx->emplace(entries_[i].first, i);
-    index_.store(idx, std::memory_order_release);
-    return idx;
-}
-
-const Value* Dictionary::find(std::string_view key) const {
-    if (const auto* idx = index()) {
-        auto it = idx->find(key);
-        return it == idx->end() ? nullptr : &entries_[it->second].second;
-    }
-    for (const auto& e : entries_)
-        if (e.first == key) return &e.second;
-    return nullptr;
-}
-
-Value* Dictionary::find(std::string_view key) {
-    return const_cast<Value*>(static_cast<const Dictionary*>(this)->find(key));
-}
-
-void Dictionary::set(std::string key, Value value) {
-    if (Value* existing = find(key)) {
-        *existing = std::move(value);
-        return;
-    }
-    appendUnchecked(std::move(key), std::move(value));
-}
-
-void Dictionary::appendUnchecked(std::string key, Value value) {
-    // A reallocation moves the keys the index points into: drop the index
-    // then (it is rebuilt on the next lookup, so building a large dictionary
-    // with set() stays linear overall); otherwise extend it in place.
-    const bool reallocates = entries_.size() == entries_.capacity();
-    entries_.emplace_back(std::move(key), std::move(value));
-    IndexMap* idx = index_.load(std::memory_order_relaxed);
-    if (!idx) return;
-    if (reallocates)
-        invalidateIndex();
-    else
-        idx->emplace(entries_.back().first, entries_.size() - 1);
-}
-
-bool Dictionary::erase(std::string_view key) {
-    for (auto it = entries_.begin(); it != entries_.end(); ++it) {
-        if (it->first == key) {
-            entries_.erase(it);
-            invalidateIndex();
-            return true;
-        }
-    }
-    return false;
-}
-
-const std::string* Dictionary::getString(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->asString() : nullptr;
-}
-const Data* Dictionary::getData(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->asData() : nullptr;
-}
-const Dictionary* Dictionary::getDictionary(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->asDictionary() : nullptr;
-}
-const Array* Dictionary::getArray(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->asArray() : nullptr;
-}
-const Integer* Dictionary::getInteger(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->asInteger() : nullptr;
-}
-std::optional<bool> Dictionary::getBoolean(std::string_view key) const {
-    const Value* v = find(key);
-    return v ? v->boolValue() : std::nullopt;
-}
-
-// ---------------------------------------------------------------------------
 // Value
+
+Value::Value(Dictionary d) {
+    new (raw_) Dictionary(std::move(d));
+    raw_[kKindByte] = static_cast<unsigned char>(Kind::Dictionary);
+    as<Dictionary>()->shareKeys();
+}
+
+Value::Value(Array a) {
+    setPointer(Kind::Array, new Array(std::move(a)));
+}
+
+Value::Value(Data d) {
+    detail::Bytes* bytes = nullptr;
+    if (!d.empty()) {
+        bytes = new detail::Bytes();
+        bytes->data = std::move(d);
+    }
+    setPointer(Kind::Data, bytes);
+}
+
+Value::Value(const Value& other) {
+    copyFrom(other);
+}
+
+Value::Value(Value&& other) noexcept {
+    moveFrom(other);
+}
+
+void Value::moveFrom(Value& other) noexcept {
+    if (other.isDictionary()) {
+        new (raw_) Dictionary(std::move(*other.as<Dictionary>()));
+        raw_[kKindByte] = static_cast<unsigned char>(Kind::Dictionary);
+        other.as<Dictionary>()->~Dictionary();
+    } else {
+        std::memcpy(raw_, other.raw_, sizeof raw_);
+    }
+    other.setPointer(Kind::String, nullptr);
+}
+
+Value& Value::operator=(const Value& other) {
+    if (this != &other) *this = Value(other);
+    return *this;
+}
+
+Value& Value::operator=(Value&& other) noexcept {
+    if (this != &other) {
+        // `other` may lie inside this value: take it before letting go of ours.
+        Value taken(std::move(other));
+        destroy();
+        moveFrom(taken);
+    }
+    return *this;
+}
+
+void Value::copyFrom(const Value& other) {
+    switch (other.kind()) {
+        case Kind::Dictionary:
+            new (raw_) Dictionary(*other.as<Dictionary>());
+            raw_[kKindByte] = static_cast<unsigned char>(Kind::Dictionary);
+            return;
+        case Kind::Array:
+            setPointer(Kind::Array, new Array(*other.pointer<Array>()));
+            return;
+        case Kind::String:
+            if (detail::Text* t = other.pointer<detail::Text>()) detail::retain(t);
+            break;
+        case Kind::Data:
+            if (detail::Bytes* b = other.pointer<detail::Bytes>())
+                b->references.fetch_add(1, std::memory_order_relaxed);
+            break;
+        case Kind::Integer:
+        case Kind::Real:
+        case Kind::Boolean:
+        case Kind::Date:
+            break;
+    }
+    std::memcpy(raw_, other.raw_, sizeof raw_);
+}
+
+void Value::destroy() noexcept {
+    switch (kind()) {
+        case Kind::Dictionary:
+            as<Dictionary>()->~Dictionary();
+            break;
+        case Kind::Array:
+            delete pointer<Array>();
+            break;
+        case Kind::String:
+            if (detail::Text* t = pointer<detail::Text>()) detail::release(t);
+            break;
+        case Kind::Data:
+            if (detail::Bytes* b = pointer<detail::Bytes>()) detail::release(b);
+            break;
+        case Kind::Integer:
+        case Kind::Real:
+        case Kind::Boolean:
+        case Kind::Date:
+            break;
+    }
+}
 
 const char* kindName(Kind kind) {
     switch (kind) {
@@ -207,6 +184,12 @@ bool integersEqual(const Integer& a, const Integer& b) {
 
 bool dictionariesEqual(const Dictionary& a, const Dictionary& b) {
     if (a.size() != b.size()) return false;
+    // Dictionaries that share their keys line up position by position.
+    if (a.size() > 0 && detail::DictionaryAccess::keysOf(a) == detail::DictionaryAccess::keysOf(b)) {
+        for (size_t i = 0; i < a.size(); ++i)
+            if (!(a.entries()[i].second == b.entries()[i].second)) return false;
+        return true;
+    }
     for (const auto& [key, value] : a) {
         const Value* other = b.find(key);
         if (!other || !(*other == value)) return false;
