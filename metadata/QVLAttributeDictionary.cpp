@@ -79,10 +79,7 @@ plist::Date dateOf(const timespec& t) {
 }
 
 std::string protectionClassOf(FileSystem& files, const std::string& path) {
-    std::optional<std::string> value = files.protectionClass(path);
-    // A value that is not text is not a class the platform knows.
-    if (!value || value->empty() || !isValidUTF8(*value)) return std::string(kNSFileProtectionNone);
-    return *value;
+    return QVLAttributeDictionary::protectionClassFrom(files.protectionClass(path));
 }
 
 // Values to apply, all checked before the first change is made.
@@ -179,6 +176,12 @@ bool fail(std::string* error) {
 
 }  // namespace
 
+std::string QVLAttributeDictionary::protectionClassFrom(std::optional<std::string> value) {
+    // A value that is not text is not a class the platform knows.
+    if (!value || value->empty() || !isValidUTF8(*value)) return std::string(kNSFileProtectionNone);
+    return std::move(*value);
+}
+
 std::string QVLAttributeDictionary::errorText(int error) {
     return std::string(std::strerror(error)) + " (errno " + std::to_string(error) + ")";
 }
@@ -191,6 +194,11 @@ std::optional<plist::Dictionary> QVLAttributeDictionary::attributesOfItem(const 
         fail(error);
         return std::nullopt;
     }
+    return attributesOfStat(st, protectionClassOf(files, path), files);
+}
+
+plist::Dictionary QVLAttributeDictionary::attributesOfStat(const ItemStat& st, std::string protectionClass,
+                                                           FileSystem& files) {
     std::optional<std::string> owner =
         userNames().nameFor(st.uid, [&](uint32_t id) { return files.userName(id); });
     std::optional<std::string> group =
@@ -210,7 +218,7 @@ std::optional<plist::Dictionary> QVLAttributeDictionary::attributesOfItem(const 
     attributes.appendUnchecked(std::string(kNSFileOwnerAccountID), static_cast<int64_t>(st.uid));
     if (owner) attributes.appendUnchecked(std::string(kNSFileOwnerAccountName), std::move(*owner));
     attributes.appendUnchecked(std::string(kNSFilePosixPermissions), static_cast<int64_t>(st.permissions));
-    attributes.appendUnchecked(std::string(kNSFileProtectionKey), protectionClassOf(files, path));
+    attributes.appendUnchecked(std::string(kNSFileProtectionKey), std::move(protectionClass));
     attributes.appendUnchecked(std::string(kNSFileReferenceCount), static_cast<int64_t>(st.linkCount));
     attributes.appendUnchecked(std::string(kNSFileSize), plist::Integer::fromUnsigned(st.size));
     attributes.appendUnchecked(std::string(kNSFileSystemFileNumber), plist::Integer::fromUnsigned(st.inode));

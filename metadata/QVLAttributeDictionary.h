@@ -30,6 +30,7 @@ namespace qvl {
 
 namespace platform {
 class FileSystem;
+struct ItemStat;
 }
 
 class QVLAttributeDictionary {
@@ -38,6 +39,13 @@ class QVLAttributeDictionary {
     // reason when they cannot be read.
     static std::optional<plist::Dictionary> attributesOfItem(const std::string& path, std::string* error,
                                                              platform::FileSystem& files);
+
+    // The same from a stat already made and the item's protection class.
+    static plist::Dictionary attributesOfStat(const platform::ItemStat& st, std::string protectionClass,
+                                              platform::FileSystem& files);
+    // The class recorded for an item's protection-class attribute value
+    // (nullopt when it has none).
+    static std::string protectionClassFrom(std::optional<std::string> value);
 
     // Applies owner and group (by ID, or by name when no ID is given), the
     // permission bits, the modification date and the immutable flag from

@@ -31,13 +31,12 @@ MdCtx startSHA1() {
     return nullptr;
 }
 
+// The digest is sized exactly: a manifest holds one per file.
 std::optional<plist::Data> finishSHA1(EVP_MD_CTX* ctx) {
-    plist::Data digest(EVP_MAX_MD_SIZE);
+    uint8_t digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
-    if (EVP_DigestFinal_ex(ctx, digest.data(), &length) != 1 || length != kQVLDigestLength)
-        return std::nullopt;
-    digest.resize(length);
-    return digest;
+    if (EVP_DigestFinal_ex(ctx, digest, &length) != 1 || length != kQVLDigestLength) return std::nullopt;
+    return plist::Data(digest, digest + length);
 }
 
 }  // namespace
@@ -49,27 +48,37 @@ std::optional<plist::Data> fileHash(const std::string& path, platform::FileSyste
         QVLLog("Cannot read file %@", path);
         return std::nullopt;
     }
+    return fileHashOfOpenFile(fd.get(), size, path, files);
+}
+
+std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::string& path,
+                                              platform::FileSystem& files) {
     // Read-ahead advice only matters for a file of more than one piece; most
     // files of a device tree are smaller, and the call is not free.
-    if (size > kQVLFileHashPieceSize) files.adviseSequential(fd.get());
-    MdCtx ctx = startSHA1();
-    if (!ctx) return std::nullopt;
-    // One piece is held at a time: it is hashed before the next is read.
-    std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
-    if (!piece) {
+    if (size > kQVLFileHashPieceSize) files.adviseSequential(fd);
+    // One piece buffer and one digest context per thread, kept between files:
+    // for a small file, allocating them costs as much as hashing it.
+    thread_local std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
+    thread_local MdCtx ctx(EVP_MD_CTX_new());
+    if (!piece || !ctx || !sha1() || EVP_DigestInit_ex(ctx.get(), sha1(), nullptr) != 1) {
         QVLLog("Cannot read data from %@.", path);
         return std::nullopt;
     }
     off_t offset = 0;
     for (;;) {
-        ssize_t n = files.read(fd.get(), piece.get(), kQVLFileHashPieceSize);
+        ssize_t n = files.read(fd, piece.get(), kQVLFileHashPieceSize);
         if (n < 0) {
             QVLLog("Cannot read data from %@.", path);
             return std::nullopt;
         }
         if (n == 0) break;
         EVP_DigestUpdate(ctx.get(), piece.get(), static_cast<size_t>(n));
-        files.adviseDone(fd.get(), offset, n);
+        // A file that fits one piece and gave all the bytes it had when
+        // opened is done: asking again for the end would cost a second read
+        // for every small file. One that grew meanwhile is read on. Its pages
+        // are left to the kernel: dropping them costs more than the read.
+        if (offset == 0 && static_cast<uint64_t>(n) == size && size < kQVLFileHashPieceSize) break;
+        files.adviseDone(fd, offset, n);
         offset += n;
     }
     std::optional<plist::Data> digest = finishSHA1(ctx.get());

@@ -3,8 +3,9 @@
 // of a digest.
 //
 // fileHash reads 256 KiB at a time with one buffer and tells the kernel not
-// to keep the pages it has read, so that digesting a whole partition does not
-// flood the page cache. createFileDigest reads 64 KiB at a time.
+// to keep the pages it has read of a file larger than that, so that digesting
+// a whole partition does not flood the page cache; a smaller file is read
+// with one call. createFileDigest reads 64 KiB at a time.
 //
 // Files are read through the FileSystem given.
 //
@@ -35,6 +36,11 @@ using digestProgressHandler = int (*)(void* context, float fraction, float unuse
 // The 20-byte SHA-1 of the regular file at `path`; nullopt, logged, when it
 // cannot be opened or read.
 std::optional<plist::Data> fileHash(const std::string& path, platform::FileSystem& files);
+
+// The same for a file already open at offset 0, whose size at opening was
+// `size`; `path` names it in log lines.
+std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::string& path,
+                                              platform::FileSystem& files);
 
 // Folders have no digest: always nullopt.
 std::optional<plist::Data> directoryHash(const std::string& path);

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "base/QVLLog.h"
+#include "base/UniqueFd.h"
 #include "base/UTF8.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
@@ -72,6 +73,26 @@ plist::Dictionary withoutIgnoredAttribute(const plist::Dictionary* attributes) {
     return result;
 }
 
+// The names of a NUL-separated list, without empty ones. A record holds
+// names as text; a name that is not UTF-8 cannot be recorded faithfully, so
+// it is left out rather than mangled.
+std::vector<std::string> namesInList(std::string_view list, const std::string& path) {
+    std::vector<std::string> names;
+    for (size_t pos = 0; pos < list.size();) {
+        size_t end = list.find('\0', pos);
+        if (end == std::string_view::npos) end = list.size();
+        std::string_view name = list.substr(pos, end - pos);
+        pos = end + 1;
+        if (name.empty()) continue;
+        if (!isValidUTF8(name)) {
+            QVLLog("Skipping an extended attribute of %@ whose name is not UTF-8", path);
+            continue;
+        }
+        names.emplace_back(name);
+    }
+    return names;
+}
+
 }  // namespace
 
 std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std::string& path,
@@ -92,13 +113,45 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std:
         target = std::string();
         hash = contentDigest(path, type, files);
     }
+    return record(std::move(*attributes), std::move(extendedAttributes), std::move(*hash), std::move(target));
+}
+
+std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderFd, const std::string& name,
+                                                                     platform::ItemType type,
+                                                                     const std::string& path, FileSystem& files) {
+    // Links and other items, and any item that can't be opened or changed
+    // type since it was listed, take the way by path, which says why.
+    if (folderFd < 0 || (type != platform::ItemType::kRegular && type != platform::ItemType::kDirectory))
+        return fileMetadatatWithPath(path, files);
+    const UniqueFd fd = files.openItemAt(folderFd, name, type);
+    platform::ItemStat st;
+    if (!fd.valid() || files.statOpenItem(fd.get(), &st) != 0 || st.type != type)
+        return fileMetadatatWithPath(path, files);
+    plist::Dictionary attributes = QVLAttributeDictionary::attributesOfStat(
+        st, QVLAttributeDictionary::protectionClassFrom(files.protectionClassOf(fd.get())), files);
+    std::optional<plist::Dictionary> extendedAttributes = extendedAttributesOfOpenItem(fd.get(), path, files);
+    plist::Data hash;
+    if (type == platform::ItemType::kRegular) {
+        if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files)) {
+            hash = std::move(*digest);
+        } else {
+            QVLLog("Maybe it's an Nimbra file (%@)?", path);
+        }
+    }
+    return record(std::move(attributes), std::move(extendedAttributes), std::move(hash), std::string());
+}
+
+QVLFileMetadata QVLFileMetadata::record(plist::Dictionary attributes,
+                                        std::optional<plist::Dictionary> extendedAttributes, plist::Data hash,
+                                        std::optional<std::string> target) {
     // The record ends at the first value that could not be produced.
     plist::Dictionary record;
-    record.appendUnchecked(std::string(kQVLManifestFileAttributes), std::move(*attributes));
+    record.reserve(extendedAttributes ? (target ? 4 : 3) : 1);
+    record.appendUnchecked(std::string(kQVLManifestFileAttributes), std::move(attributes));
     if (extendedAttributes) {
         record.appendUnchecked(std::string(kQVLManifestFileExtendedAttributes),
                                std::move(*extendedAttributes));
-        record.appendUnchecked(std::string(kQVLManifestFileHash), std::move(*hash));
+        record.appendUnchecked(std::string(kQVLManifestFileHash), std::move(hash));
         if (target)
             record.appendUnchecked(std::string(kQVLManifestSymbolicLinkTargetFile), std::move(*target));
     }
@@ -160,21 +213,7 @@ std::optional<std::vector<std::string>> QVLFileMetadata::extendedAttributeKeysWi
         return std::nullopt;
     }
     list.resize(static_cast<size_t>(length));
-    for (size_t pos = 0; pos < list.size();) {
-        size_t end = list.find('\0', pos);
-        if (end == std::string::npos) end = list.size();
-        std::string name = list.substr(pos, end - pos);
-        pos = end + 1;
-        if (name.empty()) continue;
-        // A record holds names as text; a name that is not UTF-8 cannot be
-        // recorded faithfully, so it is left out rather than mangled.
-        if (!isValidUTF8(name)) {
-            QVLLog("Skipping an extended attribute of %@ whose name is not UTF-8", path);
-            continue;
-        }
-        names.push_back(std::move(name));
-    }
-    return names;
+    return namesInList(list, path);
 }
 
 plist::Data QVLFileMetadata::valueForExtendedAttributesKey(const std::string& key, const std::string& path,
@@ -208,6 +247,25 @@ std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesWithPath(con
     plist::Dictionary values;
     for (std::string& name : *names) {
         plist::Data value = valueForExtendedAttributesKey(name, path, files);
+        values.set(std::move(name), std::move(value));
+    }
+    return values;
+}
+
+std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesOfOpenItem(int fd, const std::string& path,
+                                                                               FileSystem& files) {
+    std::string list;
+    if (files.extendedAttributeNamesOf(fd, &list) != 0) {
+        QVLLog("Could not extract extended attributes from %@.", path);
+        QVLLog("Could not get attribute keys from file %@", path);
+        return std::nullopt;
+    }
+    plist::Dictionary values;
+    for (std::string& name : namesInList(list, path)) {
+        plist::Data value;
+        if (files.extendedAttributeOf(fd, name, kMaxExtendedAttributeSize, &value) != 0) {
+            QVLLog("Could not extract extended file attributes from %@, returned %d", path, -1);
+        }
         values.set(std::move(name), std::move(value));
     }
     return values;

@@ -30,6 +30,7 @@ namespace qvl {
 
 namespace platform {
 class FileSystem;
+enum class ItemType : uint8_t;
 }
 
 // Keys of a record, in record order.
@@ -93,6 +94,14 @@ class QVLFileMetadata {
     // followed); nullopt, with the cause logged, when it cannot be collected.
     static std::optional<QVLFileMetadata> fileMetadatatWithPath(const std::string& path,
                                                                 platform::FileSystem& files);
+    // The same for the entry `name`, of type `type`, of the open folder
+    // `folderFd`, whose path is `path`: a regular file or folder is opened
+    // once, and its attributes, extended attributes and content are all read
+    // through that descriptor. Other items, and a folder descriptor below 0,
+    // go by the path.
+    static std::optional<QVLFileMetadata> fileMetadataInFolder(int folderFd, const std::string& name,
+                                                               platform::ItemType type, const std::string& path,
+                                                               platform::FileSystem& files);
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
         return QVLFileMetadata(std::move(dict));
     }
@@ -123,6 +132,9 @@ class QVLFileMetadata {
     // Name-to-value dictionary, or nullopt when the names cannot be listed.
     static std::optional<plist::Dictionary> extendedAttributesWithPath(const std::string& path,
                                                                        platform::FileSystem& files);
+    // The same through a descriptor open on the item.
+    static std::optional<plist::Dictionary> extendedAttributesOfOpenItem(int fd, const std::string& path,
+                                                                         platform::FileSystem& files);
     // The unresolved text of a symbolic link, or nullopt.
     static std::optional<std::string> targetFileWithPath(const std::string& path,
                                                          platform::FileSystem& files);
@@ -142,6 +154,8 @@ class QVLFileMetadata {
     int compareWith(const QVLFileMetadata* other) const;
 
   private:
+    static QVLFileMetadata record(plist::Dictionary attributes, std::optional<plist::Dictionary> extendedAttributes,
+                                  plist::Data hash, std::optional<std::string> target);
     bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files,
                                    const std::string& shownPath) const;
 

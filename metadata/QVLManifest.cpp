@@ -68,11 +68,36 @@ std::optional<ItemType> itemType(platform::FileSystem& files, const std::string&
 // faster. Only the first piece of each is asked for, so the window stays small.
 constexpr size_t kPrefetchWindow = 32;
 
+// Folders held open on the way down. Items are looked at relative to their
+// open folder, which spares resolving each one's whole path; below this depth
+// folders are listed, and their items looked at, by path, so that a deep tree
+// can't run the process out of descriptors.
+constexpr size_t kMaxOpenFolders = 64;
+
+// One item met by a walk: its path, its name in the open folder `folderFd`
+// (-1 when the folder is not held open) and its type (nullopt when it can't
+// be read).
+struct WalkItem {
+    int folderFd;
+    const std::string& name;
+    const std::string& path;
+    std::optional<ItemType> type;
+};
+
+std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const std::string& name,
+                               const std::string& path) {
+    if (folderFd < 0) return itemType(files, path);
+    ItemType type;
+    uint64_t size;
+    if (files.typeAndSizeAt(folderFd, name, &type, &size) != 0) return std::nullopt;
+    return type;
+}
+
 // Visits every item below `top`, depth first, a folder before its contents,
 // without following links. Folders inside a skip folder are not opened: all
-// they hold would be skipped. `visit(path, type)` gets nullopt as the type
-// when it cannot be read, and stops the enumeration by answering false.
-// `prefetch(path)` is told of each regular file some items before it is
+// they hold would be skipped. `visit(item)` gets nullopt as the type when it
+// cannot be read, and stops the enumeration by answering false.
+// `prefetch(item)` is told of each regular file some items before it is
 // visited. Memory: the listings of the folders from `top` down to the
 // current item.
 template <class Visit, class Prefetch>
@@ -80,40 +105,55 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
                    const char* signature, Visit visit, Prefetch prefetch) {
     struct Level {
         std::string path;
+        UniqueFd fd;
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
         size_t prefetched = 0;
     };
     std::vector<Level> stack;
-    auto descend = [&](const std::string& folder) {
+    auto descend = [&](int parentFd, const std::string& name, const std::string& folder) {
         if (QVLManifest::folderContains(skip, folder)) return;
-        Level level{folder, {}, 0};
-        if (files.listDirectory(folder, &level.entries) != 0) {
+        Level level;
+        level.path = folder;
+        int listed = -1;
+        if (stack.size() >= kMaxOpenFolders) {
+            listed = files.listDirectory(folder, &level.entries);
+        } else {
+            level.fd = parentFd >= 0 ? files.openItemAt(parentFd, name, ItemType::kDirectory)
+                                     : files.openFolder(folder);
+            if (level.fd.valid()) listed = files.listFolder(level.fd.get(), &level.entries);
+        }
+        if (listed != 0) {
             QVLLog("%s: Could not enumerate %@, url=%@, error=%@", signature, folder,
                    "file://" + folder + "/", QVLAttributeDictionary::errorText(errno));
             return;
         }
         stack.push_back(std::move(level));
     };
-    if (itemType(files, top) == ItemType::kDirectory) descend(top);
+    if (itemType(files, top) == ItemType::kDirectory) descend(-1, top, top);
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
             stack.pop_back();
             continue;
         }
+        const int folderFd = level.fd.valid() ? level.fd.get() : -1;
         for (const size_t end = std::min(level.entries.size(), level.next + kPrefetchWindow);
              level.prefetched < end; ++level.prefetched) {
             const DirectoryEntry& ahead = level.entries[level.prefetched];
-            if (ahead.type == ItemType::kRegular) prefetch(childPath(level.path, ahead.name));
+            if (ahead.type == ItemType::kRegular) {
+                prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type});
+            }
         }
+        // Entries stay where they are while deeper levels are pushed: the
+        // vector holding them moves with its level.
         const DirectoryEntry& entry = level.entries[level.next++];
         const std::string item = childPath(level.path, entry.name);
         if (QVLManifest::folderContains(skip, item)) continue;
         const std::optional<ItemType> type =
-            entry.type != ItemType::kUnknown ? entry.type : itemType(files, item);
-        if (!visit(item, type)) return false;
-        if (type == ItemType::kDirectory) descend(item);
+            entry.type != ItemType::kUnknown ? entry.type : typeAt(files, folderFd, entry.name, item);
+        if (!visit(WalkItem{folderFd, entry.name, item, type})) return false;
+        if (type == ItemType::kDirectory) descend(folderFd, entry.name, item);
     }
     return true;
 }
@@ -148,11 +188,7 @@ void QVLManifest::setMetadata(const QVLFileMetadata& metadata, const std::string
 void QVLManifest::setMetadata(QVLFileMetadata&& metadata, const std::string& file) {
     plist::Dictionary record = std::move(metadata).releaseDict();
     std::lock_guard<std::mutex> guard(lock_);
-    if (keys_.insert(file).second) {
-        dict_.appendUnchecked(file, std::move(record));
-    } else {
-        dict_.set(file, std::move(record));
-    }
+    dict_.set(file, std::move(record));
 }
 
 bool QVLManifest::folderContains(const std::vector<std::string>* folders, std::string_view path) {
@@ -207,7 +243,9 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     const int64_t total = calculateTotalFileSize(top, skip);
     if (updater) updater->initializePercentageWithTotal(total);
 
-    auto handleItem = [&](const std::string& item, std::optional<ItemType> type) {
+    auto handleItem = [&](const WalkItem& walked) {
+        const std::string& item = walked.path;
+        const std::optional<ItemType>& type = walked.type;
         if (folderContains(skip, item)) return true;
         if (superSet && !pathInSuperSet(item, superSet)) {
             if (updater) addProgress(updater, fileSizeToAdjustPercentage(item));
@@ -228,7 +266,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             QVLLog("%@ is not below the root %@; it has no key", item, base);
             return false;
         }
-        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadatatWithPath(item, files_);
+        std::optional<QVLFileMetadata> metadata =
+            QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item, files_);
         if (!metadata) {
             QVLLog("Couldn't get meta data for %@", item);
             // An item removed while the walk runs is no longer part of the
@@ -246,12 +285,17 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     // Only files the walk will read are fetched ahead: a superset may leave
     // most of a tree out, and fetching those would flood the cache.
-    auto prefetch = [&](const std::string& item) {
-        if (folderContains(skip, item) || (superSet && !pathInSuperSet(item, superSet))) return;
-        files_.prefetch(item, static_cast<off_t>(kQVLFileHashPieceSize));
+    auto prefetch = [&](const WalkItem& ahead) {
+        if (folderContains(skip, ahead.path) || (superSet && !pathInSuperSet(ahead.path, superSet))) return;
+        constexpr auto kLength = static_cast<off_t>(kQVLFileHashPieceSize);
+        if (ahead.folderFd >= 0) {
+            files_.prefetchAt(ahead.folderFd, ahead.name, kLength);
+        } else {
+            files_.prefetch(ahead.path, kLength);
+        }
     };
     if (!enumerateTree(files_, top, skip, kWalkSignature, handleItem, prefetch)) return false;
-    return handleItem(top, itemType(files_, top));
+    return handleItem(WalkItem{-1, top, top, itemType(files_, top)});
 }
 
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
@@ -259,24 +303,29 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
     int64_t total = 0;
     const bool complete = enumerateTree(
         files_, standardizedPath(path), skipPaths, kTotalSignature,
-        [&](const std::string& item, std::optional<ItemType> type) {
-            if (!type) {
+        [&](const WalkItem& item) {
+            if (!item.type) {
                 QVLLog("Could not get resource for key %@", kRegularFileFlag);
                 return false;
             }
-            if (*type != ItemType::kRegular) return true;
+            if (*item.type != ItemType::kRegular) return true;
+            ItemType type;
+            uint64_t bytes = 0;
             ItemStat st;
-            if (files_.statItem(item, &st) != 0) {
-                QVLLog("Cound not get attribute for item %@", item);
+            const int rc = item.folderFd >= 0 ? files_.typeAndSizeAt(item.folderFd, item.name, &type, &bytes)
+                                              : files_.statItem(item.path, &st);
+            if (rc != 0) {
+                QVLLog("Cound not get attribute for item %@", item.path);
                 return false;
             }
+            if (item.folderFd < 0) bytes = st.size;
             const auto size =
-                static_cast<int64_t>(std::min<uint64_t>(st.size, std::numeric_limits<int64_t>::max()));
+                static_cast<int64_t>(std::min<uint64_t>(bytes, std::numeric_limits<int64_t>::max()));
             total = size > std::numeric_limits<int64_t>::max() - total ? std::numeric_limits<int64_t>::max()
                                                                        : total + size;
             return true;
         },
-        [](const std::string&) {});
+        [](const WalkItem&) {});
     return complete ? total : 0;
 }
 
@@ -292,7 +341,10 @@ void QVLManifest::addProgress(QVLProgressUpdater* updater, int64_t increment) {
 
 QVLManifest::PathSet QVLManifest::pathSet() const {
     std::lock_guard<std::mutex> guard(lock_);
-    return keys_;
+    PathSet keys;
+    keys.reserve(dict_.size());
+    for (const auto& entry : dict_) keys.insert(entry.first);
+    return keys;
 }
 
 std::optional<std::string> QVLManifest::rootPath() const {
@@ -311,17 +363,12 @@ plist::Dictionary QVLManifest::dict() const {
 }
 
 void QVLManifest::setDict(plist::Dictionary dict) {
-    PathSet keys;
-    keys.reserve(dict.size());
-    for (const auto& entry : dict) keys.insert(entry.first);
     std::lock_guard<std::mutex> guard(lock_);
     dict_ = std::move(dict);
-    keys_ = std::move(keys);
 }
 
 plist::Dictionary QVLManifest::releaseDict() {
     std::lock_guard<std::mutex> guard(lock_);
-    keys_.clear();
     return std::exchange(dict_, plist::Dictionary());
 }
 

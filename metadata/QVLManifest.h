@@ -101,9 +101,9 @@ class QVLManifest {
 
     platform::FileSystem& files_;
     mutable std::mutex lock_;
+    // Stored records are found through the dictionary's own key index: a
+    // second set of the keys would cost a copy of every path.
     plist::Dictionary dict_;
-    // The keys of dict_, so that storing a new record does not search it.
-    PathSet keys_;
     std::optional<std::string> rootPath_;
     QVLProgressUpdater* progressUpdater_ = nullptr;
 };

@@ -208,6 +208,13 @@ TEST(QVLManifestCrossCheck, DigestsAndOwnershipMatchSha1sumAndStat) {
         EXPECT_EQ(m->getFileSize(), size) << key;
     }
     EXPECT_EQ(files, 40);
+    // The walk reads items through their open folder; collecting one by its
+    // path must give the same record, attribute for attribute.
+    for (const auto& [key, record] : manifest.dict()) {
+        const std::string path = key == "/" ? tree.root() : tree.root() + key;
+        EXPECT_EQ(plist::Value(record), plist::Value(QVLFileMetadata::fileMetadatatWithPath(path, linuxFiles())->dict()))
+            << key;
+    }
 }
 
 TEST(QVLManifestRoundTrip, RestoringEveryRecordOntoAChangedCopyMakesThemEqual) {

@@ -193,6 +193,25 @@ class FileSystem {
     // file that will be read soon, without waiting for them.
     virtual void prefetch(const std::string& path, off_t length) = 0;
 
+    // ---- Walks: items named relative to an open folder, so that a walk
+    // does not resolve each item's whole path again, and attributes read
+    // through a descriptor already open for the content.
+    // Only the type and size, for summing sizes ahead of a walk.
+    virtual int typeAndSizeAt(int folderFd, const std::string& name, ItemType* type, uint64_t* size) = 0;
+    // Opens the regular file or folder `name` for reading (never following a
+    // link, never blocking, access times kept where allowed); any other type
+    // is EINVAL, and an item of another type at the name fails the open.
+    virtual UniqueFd openItemAt(int folderFd, const std::string& name, ItemType type) = 0;
+    virtual int statOpenItem(int fd, ItemStat* out) = 0;
+    virtual std::optional<std::string> protectionClassOf(int fd) = 0;
+    // The `user.` attribute names of an open item, prefix removed, each
+    // followed by a NUL; `names` is replaced only on success.
+    virtual int extendedAttributeNamesOf(int fd, std::string* names) = 0;
+    // One attribute's value; E2BIG when it holds more than `limit` bytes.
+    virtual int extendedAttributeOf(int fd, const std::string& name, size_t limit,
+                                    std::vector<uint8_t>* value) = 0;
+    virtual void prefetchAt(int folderFd, const std::string& name, off_t length) = 0;
+
     // ---- Accounts: names and ids; nullopt when the system has no such account.
     virtual std::optional<std::string> userName(uint32_t uid) = 0;
     virtual std::optional<std::string> groupName(uint32_t gid) = 0;

@@ -89,10 +89,14 @@ ItemType typeFromDirent(unsigned char type) {
 // device or a fifo can have side effects, and links have no flags of their own.
 bool immutableFlagByIoctl(int folderFd, const std::string& path, ItemType type) {
     if (type != ItemType::kRegular && type != ItemType::kDirectory) return false;
-    UniqueFd fd(::openat(folderFd, path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
-    if (fd.get() < 0) return false;
+    // An empty path names the open item itself.
+    UniqueFd opened(path.empty() ? -1
+                                 : ::openat(folderFd, path.c_str(),
+                                            O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC));
+    const int fd = path.empty() ? folderFd : opened.get();
+    if (fd < 0) return false;
     int flags = 0;
-    if (::ioctl(fd.get(), FS_IOC_GETFLAGS, &flags) != 0) return false;
+    if (::ioctl(fd, FS_IOC_GETFLAGS, &flags) != 0) return false;
     return (flags & FS_IMMUTABLE_FL) != 0;
 }
 
@@ -475,6 +479,100 @@ std::optional<uint32_t> LinuxFileSystem::groupID(const std::string& name) {
         return rc;
     });
     return id;
+}
+
+int LinuxFileSystem::typeAndSizeAt(int folderFd, const std::string& name, ItemType* type, uint64_t* size) {
+    struct statx stx {};
+    if (::statx(folderFd, name.c_str(), AT_SYMLINK_NOFOLLOW | AT_STATX_SYNC_AS_STAT, STATX_TYPE | STATX_SIZE,
+                &stx) != 0) {
+        return -1;
+    }
+    *type = typeFromMode(stx.stx_mode);
+    *size = stx.stx_size;
+    return 0;
+}
+
+UniqueFd LinuxFileSystem::openItemAt(int folderFd, const std::string& name, ItemType type) {
+    if (type != ItemType::kRegular && type != ItemType::kDirectory) {
+        errno = EINVAL;
+        return UniqueFd();
+    }
+    const int flags = O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC |
+                      (type == ItemType::kDirectory ? O_DIRECTORY : 0);
+    // As for openForReading: access times stay as they are where allowed.
+    UniqueFd fd(::openat(folderFd, name.c_str(), flags | O_NOATIME));
+    if (!fd.valid() && errno == EPERM) fd.reset(::openat(folderFd, name.c_str(), flags));
+    return fd;
+}
+
+int LinuxFileSystem::statOpenItem(int fd, ItemStat* out) {
+    return statWithFlags(fd, "", AT_EMPTY_PATH | AT_SYMLINK_NOFOLLOW, out);
+}
+
+std::optional<std::string> LinuxFileSystem::protectionClassOf(int fd) {
+    char value[kMaxProtectionClassLength];
+    ssize_t n = ::fgetxattr(fd, kProtectionClassAttribute, value, sizeof(value));
+    if (n < 0) return std::nullopt;
+    return std::string(value, static_cast<size_t>(n));
+}
+
+int LinuxFileSystem::extendedAttributeNamesOf(int fd, std::string* names) {
+    // Most items have a short list or none: one call into a stack buffer.
+    char small[4096];
+    ssize_t n = ::flistxattr(fd, small, sizeof(small));
+    std::string large;
+    if (n < 0) {
+        if (errno != ERANGE) return -1;
+        const ssize_t size = ::flistxattr(fd, nullptr, 0);
+        if (size < 0) return -1;
+        if (static_cast<size_t>(size) > kMaxNameListSize) return posixResult(E2BIG);
+        large.resize(static_cast<size_t>(size));
+        n = ::flistxattr(fd, large.data(), large.size());
+        if (n < 0) return -1;
+    }
+    const std::string_view raw = large.empty() ? std::string_view(small, static_cast<size_t>(n))
+                                               : std::string_view(large.data(), static_cast<size_t>(n));
+    std::string result;
+    for (size_t pos = 0; pos < raw.size();) {
+        size_t end = raw.find('\0', pos);
+        if (end == std::string_view::npos) end = raw.size();
+        const std::string_view name = raw.substr(pos, end - pos);
+        if (name.size() > kUserPrefix.size() && name.starts_with(kUserPrefix)) {
+            result.append(name.substr(kUserPrefix.size()));
+            result.push_back('\0');
+        }
+        pos = end + 1;
+    }
+    *names = std::move(result);
+    return 0;
+}
+
+int LinuxFileSystem::extendedAttributeOf(int fd, const std::string& name, size_t limit,
+                                         std::vector<uint8_t>* value) {
+    const std::string fullName = std::string(kUserPrefix) + name;
+    // Values are mostly small: one call into a stack buffer first.
+    uint8_t small[1024];
+    ssize_t n = ::fgetxattr(fd, fullName.c_str(), small, sizeof(small));
+    if (n >= 0) {
+        value->assign(small, small + n);
+        return 0;
+    }
+    if (errno != ERANGE) return -1;
+    const ssize_t size = ::fgetxattr(fd, fullName.c_str(), nullptr, 0);
+    if (size < 0) return -1;
+    if (static_cast<size_t>(size) > limit) return posixResult(E2BIG);
+    std::vector<uint8_t> bytes(static_cast<size_t>(size));
+    n = ::fgetxattr(fd, fullName.c_str(), bytes.data(), bytes.size());
+    if (n < 0) return -1;
+    bytes.resize(static_cast<size_t>(n));
+    *value = std::move(bytes);
+    return 0;
+}
+
+void LinuxFileSystem::prefetchAt(int folderFd, const std::string& name, off_t length) {
+    UniqueFd fd(::openat(folderFd, name.c_str(),
+                         O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
+    if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
 }
 
 }  // namespace qvl::platform

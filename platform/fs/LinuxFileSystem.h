@@ -58,6 +58,14 @@ class LinuxFileSystem : public FileSystem {
     void adviseDone(int fd, off_t offset, off_t length) override;
     void prefetch(const std::string& path, off_t length) override;
 
+    int typeAndSizeAt(int folderFd, const std::string& name, ItemType* type, uint64_t* size) override;
+    UniqueFd openItemAt(int folderFd, const std::string& name, ItemType type) override;
+    int statOpenItem(int fd, ItemStat* out) override;
+    std::optional<std::string> protectionClassOf(int fd) override;
+    int extendedAttributeNamesOf(int fd, std::string* names) override;
+    int extendedAttributeOf(int fd, const std::string& name, size_t limit, std::vector<uint8_t>* value) override;
+    void prefetchAt(int folderFd, const std::string& name, off_t length) override;
+
     std::optional<std::string> userName(uint32_t uid) override;
     std::optional<std::string> groupName(uint32_t gid) override;
     std::optional<uint32_t> userID(const std::string& name) override;

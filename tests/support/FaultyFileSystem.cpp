@@ -1,5 +1,7 @@
 #include "tests/support/FaultyFileSystem.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 namespace qvl::testing {
@@ -11,7 +13,33 @@ bool fails(const FaultyFileSystem::Hook& hook, const std::string& pathOrName, bo
     return true;
 }
 
+// The path an open descriptor reaches, and a name in it when given.
+std::string pathOf(int fd, const std::string& name = std::string()) {
+    char target[4096];
+    const ssize_t n = ::readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof(target));
+    const std::string path = n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
+    return name.empty() ? path : path + "/" + name;
+}
+
 }  // namespace
+
+int FaultyFileSystem::statItemAt(int folderFd, const std::string& name, platform::ItemStat* out) {
+    return fails(failStat, pathOf(folderFd, name)) ? -1 : LinuxFileSystem::statItemAt(folderFd, name, out);
+}
+
+int FaultyFileSystem::typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type,
+                                    uint64_t* size) {
+    if (fails(failStat, pathOf(folderFd, name))) return -1;
+    return LinuxFileSystem::typeAndSizeAt(folderFd, name, type, size);
+}
+
+int FaultyFileSystem::statOpenItem(int fd, platform::ItemStat* out) {
+    return fails(failStat, pathOf(fd)) ? -1 : LinuxFileSystem::statOpenItem(fd, out);
+}
+
+int FaultyFileSystem::listFolder(int folderFd, std::vector<platform::DirectoryEntry>* out) {
+    return fails(failListDirectory, pathOf(folderFd)) ? -1 : LinuxFileSystem::listFolder(folderFd, out);
+}
 
 int FaultyFileSystem::statItem(const std::string& path, platform::ItemStat* out) {
     return fails(failStat, path) ? -1 : LinuxFileSystem::statItem(path, out);

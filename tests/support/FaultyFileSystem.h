@@ -22,7 +22,12 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     int reads = 0;
     std::vector<std::pair<off_t, off_t>> doneAdvice;
 
+    // Calls on an open folder or item are hooked by the path they reach.
     int statItem(const std::string& path, platform::ItemStat* out) override;
+    int statItemAt(int folderFd, const std::string& name, platform::ItemStat* out) override;
+    int typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type, uint64_t* size) override;
+    int statOpenItem(int fd, platform::ItemStat* out) override;
+    int listFolder(int folderFd, std::vector<platform::DirectoryEntry>* out) override;
     ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) override;
     ssize_t getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
                                  size_t size) override;
