@@ -25,9 +25,6 @@
 namespace qvl::platform {
 namespace {
 
-constexpr std::string_view kUserPrefix = "user.";
-// The kernel caps a name list at 64 KiB; anything larger is refused.
-constexpr size_t kMaxNameListSize = 1 << 20;
 // Account database records are small; a larger one is refused.
 constexpr size_t kMaxAccountRecordSize = 1 << 20;
 
@@ -129,34 +126,6 @@ int statWithFlags(int folderFd, const std::string& path, int flags, ItemStat* ou
     return 0;
 }
 
-// Reads the whole raw name list of `path` into `list`.
-int rawNameList(const std::string& path, std::string* list) {
-    char small[4096];
-    ssize_t n = ::llistxattr(path.c_str(), small, sizeof(small));
-    if (n >= 0) {
-        list->assign(small, static_cast<size_t>(n));
-        return 0;
-    }
-    if (errno != ERANGE) return -1;
-    // The list outgrew the stack buffer; it may keep changing while we look.
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        ssize_t size = ::llistxattr(path.c_str(), nullptr, 0);
-        if (size < 0) return -1;
-        if (static_cast<size_t>(size) > kMaxNameListSize) {
-            errno = E2BIG;
-            return -1;
-        }
-        list->assign(static_cast<size_t>(size), '\0');
-        n = ::llistxattr(path.c_str(), list->data(), list->size());
-        if (n >= 0) {
-            list->resize(static_cast<size_t>(n));
-            return 0;
-        }
-        if (errno != ERANGE) return -1;
-    }
-    return -1;
-}
-
 // Runs one reentrant account lookup, growing its buffer while the record
 // does not fit. `lookup` copies out what it needs before the buffer goes.
 template <class Entry, class Lookup>
@@ -212,41 +181,6 @@ std::optional<std::string> LinuxFileSystem::protectionClass(const std::string& p
 int LinuxFileSystem::setProtectionClass(const std::string& path, const std::string& protectionClass) {
     return ::lsetxattr(path.c_str(), kProtectionClassAttribute, protectionClass.data(),
                        protectionClass.size(), 0);
-}
-
-ssize_t LinuxFileSystem::listExtendedAttributes(const std::string& path, char* buffer, size_t size) {
-    std::string raw;
-    if (rawNameList(path, &raw) != 0) return -1;
-    std::string names;
-    for (size_t pos = 0; pos < raw.size();) {
-        size_t end = raw.find('\0', pos);
-        if (end == std::string::npos) end = raw.size();
-        std::string_view name(raw.data() + pos, end - pos);
-        if (name.size() > kUserPrefix.size() && name.starts_with(kUserPrefix)) {
-            names.append(name.substr(kUserPrefix.size()));
-            names.push_back('\0');
-        }
-        pos = end + 1;
-    }
-    if (buffer == nullptr) return static_cast<ssize_t>(names.size());
-    if (names.size() > size) {
-        errno = ERANGE;
-        return -1;
-    }
-    std::memcpy(buffer, names.data(), names.size());
-    return static_cast<ssize_t>(names.size());
-}
-
-ssize_t LinuxFileSystem::getExtendedAttribute(const std::string& path, const std::string& name, void* buffer,
-                                              size_t size) {
-    const std::string fullName = std::string(kUserPrefix) + name;
-    return ::lgetxattr(path.c_str(), fullName.c_str(), buffer, buffer ? size : 0);
-}
-
-int LinuxFileSystem::setExtendedAttribute(const std::string& path, const std::string& name, const void* value,
-                                          size_t size) {
-    const std::string fullName = std::string(kUserPrefix) + name;
-    return ::lsetxattr(path.c_str(), fullName.c_str(), value, size, 0);
 }
 
 int LinuxFileSystem::readLink(const std::string& path, std::string* out) {
@@ -514,59 +448,6 @@ std::optional<std::string> LinuxFileSystem::protectionClassOf(int fd) {
     ssize_t n = ::fgetxattr(fd, kProtectionClassAttribute, value, sizeof(value));
     if (n < 0) return std::nullopt;
     return std::string(value, static_cast<size_t>(n));
-}
-
-int LinuxFileSystem::extendedAttributeNamesOf(int fd, std::string* names) {
-    // Most items have a short list or none: one call into a stack buffer.
-    char small[4096];
-    ssize_t n = ::flistxattr(fd, small, sizeof(small));
-    std::string large;
-    if (n < 0) {
-        if (errno != ERANGE) return -1;
-        const ssize_t size = ::flistxattr(fd, nullptr, 0);
-        if (size < 0) return -1;
-        if (static_cast<size_t>(size) > kMaxNameListSize) return posixResult(E2BIG);
-        large.resize(static_cast<size_t>(size));
-        n = ::flistxattr(fd, large.data(), large.size());
-        if (n < 0) return -1;
-    }
-    const std::string_view raw = large.empty() ? std::string_view(small, static_cast<size_t>(n))
-                                               : std::string_view(large.data(), static_cast<size_t>(n));
-    std::string result;
-    for (size_t pos = 0; pos < raw.size();) {
-        size_t end = raw.find('\0', pos);
-        if (end == std::string_view::npos) end = raw.size();
-        const std::string_view name = raw.substr(pos, end - pos);
-        if (name.size() > kUserPrefix.size() && name.starts_with(kUserPrefix)) {
-            result.append(name.substr(kUserPrefix.size()));
-            result.push_back('\0');
-        }
-        pos = end + 1;
-    }
-    *names = std::move(result);
-    return 0;
-}
-
-int LinuxFileSystem::extendedAttributeOf(int fd, const std::string& name, size_t limit,
-                                         std::vector<uint8_t>* value) {
-    const std::string fullName = std::string(kUserPrefix) + name;
-    // Values are mostly small: one call into a stack buffer first.
-    uint8_t small[1024];
-    ssize_t n = ::fgetxattr(fd, fullName.c_str(), small, sizeof(small));
-    if (n >= 0) {
-        value->assign(small, small + n);
-        return 0;
-    }
-    if (errno != ERANGE) return -1;
-    const ssize_t size = ::fgetxattr(fd, fullName.c_str(), nullptr, 0);
-    if (size < 0) return -1;
-    if (static_cast<size_t>(size) > limit) return posixResult(E2BIG);
-    std::vector<uint8_t> bytes(static_cast<size_t>(size));
-    n = ::fgetxattr(fd, fullName.c_str(), bytes.data(), bytes.size());
-    if (n < 0) return -1;
-    bytes.resize(static_cast<size_t>(n));
-    *value = std::move(bytes);
-    return 0;
 }
 
 void LinuxFileSystem::prefetchAt(int folderFd, const std::string& name, off_t length) {
