@@ -1,7 +1,6 @@
 // The operations work on the device's fixed paths, so the tests that touch
 // them run only inside the device sandbox (ctest starts them there) and skip
-// on a host. Firmware variables and exit go through swappable layers and run
-// anywhere. The commands end to end are in tests/e2e/.
+// on a host. Firmware variables go through a swappable store and run anywhere. The commands end to end are in tests/e2e/.
 #include "operations/QVLHOperations.h"
 
 #include <sys/mount.h>
@@ -26,9 +25,7 @@ using testing::inDeviceSandbox;
 using testing::lstatOf;
 using testing::readText;
 
-void write(const std::string& path, const std::string& text = "x") {
-    testing::writeText(path, text);
-}
+void write(const std::string& path, const std::string& text = "x") { testing::writeText(path, text); }
 
 void makeFolder(const std::string& path, mode_t mode = 0755) {
     ASSERT_EQ(::mkdir(path.c_str(), mode), 0) << path;
@@ -231,10 +228,6 @@ TEST(FirmwareOperationsTest, RefusalsAreLoggedWordForWord) {
     EXPECT_EQ(capture.lines(),
               (Lines{"Couldn't force sync new nvram to device",
                      "-[QVLHOperations writeNVRam:withValue:]: the value for name is not a string: 7"}));
-}
-
-TEST(QuitHelperTest, ExitsWithZero) {
-    EXPECT_EXIT(QVLHOperations({}).quitHelper(), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
