@@ -73,7 +73,8 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
         for (const auto& line : capture.lines())
             EXPECT_EQ(line.find("finish-demo-retore.log"), std::string::npos);
     }
-    EXPECT_FALSE(t.exists("qvald_helper-20200101.log") || t.exists("old-folder") || t.exists("testWritability.log"));
+    EXPECT_FALSE(t.exists("qvald_helper-20200101.log") || t.exists("old-folder") ||
+                 t.exists("testWritability.log"));
     EXPECT_TRUE(t.exists("finish-demo-retore.log"));
     // The plain variant spares nothing.
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder(dir_, "other", 5));
@@ -89,8 +90,9 @@ TEST_F(LogModelTest, SetUpCreatesTheFolderAndAppends) {
         EXPECT_TRUE(model.logToFileEnabled());
         model.logMessage(message);
     }
-    EXPECT_TRUE(std::regex_match(testing::readText(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
-                                 std::regex(kDate + "first 1\n" + kDate + "second start\n")));
+    EXPECT_TRUE(
+        std::regex_match(testing::readText(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
+                         std::regex(kDate + "first 1\n" + kDate + "second start\n")));
     t.file("plainfile", "x");
     QVLLogModel model(at(clock));
     EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log") || model.logToFileEnabled());
@@ -114,11 +116,13 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
         const std::string& at;
         std::string refusal;  // empty: the planted name is replaced and the set-up works
     } cases[] = {
-        {"link", today, "it is a symbolic link"},   {"hard link", today, "it has other hard links"},
+        // clang-format off
+        {"link", today, "it is a symbolic link"},    {"hard link", today, "it has other hard links"},
         {"fifo", today, "it is not a regular file"}, {"folder", today, "it is a folder"},
         {"link", probe, ""},                         {"hard link", probe, ""},
         {"fifo", probe, ""},                         {"folder", probe, "File exists"},
         {"link", folder, "it is a symbolic link"},
+        // clang-format on
     };
     const double clock = static_cast<double>(time(nullptr));
     for (const auto& c : cases) {
@@ -129,7 +133,8 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
         ASSERT_EQ(plant(c.kind, c.at), 0);
         QVLLogModel model(at(clock));
         QVLLogCapture capture(model);
-        EXPECT_EQ(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5), c.refusal.empty());
+        EXPECT_EQ(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5),
+                  c.refusal.empty());
         model.logMessage("line");
         EXPECT_EQ(testing::readText(secret), "secret");
         EXPECT_TRUE(c.refusal.empty() ? !fs::exists(fs::symlink_status(probe))
@@ -144,8 +149,8 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
     QVLLogModel model(at(clock));
     QVLLogCapture capture(model);
     EXPECT_FALSE(model.enableLogToFile(today));
-    EXPECT_EQ(capture.lines(),
-              Lines{"Not logging to " + today + ": it belongs to another user; logging to the system log only."});
+    EXPECT_EQ(capture.lines(), Lines{"Not logging to " + today +
+                                     ": it belongs to another user; logging to the system log only."});
 }
 
 TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {

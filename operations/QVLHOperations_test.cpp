@@ -1,6 +1,7 @@
 // The operations work on the device's fixed paths, so the tests that touch
 // them run only inside the device sandbox (ctest starts them there) and skip
-// on a host. Firmware variables go through a swappable store and run anywhere. The commands end to end are in tests/e2e/.
+// on a host. Firmware variables go through a swappable store and run anywhere. The commands end to end are in
+// tests/e2e/.
 #include "operations/QVLHOperations.h"
 
 #include <sys/mount.h>
@@ -25,7 +26,9 @@ using testing::inDeviceSandbox;
 using testing::lstatOf;
 using testing::readText;
 
-void write(const std::string& path, const std::string& text = "x") { testing::writeText(path, text); }
+void write(const std::string& path, const std::string& text = "x") {
+    testing::writeText(path, text);
+}
 
 void makeFolder(const std::string& path, mode_t mode = 0755) {
     ASSERT_EQ(::mkdir(path.c_str(), mode), 0) << path;
@@ -155,8 +158,11 @@ TEST_F(DeviceOperationsTest, PrepareLogContainerHandsOverOnlyLogFiles) {
     EXPECT_TRUE(operations.prepareLogContainer(at("logs")));
     EXPECT_EQ(lstatOf(at("logs/qvald-20261122.log")).st_gid, 501u);
     // The link is handed over, not its target.
-    for (auto [name, uid] : {std::pair{"logs/qvald-20261122.log", 501u}, {"logs/qvald-link", 501u},
-                             {"logs/other.log", 0u}, {"logs/sub/qvald-20261121.log", 0u}, {"secret", 0u}})
+    for (auto [name, uid] : {std::pair{"logs/qvald-20261122.log", 501u},
+                             {"logs/qvald-link", 501u},
+                             {"logs/other.log", 0u},
+                             {"logs/sub/qvald-20261121.log", 0u},
+                             {"secret", 0u}})
         EXPECT_EQ(lstatOf(at(name)).st_uid, uid) << name;
 }
 

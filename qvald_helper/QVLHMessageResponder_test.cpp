@@ -129,9 +129,13 @@ TEST(ResponderTest, ConnectionIsWeakAndSendsToNobodyAreDropped) {
 TEST(ResponderParameterTest, TypedReadsAnswerNothingForWrongKindsOrMissingEntries) {
     using R = QVLHMessageResponder;
     plist::Dictionary d;
-    for (auto [key, value] : {std::pair{"Path", plist::Value("/x")}, {"IsBackup", plist::Value(1)},
-                              {"Flag", plist::Value(false)}, {"Location", plist::Value(int64_t{0x100000005})},
-                              {"Negative", plist::Value(-1)}, {"Real", plist::Value(3.9)}, {"Text", plist::Value("12")}})
+    for (auto [key, value] : {std::pair{"Path", plist::Value("/x")},
+                              {"IsBackup", plist::Value(1)},
+                              {"Flag", plist::Value(false)},
+                              {"Location", plist::Value(int64_t{0x100000005})},
+                              {"Negative", plist::Value(-1)},
+                              {"Real", plist::Value(3.9)},
+                              {"Text", plist::Value("12")}})
         d.set(key, value);
     const plist::Value dict(d), text("/y");
     EXPECT_EQ(*R::stringParameter(text), "/y");
@@ -145,7 +149,7 @@ TEST(ResponderParameterTest, TypedReadsAnswerNothingForWrongKindsOrMissingEntrie
         std::optional<bool> asBool;
         std::optional<int32_t> asInt;  // native 32-bit int: wider values keep their low 32 bits
     } entries[] = {
-        {"IsBackup", nullptr, true, 1}, {"Flag", nullptr, false, 0},  {"Path", "/x", {}, {}},
+        {"IsBackup", nullptr, true, 1}, {"Flag", nullptr, false, 0},     {"Path", "/x", {}, {}},
         {"Location", nullptr, true, 5}, {"Negative", nullptr, true, -1}, {"Real", nullptr, true, 3},
         {"Text", "12", {}, {}},         {"Missing", nullptr, {}, {}},
     };

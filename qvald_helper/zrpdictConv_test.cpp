@@ -19,7 +19,8 @@ TEST(ZrpdictConvTest, ConvertsSupportedKindsInOrderAtAnyDepth) {
     // In order; a boolean stays a boolean and the integer 1 stays a number.
     const plist::Dictionary out = dictionaryWithZRPDictionary(in);
     EXPECT_EQ(plist::Value(out).description(),
-              "{\n    z = -7;\n    flag = 1;\n    nested = {\n        leaf = caf\xc3\xa9;\n    };\n    one = 1;\n}");
+              "{\n    z = -7;\n    flag = 1;\n    nested = {\n        leaf = caf\xc3\xa9;\n    };\n    one = "
+              "1;\n}");
     EXPECT_TRUE(out.find("flag")->isBoolean());
     EXPECT_TRUE(out.find("one")->isInteger());
     EXPECT_TRUE(dictionaryWithZRPDictionary(zrp::Dictionary()).empty());

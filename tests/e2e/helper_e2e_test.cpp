@@ -219,8 +219,9 @@ TEST_F(HelperE2ETest, ContainersAndPreferences) {
     const mode_t rootMode = lstatOf(host("/private/var/root")).st_mode;
     fs::create_directory_symlink("/private/var/root", host("/private/var/logs/out"));
     for (const std::string path : {"/var/logs/../root", "/private/var/logs/out/qvald"})
-        EXPECT_EQ(run({"prepareLogContainer:", path}).second.back(),
-                  "-[QVLHMessageResponder prepareLogContainer:]: creating logs under " + path + " is not allowed.");
+        EXPECT_EQ(
+            run({"prepareLogContainer:", path}).second.back(),
+            "-[QVLHMessageResponder prepareLogContainer:]: creating logs under " + path + " is not allowed.");
     EXPECT_EQ(run({"prepareWorkContainer:", "/var/logs/out/qvald"}).first, 1);
     EXPECT_EQ(lstatOf(host("/private/var/root")).st_mode, rootMode);
     EXPECT_FALSE(fs::exists(host("/private/var/root/qvald")));

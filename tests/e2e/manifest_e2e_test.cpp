@@ -153,17 +153,19 @@ TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
     const Lines create = {"createDeviceManifest:", "Path=/private/var/empty", "IsBackup=false"};
     const Lines backup = {"restoreBackupAttributes:", "StagingRootPath=/s", "Location=0", "Length=1"};
     EXPECT_EQ(transactions(), "0\n");
-    EXPECT_EQ(run(create), (std::pair<int, Lines>{1, {"Entering -[QVLHMessageResponder createDeviceManifest:] "
-                                                      "with parameter: {",
-                                                      "Loading signed manifest.", "Cannot load manifest."}}));
+    EXPECT_EQ(run(create), (std::pair<int, Lines>{1,
+                                                  {"Entering -[QVLHMessageResponder createDeviceManifest:] "
+                                                   "with parameter: {",
+                                                   "Loading signed manifest.", "Cannot load manifest."}}));
     EXPECT_EQ(transactions(), "1\n");
     ASSERT_EQ(::mkfifo(host(kSigned).c_str(), 0666), 0);
     const auto [status, lines] = run(backup);
     EXPECT_EQ(status, 1);
     ASSERT_EQ(lines.size(), 4u);
     EXPECT_EQ(lines[1], "Loading signed manifest.");
-    EXPECT_TRUE(lines[2].starts_with("-[QVLSignedManifest initWithNSStream:]: Cannot convert to property list - " +
-                                     kSigned + ": Invalid argument(0x"))
+    EXPECT_TRUE(
+        lines[2].starts_with("-[QVLSignedManifest initWithNSStream:]: Cannot convert to property list - " +
+                             kSigned + ": Invalid argument(0x"))
         << lines[2];
     EXPECT_EQ(lines[3], "Cannot load manifest.");
     EXPECT_EQ(transactions(), "2\n");

@@ -307,7 +307,7 @@ TEST_F(ResizeE2ETest, Cases) {
     Sandbox sandbox;
     for (size_t i = 0; i < std::size(kCases); i++) {
         SCOPED_TRACE(kCases[i].what);
-        if (!run(sandbox, kCases[i], images_.path("disk" + std::to_string(i) + ".img"))
+        if (!run(sandbox, kCases[i], images_.path("disk" + std::to_string(i) + ".img")))
             GTEST_SKIP() << "no loop device";
     }
 }
