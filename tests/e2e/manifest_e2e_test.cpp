@@ -55,19 +55,18 @@ std::string sign(const std::string& folder, int version, const std::vector<Compo
         const std::string file = folder + "/" + c.name + ".plist";
         testing::writeText(file, plist::writeXML(Value(c.manifest)));
         recipeComponents.push_back(Value(dict({{"Section", c.section},
-                                                {"Name", c.name},
-                                                {"Certificate", "Main"},
-                                                {"ManifestFile", file},
-                                                {"Bare", c.bare}})));
+                                               {"Name", c.name},
+                                               {"Certificate", "Main"},
+                                               {"ManifestFile", file},
+                                               {"Bare", c.bare}})));
     }
     for (const std::string& item : order) installationOrder.push_back(Value(item));
     const std::string pki = fs::absolute(testing::pkiPath("")).string() + signer;
-    Dictionary recipe =
-        dict({{"Version", version},
-               {"Certificates", dict({{"Main", dict({{"Chain", pki + "-chain.pem"},
-                                                       {"PrivateKey", pki + ".key"},
-                                                       {"TypeOfSignature", "Production"}})}})},
-               {"Components", recipeComponents}});
+    Dictionary recipe = dict({{"Version", version},
+                              {"Certificates", dict({{"Main", dict({{"Chain", pki + "-chain.pem"},
+                                                                    {"PrivateKey", pki + ".key"},
+                                                                    {"TypeOfSignature", "Production"}})}})},
+                              {"Components", recipeComponents}});
     if (!order.empty()) recipe.set("InstallationOrder", Value(installationOrder));
     testing::writeText(folder + "/recipe.plist", plist::writeXML(Value(recipe)));
     const std::string out = folder + "/signed-" + std::to_string(version) + signer;
@@ -201,11 +200,11 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
     place(sign(recipes.root(), 5,
                {{"Backup", "backup.Base",
                  dict({{"/", restorable("NSFileTypeDirectory", 0750)},
-                        {dcim, restorable("NSFileTypeDirectory", 0755)},
-                        {dcim + "/a.jpg", restorable("NSFileTypeRegular", 0600, true)}})},
+                       {dcim, restorable("NSFileTypeDirectory", 0755)},
+                       {dcim + "/a.jpg", restorable("NSFileTypeRegular", 0600, true)}})},
                 {"Backup", "backup.Extra",
                  dict({{dcim + "/b.jpg", restorable("NSFileTypeRegular", 0640)},
-                        {"/var/db/demo/link", restorable("NSFileTypeSymbolicLink", 0755)}})},
+                       {"/var/db/demo/link", restorable("NSFileTypeSymbolicLink", 0755)}})},
                 {"Backup", "backup.Late", late},
                 {"App", "app.com.demo.app", Dictionary()},
                 {"AppData", "com.demo.app", data},
