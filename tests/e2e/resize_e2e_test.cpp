@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <sstream>
@@ -19,6 +18,7 @@
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/fs/PropertyListFile.h"
 #include "tests/support/Sandbox.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl::e2e {
 namespace {
@@ -53,11 +53,6 @@ struct Case {
     std::vector<const char*> options = {"--disk", "IMAGE"};
     const char* absent = nullptr;  // no line may start with this
 };
-
-std::string readAll(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 plist::Array volumesOf(const std::string& path) {
     auto value = platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path);
@@ -95,12 +90,6 @@ class ResizeE2ETest : public ::testing::Test {
   protected:
     void SetUp() override {
         if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
-        char pattern[] = "/tmp/qvl-resize-e2e-XXXXXX";
-        ASSERT_TRUE(mkdtemp(pattern));
-        dir_ = pattern;
-    }
-    void TearDown() override {
-        if (!dir_.empty()) fs::remove_all(dir_);
     }
 
     // Makes the image, edits it and its volumes file as the case asks, runs
@@ -108,7 +97,7 @@ class ResizeE2ETest : public ::testing::Test {
     // left. Answers false when the case can't run here (no loop device).
     bool run(Sandbox& sandbox, const Case& c, const std::string& image);
 
-    std::string dir_;
+    testing::TempTree images_{"/tmp"};
 };
 
 // "{System}" and "{Data}" in a line become those volumes' UUIDs.
@@ -131,7 +120,7 @@ bool ResizeE2ETest::run(Sandbox& sandbox, const Case& c, const std::string& imag
     for (const std::string& line : c.lines) expected.push_back(withUUIDs(line, volumesFile));
 
     // A mark in block 1 past the header image, which any write of the table clears.
-    std::string blocks = readAll(image).substr(0, 3 * kBlock);
+    std::string blocks = testing::readText(image).substr(0, 3 * kBlock);
     blocks[kBlock + 2000] = 'M';
     if (c.patch) c.patch(blocks);
     std::fstream(image, std::ios::binary | std::ios::in | std::ios::out).write(blocks.data(), 3 * kBlock);
@@ -141,7 +130,7 @@ bool ResizeE2ETest::run(Sandbox& sandbox, const Case& c, const std::string& imag
         EXPECT_TRUE(platform::writePropertyListFile(platform::LinuxFileSystem::sharedInstance(), volumesFile,
                                                     plist::Value(volumes), plist::Format::XML));
     }
-    const std::string before = readAll(image);
+    const std::string before = testing::readText(image);
     const std::vector<Span> tableBefore = gptShow(image);
 
     std::vector<std::string> options;
@@ -188,7 +177,7 @@ bool ResizeE2ETest::run(Sandbox& sandbox, const Case& c, const std::string& imag
     for (const std::string& line : log) EXPECT_FALSE(c.absent && line.starts_with(c.absent)) << line;
 
     EXPECT_EQ(gptShow(image), c.table.empty() ? tableBefore : c.table);
-    const std::string after = readAll(image);
+    const std::string after = testing::readText(image);
     EXPECT_EQ(after.size(), before.size());
     EXPECT_EQ(after.compare(0, kBlock, before, 0, kBlock), 0) << "block 0 changed";
     EXPECT_EQ(after.compare(3 * kBlock, std::string::npos, before, 3 * kBlock), 0) << "blocks from 3 changed";
@@ -310,12 +299,6 @@ const Case kCases[] = {
      .lines = {"failed to open /dev/rdisk0s1",
                "Failed to open /dev/rdisk0s1 to write new GPT header out to disk."},
      .options = {"--disk", "IMAGE", "--disk-read-only"}},
-    {.what = "a header with 0 entries",
-     .commands = {kExpand},
-     .status = 0,
-     .lines = {"Creating new partition instead of adjusting existing one"},
-     .table = {{6, 16378}},
-     .patch = setCount(0)},
 };
 
 // One device root for all cases; each starts its own helper on its own disk,
@@ -324,7 +307,7 @@ TEST_F(ResizeE2ETest, Cases) {
     Sandbox sandbox;
     for (size_t i = 0; i < std::size(kCases); i++) {
         SCOPED_TRACE(kCases[i].what);
-        if (!run(sandbox, kCases[i], dir_ + "/disk" + std::to_string(i) + ".img"))
+        if (!run(sandbox, kCases[i], images_.path("disk" + std::to_string(i) + ".img")))
             GTEST_SKIP() << "no loop device";
     }
 }
