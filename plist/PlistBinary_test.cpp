@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cmath>
+#include <string>
 
 #include "plist/PropertyList.h"
 
@@ -64,30 +65,28 @@ TEST(PlistBinaryReader, RefusesBadTrailers) {
     const Crafted good{{"\x09"}};
     ASSERT_TRUE(read(good.build()));
 
-    struct Case {
+    const struct {
         const char* what;
-        Crafted crafted;
+        void (*change)(Crafted&);
+    } cases[] = {
+        {"offset width 0", [](Crafted& c) { c.offsetSize = 0; }},
+        {"offset width 9", [](Crafted& c) { c.offsetSize = 9; }},
+        {"reference width 0", [](Crafted& c) { c.refSize = 0; }},
+        {"reference width 9", [](Crafted& c) { c.refSize = 9; }},
+        {"no objects", [](Crafted& c) { c.numObjects = 0; }},
+        {"more objects than the table holds", [](Crafted& c) { c.numObjects = 2; }},
+        {"object count that overflows", [](Crafted& c) { c.numObjects = UINT64_MAX / 2; }},
+        {"top object out of range", [](Crafted& c) { c.top = 1; }},
+        {"table past the end", [](Crafted& c) { c.tableOffset = 1000; }},
+        {"table inside the header", [](Crafted& c) { c.tableOffset = 3; }},
+        {"object offset past the objects", [](Crafted& c) { c.offsetOverrides = {9}; }},
+        {"object offset inside the header", [](Crafted& c) { c.offsetOverrides = {2}; }},
     };
-    std::vector<Case> cases;
-    auto with = [&](const char* what, auto change) {
-        Crafted c = good;
-        change(c);
-        cases.push_back({what, c});
-    };
-    with("offset width 0", [](Crafted& c) { c.offsetSize = 0; });
-    with("offset width 9", [](Crafted& c) { c.offsetSize = 9; });
-    with("reference width 0", [](Crafted& c) { c.refSize = 0; });
-    with("reference width 9", [](Crafted& c) { c.refSize = 9; });
-    with("no objects", [](Crafted& c) { c.numObjects = 0; });
-    with("more objects than the table holds", [](Crafted& c) { c.numObjects = 2; });
-    with("object count that overflows", [](Crafted& c) { c.numObjects = UINT64_MAX / 2; });
-    with("top object out of range", [](Crafted& c) { c.top = 1; });
-    with("table past the end", [](Crafted& c) { c.tableOffset = 1000; });
-    with("table inside the header", [](Crafted& c) { c.tableOffset = 3; });
-    with("object offset past the objects", [](Crafted& c) { c.offsetOverrides = {9}; });
-    with("object offset inside the header", [](Crafted& c) { c.offsetOverrides = {2}; });
-    for (const auto& c : cases) EXPECT_EQ(readError(c.crafted.build()).code, ReadError::kCorrupt) << c.what;
-
+    for (const auto& c : cases) {
+        Crafted crafted = good;
+        c.change(crafted);
+        EXPECT_EQ(readError(crafted.build()).code, ReadError::kCorrupt) << c.what;
+    }
     EXPECT_EQ(readError("bplist00").code, ReadError::kCorrupt);
     EXPECT_EQ(readError(good.build().substr(0, 40)).code, ReadError::kCorrupt);
 }
@@ -123,21 +122,6 @@ TEST(PlistBinaryReader, RefusesBadObjects) {
     for (const auto& c : cases) EXPECT_EQ(readError(Crafted{c.objects}.build()).code, c.code) << c.what;
 }
 
-// A chain of arrays, each holding the next; the last is empty.
-std::string nestedArrays(int depth) {
-    Crafted c;
-    c.refSize = 2;
-    c.offsetSize = 2;
-    for (int i = 0; i < depth - 1; ++i) c.objects.push_back("\xA1" + be(i + 1, 2));
-    c.objects.push_back("\xA0");
-    return c.build();
-}
-
-TEST(PlistBinaryReader, NestingIsBoundedAt512) {
-    EXPECT_TRUE(read(nestedArrays(kMaxDepth)));
-    EXPECT_EQ(readError(nestedArrays(kMaxDepth + 1)).code, ReadError::kTooDeep);
-}
-
 TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
     // Layer i is [layer i+1, layer i+1]: 2^60 leaves from a few hundred bytes.
     Crafted c;
@@ -159,14 +143,9 @@ TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
 // What only a reader meets: writers use 8 bytes for negative integers and
 // 8-byte reals, but other tools may write these.
 TEST(PlistBinaryReader, NegativeSixteenByteIntegersAndFloats) {
-    const auto negative =
-        read(Crafted{{"\x14" + be(UINT64_MAX, 8) + be(static_cast<uint64_t>(-5), 8)}}.build());
-    ASSERT_TRUE(negative && negative->isInteger());
-    EXPECT_EQ(negative->asInteger()->asSigned(), -5);
-    EXPECT_FALSE(negative->asInteger()->isUnsigned);
-    const auto real = read(Crafted{{"\x22" + be(std::bit_cast<uint32_t>(1.5f), 4)}}.build());
-    ASSERT_TRUE(real && real->isReal());
-    EXPECT_EQ(*real->asReal(), 1.5);
+    EXPECT_EQ(read(Crafted{{"\x14" + be(UINT64_MAX, 8) + be(static_cast<uint64_t>(-5), 8)}}.build()),
+              Value(-5));
+    EXPECT_EQ(read(Crafted{{"\x22" + be(std::bit_cast<uint32_t>(1.5f), 4)}}.build()), Value(1.5));
 }
 
 std::string header(std::string_view file) {
@@ -195,13 +174,8 @@ TEST(PlistBinaryWriter, SmallestIntegerWidths) {
         {Value(UINT64_MAX), "\x14" + be(0, 8) + be(UINT64_MAX, 8)},
         {Value(Integer::fromUnsigned(7)), "\x10\x07"},
     };
-    for (const auto& c : cases) {
-        const std::string file = writeBinary(c.value);
-        EXPECT_EQ(header(file), c.object + "\x08") << c.value.description();
-        auto back = read(file);
-        ASSERT_TRUE(back);
-        EXPECT_EQ(*back, c.value);
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(header(writeBinary(c.value)), c.object + "\x08") << c.value.description();
 }
 
 TEST(PlistBinaryWriter, ReferenceWidthGrowsWithObjectCount) {
@@ -221,13 +195,8 @@ TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
         records.push_back(Value(std::move(d)));
     }
     const std::string file = writeBinary(Value(records));
-    auto count = [&](std::string_view needle) {
-        size_t n = 0;
-        for (size_t at = file.find(needle); at != std::string::npos; at = file.find(needle, at + 1)) ++n;
-        return n;
-    };
-    EXPECT_EQ(count("NSFileOwnerAccountName"), 1u);
-    EXPECT_EQ(count("mobile"), 1u);
+    for (const char* text : {"NSFileOwnerAccountName", "mobile"})
+        EXPECT_EQ(file.find(text), file.rfind(text)) << text;
     auto back = read(file);
     ASSERT_TRUE(back);
     EXPECT_EQ(*back, Value(records));
@@ -243,49 +212,85 @@ TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
     for (size_t i = 1; i < decoded.size(); ++i) EXPECT_EQ(decoded[i], records[i]);
 }
 
-TEST(PlistBinaryReader, RepeatedKeyKeepsItsFirstPlaceAndLastValue) {
-    // {"a": 1, "b": 3, "a": 2}, twice in an array.
-    const Crafted file({arrayOf({1, 1}), "\xD3\x02\x03\x02\x04\x05\x06", "Qa", "Qb", "\x10\x01", "\x10\x03",
-                        "\x10\x02"});
-    auto back = read(file.build());
-    ASSERT_TRUE(back);
-    for (const Value& v : *back->asArray()) {
-        const Dictionary& d = *v.asDictionary();
-        ASSERT_EQ(d.size(), 2u);
-        EXPECT_EQ(d.entries()[0].first, "a");
-        EXPECT_EQ(d.getInteger("a")->asSigned(), 2);
-        EXPECT_EQ(d.getInteger("b")->asSigned(), 3);
+TEST(PlistBinaryWriter, NaNKeepsItsPayload) {
+    auto back = read(writeBinary(Value(std::bit_cast<double>(0x7FF8000000000123ull))));
+    ASSERT_TRUE(back && back->isReal());
+    EXPECT_EQ(std::bit_cast<uint64_t>(*back->asReal()), 0x7FF8000000000123ull);
+}
+
+// What the two encodings share, checked through both.
+
+// A chain of `depth` arrays, each holding the next; the last is empty.
+std::string nestedArrays(Format format, int depth) {
+    std::string open, close;
+    for (int i = 0; i < depth; ++i) open += "<array>", close += "</array>";
+    if (format == Format::XML) return "<plist>" + open + close + "</plist>";
+    Crafted c;
+    c.refSize = 2;
+    c.offsetSize = 2;
+    for (int i = 0; i < depth - 1; ++i) c.objects.push_back("\xA1" + be(i + 1, 2));
+    c.objects.push_back("\xA0");
+    return c.build();
+}
+
+TEST(PlistBothEncodings, NestingIsBoundedAt512) {
+    for (Format format : {Format::Binary, Format::XML}) {
+        EXPECT_TRUE(read(nestedArrays(format, kMaxDepth)));
+        EXPECT_EQ(readError(nestedArrays(format, kMaxDepth + 1)).code, ReadError::kTooDeep);
     }
 }
 
-TEST(PlistBinaryWriter, RealsDatesAndTextKeepEveryBit) {
-    const double nanWithPayload = std::bit_cast<double>(0x7FF8000000000123ull);
-    Array items = {Value(-0.0),
-                   Value(5e-324),
-                   Value(nanWithPayload),
-                   Value(Date{-1234.000001}),
-                   Value(Date{std::nextafter(800000000.5, 1e10)}),
-                   Value("caf\xC3\xA9 \xF0\x9F\x98\x80"),
-                   Value(""),
-                   Value(Data{0, 1, 2})};
-    auto back = read(writeBinary(Value(items)));
-    ASSERT_TRUE(back);
-    const Array& a = *back->asArray();
-    ASSERT_EQ(a.size(), items.size());
-    for (size_t i = 0; i < 3; ++i)
-        EXPECT_EQ(std::bit_cast<uint64_t>(*a[i].asReal()), std::bit_cast<uint64_t>(*items[i].asReal()));
-    for (size_t i = 3; i < 5; ++i)
-        EXPECT_EQ(std::bit_cast<uint64_t>(a[i].asDate()->secondsSince2001),
-                  std::bit_cast<uint64_t>(items[i].asDate()->secondsSince2001));
-    for (size_t i = 5; i < items.size(); ++i) EXPECT_EQ(a[i], items[i]);
+// Small and large dictionaries take different paths, and binary records
+// sharing one key list are checked each.
+TEST(PlistBothEncodings, RepeatedKeyKeepsItsFirstPlaceAndLastValue) {
+    const auto xmlDict = [](int size) {
+        std::string body = "<dict>";
+        for (int i = 0; i < size; ++i)
+            body += "<key>k" + std::to_string(i) + "</key><integer>" + std::to_string(i) + "</integer>";
+        return body +
+               "<key>k1</key><string>second</string><key>k0</key><true/><key>k1</key><string>third</string>" +
+               "</dict>";
+    };
+    // [d, d], d = {"k0": 5, "k1": 5, "k2": 5, "k1": "second", "k0": true, "k1": "third"}
+    const Crafted binary({arrayOf({1, 1}), "\xD6\x02\x03\x04\x03\x02\x03\x05\x05\x05\x06\x07\x08", "Rk0",
+                          "Rk1", "Rk2", "\x10\x05", "Vsecond", "\x09", "Uthird"});
+    for (const std::string& file :
+         {binary.build(), "<plist><array>" + xmlDict(3) + xmlDict(40) + "</array></plist>"}) {
+        auto back = read(file);
+        ASSERT_TRUE(back);
+        for (const Value& v : *back->asArray()) {
+            const Dictionary& d = *v.asDictionary();
+            EXPECT_EQ(d.entries()[0], (Dictionary::Entry{"k0", Value(true)}));
+            EXPECT_EQ(d.entries()[1], (Dictionary::Entry{"k1", Value("third")}));
+            EXPECT_EQ(d.entries()[2].first, "k2");
+            EXPECT_EQ(d.entries()[d.size() - 1].first, "k" + std::to_string(d.size() - 1));
+        }
+    }
 }
 
-TEST(PlistBinaryWriter, RefusesWhatCannotBeEncoded) {
-    EXPECT_EQ(writeBinary(Value("bad \xFF utf-8")), "");
+TEST(PlistBothEncodings, WritersAnswerNothingForWhatTheyCannotCarry) {
     Value deep{Array{}};
     for (int i = 0; i < kMaxDepth; ++i) deep = Value(Array{std::move(deep)});
-    EXPECT_EQ(writeBinary(deep), "");
-    EXPECT_NE(writeBinary(*deep.asArray()->data()), "");  // exactly kMaxDepth levels
+    Dictionary badKey;
+    badKey.set(std::string("k\x02"), Value(1));
+    const struct {
+        Value value;
+        bool binary, xml;  // whether that encoding carries it
+    } cases[] = {
+        {Value("bad \xFF utf-8"), false, false},
+        {Value("\xC3"), false, false},
+        {deep, false, false},
+        {*deep.asArray()->data(), true, true},  // exactly kMaxDepth levels
+        {Value(std::string("a\x01z")), true, false},
+        {Value("\xEF\xBF\xBE"), true, false},  // U+FFFE
+        {Value(badKey), true, false},
+        {Value(Date{1e13}), true, false},  // past year 9999
+        {Value(Date{NAN}), true, false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(writeBinary(c.value).empty(), !c.binary) << c.value.description();
+        EXPECT_EQ(writeXML(c.value).empty(), !c.xml) << c.value.description();
+    }
 }
 
 }  // namespace
