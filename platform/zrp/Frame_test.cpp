@@ -99,30 +99,25 @@ TEST(ZRPFrame, DescriptorsTravelBesideTheBody) {
 }
 
 TEST(ZRPFrame, EncoderRefusesWhatCannotTravel) {
-    std::string error;
-    Dictionary tooMany;
+    Dictionary tooMany, huge, nul, deep;
     for (int i = 0; i < 17; ++i)
         tooMany.set("fd" + std::to_string(i),
                     Value(FileDescriptor{std::make_shared<const UniqueFd>(openDevNull())}));
-    EXPECT_FALSE(encodeFrame(tooMany, &error));
-    EXPECT_EQ(error, "more than 16 file descriptors");
-
-    Dictionary huge;
     huge.setData("d", std::vector<uint8_t>(kMaxBodyLength, 0));
-    EXPECT_FALSE(encodeFrame(huge, &error));
-    EXPECT_EQ(error, "message body exceeds 16 MiB");
-
-    Dictionary nul;
     nul.setString("k", std::string("a\0b", 3));
-    EXPECT_FALSE(encodeFrame(nul));
-
-    Dictionary deep;
-    for (int i = 0; i < kMaxDepth; ++i) {
+    for (int i = 0; i < kMaxDepth; ++i) {  // 65 levels with the top one
         Dictionary outer;
         outer.set("d", Value(std::move(deep)));
         deep = std::move(outer);
     }
-    EXPECT_FALSE(encodeFrame(deep));  // 65 levels
+    for (const auto& [d, message] : {std::pair{&tooMany, "more than 16 file descriptors"},
+                                     {&huge, "message body exceeds 16 MiB"},
+                                     {&nul, "string or key holds a NUL byte"},
+                                     {&deep, "message nested deeper than 64"}}) {
+        std::string error;
+        EXPECT_FALSE(encodeFrame(*d, &error)) << message;
+        EXPECT_EQ(error, message);
+    }
 }
 
 TEST(ZRPFrame, HeaderChecksMagicAndLimit) {
