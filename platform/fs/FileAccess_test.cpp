@@ -68,31 +68,65 @@ TEST(FileAccess, WriteFileAtomicallyReplacesWholeAndNeverFollowsTheName) {
     EXPECT_EQ(readText(t.path("new")), "three");
 }
 
-TEST(FileAccess, OpenFolderBeneathStaysBelowTheBase) {
+// Both walks below a base folder go one name at a time, refuse ".." and
+// follow no link on the way; the item walk stops short of the last name.
+TEST(FileAccess, WalksBeneathABaseStayBelowIt) {
     TempTree t;
-    t.folder("base/a/b");
-    t.file("base/file");
+    t.file("base/a/b/file", "x");
     t.folder("outside");
     t.symlink("base/escape", t.path("outside"));
     t.symlink("base/a/inner", "b");
+    t.symlink("base/a/up", t.root());
+    const UniqueFd base = files().openFolder(t.path("base"));
+    ASSERT_TRUE(base.valid());
     const struct {
         const char* relative;
-        bool create;
-        int error;
+        int folderError, itemError;
+        const char*
+            reached;  // by the item walk, relative to the tree: the item itself, never a link's target
     } cases[] = {
-        {"a/b", false, 0},         {"/a//./b/", false, 0},     {"", false, 0},
-        {"a/new/deeper", true, 0}, {"missing", false, ENOENT}, {"a/../a", false, EXDEV},
-        {"..", true, EXDEV},       {"escape", false, ELOOP},   {"escape/x", true, ELOOP},
-        {"a/inner", false, ELOOP}, {"file", false, ENOTDIR},   {"file/x", true, ENOTDIR},
+        {"a/b", 0, 0, "base/a/b"},
+        {"//a/./b//file", ENOTDIR, 0, "base/a/b/file"},
+        {"", 0, 0, "base"},
+        {"/", 0, 0, "base"},
+        {"a/inner", ELOOP, 0, "base/a/inner"},
+        {"escape", ELOOP, 0, "base/escape"},
+        {"escape/x", ELOOP, ELOOP, nullptr},
+        {"a/up/base/a/b/file", ELOOP, ELOOP, nullptr},
+        {"a/../a", EXDEV, EXDEV, nullptr},
+        {"missing/x", ENOENT, ENOENT, nullptr},
+        {"a/b/file/x", ENOTDIR, ENOTDIR, nullptr},
     };
     for (const auto& c : cases) {
-        EXPECT_EQ(errorOf(files().openFolderBeneath(t.path("base"), c.relative, c.create, 0755)), c.error)
+        EXPECT_EQ(errorOf(files().openFolderBeneath(t.path("base"), c.relative, false, 0755)), c.folderError)
             << c.relative;
+        ItemBeneath item;
+        errno = 0;
+        EXPECT_EQ(files().openItemBeneath(base.get(), c.relative, &item) == 0 ? 0 : errno, c.itemError)
+            << c.relative;
+        ItemStat st;
+        if (c.reached)
+            EXPECT_EQ(files().statItem(item.path, &st) == 0 ? st.inode : 0, t.stat(c.reached).st_ino);
     }
+    // Creating the missing folders on the way.
+    for (const auto& [relative, error] :
+         {std::pair{"a/new/deeper", 0}, {"..", EXDEV}, {"escape/x", ELOOP}, {"a/b/file/x", ENOTDIR}})
+        EXPECT_EQ(errorOf(files().openFolderBeneath(t.path("base"), relative, true, 0755)), error)
+            << relative;
     EXPECT_TRUE(S_ISDIR(t.stat("base/a/new/deeper").st_mode));
     EXPECT_FALSE(t.exists("outside/x"));
     EXPECT_EQ(errorOf(files().openFolder(t.path("base/escape"))), ELOOP);
-    EXPECT_EQ(errorOf(files().openFolder(t.path("base/a"))), 0);
+
+    // The item's folder is held: moving it away and planting a link in its
+    // place does not redirect a path already given out.
+    ItemBeneath item;
+    ASSERT_EQ(files().openItemBeneath(base.get(), "a/b/file", &item), 0);
+    std::filesystem::rename(t.path("base/a/b"), t.path("moved"));
+    t.symlink("base/a/b", t.path("elsewhere"));
+    t.file("elsewhere/file", "y");
+    ASSERT_EQ(files().changeMode(item.path, 0600), 0);
+    EXPECT_EQ(t.stat("moved/file").st_mode & 07777, 0600u);
+    EXPECT_EQ(t.stat("elsewhere/file").st_mode & 07777, 0644u);
 }
 
 }  // namespace
