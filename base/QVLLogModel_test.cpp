@@ -32,25 +32,32 @@ class LogModelTest : public ::testing::Test {
 };
 
 // Lines carry the date of their own second, whatever was logged before, and a
-// long line between short ones leaves them whole. Observers see the message alone.
-TEST_F(LogModelTest, EachLineCarriesItsOwnSecond) {
+// long line between short ones leaves them whole. A second start on the same
+// day appends to the day's file, in the folders the first one made.
+// Observers see the message alone.
+TEST_F(LogModelTest, EachLineCarriesItsOwnSecondAndStartsAppend) {
     EXPECT_EQ(QVLLogModel::dateText(1795381445.0), "2026-11-22 21:04:05 +0000");
+    const std::string folder = dir_ + "/a/b/c", longText(10000, 'x');
+    const std::string file = QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper");
+    const std::pair<double, std::string> lines[] = {
+        {1795381445.25, "one"}, {1795381445.999, longText}, {1795381446.0, "two"}, {1795381444.5, "three"}};
     double clock = 1795381445.25;
-    QVLLogModel model(at(clock));
-    QVLLogCapture capture(model);
-    ASSERT_TRUE(model.enableLogToFile(dir_ + "/lines.log"));
-    const std::string longText(10000, 'x');
-    for (const auto& [when, text] : std::vector<std::pair<double, std::string>>{{1795381445.25, "one"},
-                                                                                {1795381445.999, longText},
-                                                                                {1795381446.0, "two"},
-                                                                                {1795381444.5, "three"}}) {
-        clock = when;  // the last one was set back
-        model.logMessage(text);
+    for (size_t start = 0; start < 2; ++start) {
+        QVLLogModel model(at(clock));
+        ASSERT_TRUE(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5));
+        QVLLogCapture capture(model);
+        for (size_t i = 2 * start; i < 2 * start + 2; ++i) {
+            clock = lines[i].first;  // the last one was set back
+            model.logMessage(lines[i].second);
+        }
+        EXPECT_EQ(capture.lines(), (Lines{lines[2 * start].second, lines[2 * start + 1].second}));
     }
-    EXPECT_EQ(testing::readText(dir_ + "/lines.log"),
+    EXPECT_EQ(testing::readText(file),
               "2026-11-22 21:04:05 +0000 one\n2026-11-22 21:04:05 +0000 " + longText +
                   "\n2026-11-22 21:04:06 +0000 two\n2026-11-22 21:04:04 +0000 three\n");
-    EXPECT_EQ(capture.lines(), (Lines{"one", longText, "two", "three"}));
+    t.file("plainfile", "x");
+    QVLLogModel model(at(clock));
+    EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log") || model.logToFileEnabled());
 }
 
 TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
@@ -79,23 +86,6 @@ TEST_F(LogModelTest, ExpiryCutOffAndTheKeptFile) {
     // The plain variant spares nothing.
     ASSERT_TRUE(QVLLogModel(at(clock)).enableLogToFilesUnder(dir_, "other", 5));
     EXPECT_FALSE(t.exists("finish-demo-retore.log"));
-}
-
-TEST_F(LogModelTest, SetUpCreatesTheFolderAndAppends) {
-    const std::string folder = dir_ + "/a/b/c";
-    const double clock = static_cast<double>(time(nullptr));
-    for (const char* message : {"first 1", "second start"}) {  // two starts on one day
-        QVLLogModel model(at(clock));
-        ASSERT_TRUE(model.enableLogToFilesUnder_skipFinishDemoRestore(folder, "qvald_helper", 5));
-        EXPECT_TRUE(model.logToFileEnabled());
-        model.logMessage(message);
-    }
-    EXPECT_TRUE(
-        std::regex_match(testing::readText(QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper")),
-                         std::regex(kDate + "first 1\n" + kDate + "second start\n")));
-    t.file("plainfile", "x");
-    QVLLogModel model(at(clock));
-    EXPECT_FALSE(model.enableLogToFile(dir_ + "/plainfile/sub/x.log") || model.logToFileEnabled());
 }
 
 // What another user can plant in a log folder open to all, at the daily
