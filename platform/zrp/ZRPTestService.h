@@ -12,25 +12,21 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <utility>
+
+#include "tests/support/TestSupport.h"
 
 namespace qvl::zrp {
 
 class TestServiceProcess {
   public:
-    TestServiceProcess() {
-        char tmpl[] = "/tmp/zrp-test-XXXXXX";
-        dir_ = mkdtemp(tmpl);
-    }
     ~TestServiceProcess() {
         if (pid_ > 0) {
             ::kill(pid_, SIGKILL);
             wait();
         }
         if (out_) fclose(out_);
-        std::filesystem::remove_all(dir_);
     }
 
     static std::string binary() {
@@ -40,7 +36,7 @@ class TestServiceProcess {
     static bool built() { return access(binary().c_str(), X_OK) == 0; }
 
     // The private socket folder.
-    const std::string& dir() const { return dir_; }
+    const std::string& dir() const { return tree_.root(); }
     pid_t pid() const { return pid_; }
 
     // Runs `script` with /bin/sh, $0 being the service and $1 the socket
@@ -53,7 +49,7 @@ class TestServiceProcess {
         if (pid_ == 0) {
             dup2(out[1], 1);
             if (fdThree >= 0) dup2(fdThree, 3);
-            execl("/bin/sh", "sh", "-c", script.c_str(), binary().c_str(), dir_.c_str(), nullptr);
+            execl("/bin/sh", "sh", "-c", script.c_str(), binary().c_str(), dir().c_str(), nullptr);
             _exit(127);
         }
         close(out[1]);
@@ -78,7 +74,7 @@ class TestServiceProcess {
     }
 
   private:
-    std::string dir_;
+    testing::TempTree tree_{"/tmp"};
     pid_t pid_ = -1;
     FILE* out_ = nullptr;
 };
