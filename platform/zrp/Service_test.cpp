@@ -121,14 +121,11 @@ class ServiceTest : public ::testing::Test {
 
 TEST_F(ServiceTest, SocketFilesModesAndStaleSockets) {
     const std::string& dir = dir_;
-    struct stat st;
-    ASSERT_EQ(stat((dir + "/test.service").c_str(), &st), 0);
-    EXPECT_TRUE(S_ISSOCK(st.st_mode));
-    EXPECT_EQ(st.st_mode & 07777, 0666u);
+    EXPECT_TRUE(S_ISSOCK(tree_.stat("test.service").st_mode));
+    EXPECT_EQ(tree_.stat("test.service").st_mode & 07777, 0666u);
     auto nested = createListener("x", nullptr, dir + "/made/here");
     ASSERT_TRUE(nested);
-    ASSERT_EQ(stat((dir + "/made/here").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0755u);  // a fresh folder is made 0755
+    EXPECT_EQ(tree_.stat("made/here").st_mode & 07777, 0755u);  // a fresh folder is made 0755
     nested->cancel();
 
     std::string error;
@@ -232,13 +229,10 @@ TEST_F(ServiceTest, AuditTokenNamesThePeerWhileItLives) {
 // Descriptors come with the first byte of their frame, at most 16 of them;
 // anything else would let a peer pile up descriptors in the service.
 TEST_F(ServiceTest, DescriptorsTravelOnlyWithTheStartOfTheirFrame) {
-    int p[2];
-    ASSERT_EQ(pipe2(p, O_CLOEXEC), 0);
-    ASSERT_EQ(write(p[1], "hi", 2), 2);
-    close(p[1]);
-    Dictionary withPipe = numbered(5);
-    withPipe.set("fd", Value(FileDescriptor{std::make_shared<const UniqueFd>(p[0])}));
-    std::optional<EncodedFrame> frame = encodeFrame(withPipe);
+    const int file = open(tree_.file("hi", "hi").c_str(), O_RDONLY | O_CLOEXEC);
+    Dictionary withFile = numbered(5);
+    withFile.set("fd", Value(FileDescriptor{std::make_shared<const UniqueFd>(file)}));
+    std::optional<EncodedFrame> frame = encodeFrame(withFile);
     ASSERT_TRUE(frame);
     const int devnull = open("/dev/null", O_RDONLY | O_CLOEXEC);
     // Sixteen in all, fifteen of them not referenced (those are just closed).
@@ -259,7 +253,7 @@ TEST_F(ServiceTest, DescriptorsTravelOnlyWithTheStartOfTheirFrame) {
     EXPECT_EQ(tooMany->receive(5s).status, Client::Status::Closed);
     auto midFrame = connect();
     EncodedFrame head{std::vector<uint8_t>(frame->bytes.begin(), frame->bytes.begin() + 9), {}};
-    EncodedFrame tail{std::vector<uint8_t>(frame->bytes.begin() + 9, frame->bytes.end()), {p[0]}};
+    EncodedFrame tail{std::vector<uint8_t>(frame->bytes.begin() + 9, frame->bytes.end()), {file}};
     ASSERT_TRUE(sendFrame(midFrame->fd(), head, 1s));
     std::this_thread::sleep_for(20ms);  // let the head be read on its own
     ASSERT_TRUE(sendFrame(midFrame->fd(), tail, 1s));
