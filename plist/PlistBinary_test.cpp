@@ -1,3 +1,6 @@
+// The binary codec's own cases, on bytes crafted by hand, and what both
+// encodings share, run through both. The XML-only cases are in
+// PlistXML_test.cpp; the round trip of every kind is the plistlib cross-check's.
 #include <gtest/gtest.h>
 
 #include <bit>
