@@ -32,6 +32,7 @@ constexpr uint64_t kBlocks = 16384;  // 64 MiB; usable blocks 6 to 16378
 // resize is recorded in `events`.
 struct FakeHost : platform::RawDisk, platform::Volumes, platform::DeviceInfo {
     bool failStat = false, failBlockSize = false, failBlockCount = false, failList = false;
+    uint32_t sectorSize = kBlock;
     uint64_t readLimit = 3 * kBlock;
     size_t writeLimit = SIZE_MAX;
     int resizeError = 0;
@@ -47,7 +48,7 @@ struct FakeHost : platform::RawDisk, platform::Volumes, platform::DeviceInfo {
         return ++openCount, 7;
     }
     std::optional<bool> isBlockDevice(int) override { return failStat ? std::nullopt : std::optional(true); }
-    bool blockSize(int, uint32_t* size) override { return !failBlockSize && (*size = kBlock, true); }
+    bool blockSize(int, uint32_t* size) override { return !failBlockSize && (*size = sectorSize, true); }
     bool blockCount(int, uint64_t* count) override { return !failBlockCount && (*count = kBlocks, true); }
     ssize_t readAt(int, void* buffer, size_t size, uint64_t offset) override {
         size = std::min<size_t>(size, readLimit - std::min<uint64_t>(offset, readLimit));
@@ -226,6 +227,64 @@ TEST_F(ResizeDriver, PartitionNamesOutliveTheRequest) {
     EXPECT_EQ(run(shrink_data_partition), -1);
     EXPECT_EQ(Lines(lines_.end() - 2, lines_.end()),
               (Lines{"bad partion number", "failed to adjust partition 2"}));
+}
+
+// The runs a real disk can be set up for, each by what it logs in order.
+TEST_F(ResizeDriver, EachRunLogsWhatItFound) {
+    const struct Case {
+        std::function<void()> setUp;
+        int (*entry)(const ResizeServices&);
+        int rc;
+        Lines lines;
+    } cases[] = {
+        // clang-format off
+        {[this] { setPartitions({{"System", 2048}, {"Data", 12277}, {"Update", 2048}}); },
+         expand_data_partition, 0, {"partition: requiredSize=12277", "no change in size"}},
+        {[this] { host_.list.erase(host_.list.begin() + 1); },
+         expand_data_partition, 1, {"scanning 2 filesystems for A0010000-0000-0000-0000-000000000000",
+          "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=12277)",
+          "failed to adjust partition 1"}},
+        {[this] { host_.usage = usage(plist::Value(int64_t(1) << 40), plist::Value(0)); },
+         shrink_data_partition, -1, {"partition: requiredSize=268435456"}},
+        {[this] { setPartitions({{"System", 2048}}); },
+         expand_data_partition, 0, {"Creating new partition instead of adjusting existing one",
+          "About to adjust with settings partitionIndex:1 size:55 MB"}},
+        {[this] { setPartitions({{"System", 2048}, {"Update", 1024}, {"Data", 4096}}); },
+         expand_data_partition, 0, {"Partition 1: first = 2054, last = 3077, lbaNumber = 1024",
+          "Block numbers that could be used as data partition = 10229",
+          "Resizing existing partition with GPT index 2"}},
+        {[this] { setPartitions({{"System", 2048}, {"Update", 2048}, {"Data", 8192}});
+                  host_.usage = usage(plist::Value(0), plist::Value(0)); },
+         shrink_data_partition, -1, {"partition: requiredSize=0", "deletion of partition 1 disallowed"}},
+        {[this] { host_.resizeError = ENOSPC; },
+         shrink_data_partition, -1, {"HFS resize failed. errno=28",
+          "can't shrink partition 1, currently mounted on /private/var", "failed to adjust partition 1"}},
+        {[this] { plexa::storeLE32(host_.bytes.data() + kBlock + gpt::kEntryCount, 9); },
+         expand_data_partition, 1, {"GPT header of /dev/rdisk0s1 claims 9 partitions; the view holds 8"}},
+        // The scan sees the first 8 volumes: here the data volume is the 8th.
+        {[this] { host_.list[0].uuid.reset();
+                  host_.list.insert(host_.list.begin() + 1, 6, platform::Volumes::Volume{}); },
+         shrink_data_partition, 0, {"scanning 8 filesystems for A0010000-0000-0000-0000-000000000000",
+          "device matching disk0s1s1 has no UUID (unexpected)",
+          "UUID A0010000-0000-0000-0000-000000000000 match"}},
+        {[this] { host_.bytes[gpt::kMBRSignatureOffset] = 0; },
+         expand_data_partition, 1, {"/dev/rdisk0s1 not managed by Plexa"}},
+        {[this] { host_.sectorSize = 512; }, expand_data_partition, 1, {"Device /dev/rdisk0s1 not suitable"}},
+        // clang-format on
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.lines.front());
+        SetUp();
+        c.setUp();
+        const std::vector<uint8_t> start = host_.bytes;
+        EXPECT_EQ(run(c.entry), c.rc);
+        auto at = lines_.begin();
+        for (const std::string& line : c.lines) {
+            at = std::find(at, lines_.end(), line);
+            ASSERT_NE(at, lines_.end()) << "missing, or out of order: " << line;
+        }
+        if (c.rc != 0) EXPECT_EQ(host_.bytes, start);
+    }
 }
 
 }  // namespace
