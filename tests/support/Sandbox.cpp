@@ -133,6 +133,26 @@ CommandResult Sandbox::qvalctl(const std::vector<std::string>& args, const std::
     return exec(full, user);
 }
 
+std::pair<int, std::vector<std::string>> Sandbox::request(const std::vector<std::string>& command,
+                                                          const std::string& user) {
+    const size_t from = logLines().size();
+    const int status = qvalctl(command, user).status;
+    std::vector<std::string> logged;
+    bool inDictionary = false, entered = false;
+    for (const std::string& line : handledSince(from)) {
+        entered = entered || line.starts_with("Entering ");
+        if (line == "Message handled") break;
+        if (!entered) continue;
+        if (inDictionary) {
+            inDictionary = line != "}";
+            continue;
+        }
+        logged.push_back(line);
+        inDictionary = line.ends_with("{");
+    }
+    return {status, logged};
+}
+
 void Sandbox::entitleClient(int uid, const std::string& valueXML) {
     writeFile(
         "/etc/ostrel/entitlements/e2e-" + std::to_string(uid) + ".plist",

@@ -11,6 +11,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace qvl::e2e {
@@ -56,6 +57,11 @@ class Sandbox {
     // Runs qvalctl inside, as `user` when given, with `args` (its options
     // and the request).
     CommandResult qvalctl(const std::vector<std::string>& args, const std::string& user = "");
+    // Runs qvalctl with `command`: its exit status (0 true, 1 false) and the
+    // lines logged from the command's entry line until "Message handled",
+    // without the rows of the dictionaries they show.
+    std::pair<int, std::vector<std::string>> request(const std::vector<std::string>& command,
+                                                     const std::string& user = "");
     // Adds an entitlement registry entry for qvalctl run as `uid`, holding
     // the helper's entitlement as `valueXML` (for example "<true/>").
     void entitleClient(int uid, const std::string& valueXML);
