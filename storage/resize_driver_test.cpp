@@ -1,8 +1,8 @@
-// The resize driver over an in-memory host that fails where a case wants it
-// to: the faults of a real disk, registry and volume that only a fake can
-// cause. The driver's ordinary runs (shrink, expand, the sizes it picks, the
-// volume resized before the table is written when shrinking and after it when
-// growing) are the resize end-to-end test's cases on a loop device.
+// The resize driver over an in-memory host set up as each case wants it:
+// what the driver logs for each disk, registry and volume it meets, and the
+// faults that only a fake can cause. The ordinary shrink and expand on a real
+// loop device, with the volume resized before the table is written when
+// shrinking and after it when growing, are the resize end-to-end test's.
 #include "storage/resize_driver.h"
 
 #include <gtest/gtest.h>
