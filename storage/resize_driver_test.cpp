@@ -236,6 +236,7 @@ TEST_F(ResizeDriver, EachRunLogsWhatItFound) {
         int (*entry)(const ResizeServices&);
         int rc;
         Lines lines;
+        const char* absent = nullptr;  // no line may start with this
     } cases[] = {
         // clang-format off
         {[this] { setPartitions({{"System", 2048}, {"Data", 12277}, {"Update", 2048}}); },
@@ -245,7 +246,7 @@ TEST_F(ResizeDriver, EachRunLogsWhatItFound) {
           "filesystem must be mounted (mountPoint=(null),which=1,nPartitions=3,newSize=12277)",
           "failed to adjust partition 1"}},
         {[this] { host_.usage = usage(plist::Value(int64_t(1) << 40), plist::Value(0)); },
-         shrink_data_partition, -1, {"partition: requiredSize=268435456"}},
+         shrink_data_partition, -1, {"partition: requiredSize=268435456"}, "scanning"},
         {[this] { setPartitions({{"System", 2048}}); },
          expand_data_partition, 0, {"Creating new partition instead of adjusting existing one",
           "About to adjust with settings partitionIndex:1 size:55 MB"}},
@@ -283,6 +284,7 @@ TEST_F(ResizeDriver, EachRunLogsWhatItFound) {
             at = std::find(at, lines_.end(), line);
             ASSERT_NE(at, lines_.end()) << "missing, or out of order: " << line;
         }
+        for (const std::string& line : lines_) EXPECT_FALSE(c.absent && line.starts_with(c.absent)) << line;
         if (c.rc != 0) EXPECT_EQ(host_.bytes, start);
     }
 }
