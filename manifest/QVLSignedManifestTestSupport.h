@@ -1,6 +1,6 @@
 // Helpers for the signed-manifest and content-check tests: the development
 // PKI's identities, a device whose signing fuse the test sets, content checks
-// that record their calls, file records and builders of signed manifests.
+// that record their calls and builders of signed manifests.
 #pragma once
 
 #include <cstdlib>
@@ -64,34 +64,6 @@ struct TestEnvironment : platform::DeviceInfo {
         return s;
     }
 };
-
-// A file record as the device manifest writes it, owned by mobile (501).
-inline Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644,
-                         std::string target = "") {
-    return dict({{"QVLManifestFileAttributes", dict({{"NSFileType", type},
-                                                     {"NSFilePosixPermissions", mode},
-                                                     {"NSFileOwnerAccountID", 501},
-                                                     {"NSFileGroupOwnerAccountID", 501},
-                                                     {"NSFileOwnerAccountName", "mobile"},
-                                                     {"NSFileGroupOwnerAccountName", "mobile"}})},
-                 {"QVLManifestFileExtendedAttributes", Dictionary()},
-                 {"QVLManifestFileHash", plist::Data(20, 0xab)},
-                 {"QVLManifestSymbolicLinkTargetFile", target}});
-}
-
-inline Dictionary& sub(Dictionary& d, const std::string& key) {
-    return *d.find(key)->asDictionary();
-}
-
-// `r` with the attribute `key` set, or removed when `value` is nullopt.
-inline Dictionary withAttribute(Dictionary r, std::string_view key, std::optional<Value> value) {
-    Dictionary& attributes = sub(r, "QVLManifestFileAttributes");
-    if (value)
-        attributes.set(std::string(key), std::move(*value));
-    else
-        attributes.erase(key);
-    return r;
-}
 
 // Regular files at `paths`.
 inline Dictionary fileManifest(const std::vector<std::string>& paths) {

@@ -13,11 +13,14 @@
 namespace qvl {
 namespace {
 
+using testing::dict;
 using testing::FaultyFileSystem;
 using testing::lstatOf;
+using testing::record;
 using testing::setUserAttribute;
 using testing::sha1Of;
 using testing::TempTree;
+using testing::withAttribute;
 using Lines = std::vector<std::string>;
 
 platform::FileSystem& linuxFiles() {
@@ -43,62 +46,59 @@ QVLFileMetadata collect(const std::string& path, platform::FileSystem& files = l
     return m ? *m : QVLFileMetadata(plist::Dictionary());
 }
 
-TEST(QVLFileMetadataCollect, RegularFileHasFourKeysDigestAndUserAttributesOnly) {
+TEST(QVLFileMetadataCollect, RecordsOfEachKindOfItem) {
     TempTree tree;
     const std::string path = tree.file("f", "hello", 0640);
     setUserAttribute(path, "com.example.tag", std::string("v\0x", 3));
     setUserAttribute(path, "empty", "");
+    const struct {
+        std::string path;
+        const char* type;
+        plist::Data hash;
+        std::string target;
+        int64_t size;
+    } cases[] = {
+        {path, "NSFileTypeRegular", sha1Of("hello"), "", 5},
+        {tree.folder("d"), "NSFileTypeDirectory", {}, "", 0},
+        {tree.symlink("d/link", "../nowhere/x"),
+         "NSFileTypeSymbolicLink",
+         {},
+         "../nowhere/x",
+         0},  // dangling
+        {tree.socket("s"), "NSFileTypeSocket", {}, "", 0},
+        {tree.fifo("p"), "NSFileTypeUnknown", {}, "", 0},  // the platform has no name of its own for a pipe
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.path);
+        QVLFileMetadata m = collect(c.path);
+        EXPECT_EQ(keysOf(m.dict()), kAllKeys);
+        EXPECT_EQ(*m.getFileType(), c.type);
+        EXPECT_EQ(*m.getHash(), c.hash);
+        EXPECT_EQ(*m.getTargetFile(), c.target);
+        EXPECT_EQ(m.getFileSize(), c.size);
+    }
+    EXPECT_EQ(attribute(collect(tree.path("d/link")), "NSFileSize"), 12);
+    // User attributes only, values as bytes.
     QVLFileMetadata m = collect(path);
-    EXPECT_EQ(keysOf(m.dict()), kAllKeys);
-    EXPECT_EQ(*m.getHash(), sha1Of("hello"));
-    EXPECT_EQ(*m.getTargetFile(), "");
-    EXPECT_EQ(m.getFileSize(), 5);
-    plist::Dictionary expected;
-    expected.set("com.example.tag", plist::Data{'v', 0, 'x'});
-    expected.set("empty", plist::Data{});
-    EXPECT_EQ(plist::Value(*m.getExtendedAttributes()), plist::Value(expected));
+    EXPECT_EQ(plist::Value(*m.getExtendedAttributes()),
+              plist::Value(dict({{"com.example.tag", plist::Data{'v', 0, 'x'}}, {"empty", plist::Data{}}})));
 
     // What sha1sum and stat(1) also say is cross-checked over a whole tree
     // (QVLManifest_test); here the keys they can't.
     const struct stat st = lstatOf(path);
     const plist::Dictionary& a = *m.getFileAttributes();
-    plist::Dictionary expectedAttributes;
-    expectedAttributes.set("NSFileType", "NSFileTypeRegular");
-    expectedAttributes.set("NSFileReferenceCount", 1);
-    expectedAttributes.set("NSFileSystemFileNumber", static_cast<int64_t>(st.st_ino));
-    expectedAttributes.set("NSFileProtectionKey", "NSFileProtectionNone");
-    expectedAttributes.set("NSFileImmutable", false);
-    expectedAttributes.set("NSFileBusy", false);
-    expectedAttributes.set("NSFileHFSCreatorCode", 0);
+    plist::Dictionary expectedAttributes = dict({{"NSFileType", "NSFileTypeRegular"},
+                                                 {"NSFileReferenceCount", 1},
+                                                 {"NSFileSystemFileNumber", static_cast<int64_t>(st.st_ino)},
+                                                 {"NSFileProtectionKey", "NSFileProtectionNone"},
+                                                 {"NSFileImmutable", false},
+                                                 {"NSFileBusy", false},
+                                                 {"NSFileHFSCreatorCode", 0}});
     if (getuid() == 0) expectedAttributes.set("NSFileOwnerAccountName", "root");
     for (const auto& [key, value] : expectedAttributes) EXPECT_EQ(*a.find(key), value) << key;
     EXPECT_TRUE(a.find("NSFileSize")->asInteger()->isUnsigned);
     EXPECT_NEAR(a.find("NSFileModificationDate")->asDate()->toUnix(),
                 st.st_mtim.tv_sec + st.st_mtim.tv_nsec * 1e-9, 1e-6);
-}
-
-TEST(QVLFileMetadataCollect, FoldersLinksAndSpecialFiles) {
-    TempTree tree;
-    const struct {
-        std::string path;
-        const char* type;
-        std::string target;
-    } cases[] = {
-        {tree.folder("d"), "NSFileTypeDirectory", ""},
-        {tree.symlink("d/link", "../nowhere/x"), "NSFileTypeSymbolicLink",
-         "../nowhere/x"},  // dangling, unresolved
-        {tree.socket("s"), "NSFileTypeSocket", ""},
-        {tree.fifo("p"), "NSFileTypeUnknown", ""},  // the platform has no name of its own for a pipe
-    };
-    for (const auto& c : cases) {
-        QVLFileMetadata m = collect(c.path);
-        EXPECT_EQ(keysOf(m.dict()), kAllKeys) << c.path;
-        EXPECT_EQ(*m.getFileType(), c.type);
-        EXPECT_TRUE(m.getHash()->empty()) << c.path;
-        EXPECT_EQ(*m.getTargetFile(), c.target);
-        EXPECT_EQ(m.getFileSize(), 0) << c.path;
-    }
-    EXPECT_EQ(attribute(collect(tree.path("d/link")), "NSFileSize"), 12);
 }
 
 TEST(QVLFileMetadataCollect, ReducedRecordsAndTheirMessages) {
@@ -151,49 +151,26 @@ TEST(QVLFileMetadataCollect, MissingItemMakesNoRecord) {
                                        " with error - "));
 }
 
-// Record builders for comparisons and restores.
-plist::Dictionary record(const char* type, plist::Data hash = {}, std::string target = "",
-                         plist::Dictionary xattrs = {}) {
-    plist::Dictionary attributes;
-    attributes.set("NSFileType", type);
-    attributes.set("NSFileOwnerAccountID", 501);
-    attributes.set("NSFileGroupOwnerAccountID", 501);
-    attributes.set("NSFilePosixPermissions", 0644);
-    attributes.set("NSFileModificationDate", plist::Date{1.0});
-    attributes.set("NSFileProtectionKey", "NSFileProtectionNone");
-    attributes.set("NSFileSize", 96);
-    plist::Dictionary r;
-    r.set("QVLManifestFileAttributes", attributes);
-    r.set("QVLManifestFileExtendedAttributes", xattrs);
-    r.set("QVLManifestFileHash", hash);
-    r.set("QVLManifestSymbolicLinkTargetFile", target);
+// `r` with its key `key` set to `value`.
+plist::Dictionary with(plist::Dictionary r, const char* key, plist::Value value) {
+    r.set(key, std::move(value));
     return r;
-}
-
-// `r` with one attribute set, or removed when `value` is empty.
-plist::Dictionary withAttribute(plist::Dictionary r, const char* key, std::optional<plist::Value> value) {
-    plist::Dictionary attributes = *r.getDictionary("QVLManifestFileAttributes");
-    if (value)
-        attributes.set(key, std::move(*value));
-    else
-        attributes.erase(key);
-    r.set("QVLManifestFileAttributes", attributes);
-    return r;
-}
-
-plist::Dictionary xattrs(const char* name, uint8_t value) {
-    plist::Dictionary d;
-    d.set(name, plist::Data{value});
-    return d;
 }
 
 TEST(QVLFileMetadataCompare, FirstDifferenceInOrderDecides) {
-    const plist::Dictionary file = record("NSFileTypeRegular", sha1Of("a"));
+    const plist::Dictionary file = with(record(), "QVLManifestFileHash", sha1Of("a"));
     const plist::Dictionary folder = record("NSFileTypeDirectory");
-    const auto tagged = [](const char* name, uint8_t v) {
-        return record("NSFileTypeDirectory", {}, "", xattrs(name, v));
+    const auto tagged = [&](const char* name, uint8_t v) {
+        return with(folder, "QVLManifestFileExtendedAttributes", dict({{name, plist::Data{v}}}));
+    };
+    const auto both = [&](const char* key, plist::Value a, plist::Value b) {
+        return std::pair{withAttribute(folder, key, std::move(a)), withAttribute(folder, key, std::move(b))};
     };
     const char* const kRebuild = "com.ostrel.lumerad.dbRebuildUuid";
+    const auto [date1, date5] = both("NSFileModificationDate", plist::Date{1.0}, plist::Date{5.0});
+    const auto [size96, size4k] = both("NSFileSize", 96, 4096);
+    const auto [none, complete] =
+        both("NSFileProtectionKey", "NSFileProtectionNone", "NSFileProtectionComplete");
     const struct {
         plist::Dictionary a, b;
         int result;
@@ -201,9 +178,9 @@ TEST(QVLFileMetadataCompare, FirstDifferenceInOrderDecides) {
         {file, file, QVLFileMetadata::kSame},
         {file, folder, QVLFileMetadata::kTypeDiffers},
         {plist::Dictionary(), plist::Dictionary(), QVLFileMetadata::kTypeDiffers},
-        {record("NSFileTypeRegular"), file, QVLFileMetadata::kDigestDiffers},
-        {file, record("NSFileTypeRegular", sha1Of("b")), QVLFileMetadata::kDigestDiffers},
-        {record("NSFileTypeSymbolicLink", {}, "a"), record("NSFileTypeSymbolicLink", {}, "b"),
+        {with(file, "QVLManifestFileHash", plist::Data()), file, QVLFileMetadata::kDigestDiffers},
+        {file, with(file, "QVLManifestFileHash", sha1Of("b")), QVLFileMetadata::kDigestDiffers},
+        {record("NSFileTypeSymbolicLink", 0755, "a"), record("NSFileTypeSymbolicLink", 0755, "b"),
          QVLFileMetadata::kLinkTargetDiffers},
         {file, withAttribute(file, "NSFileOwnerAccountID", 0), QVLFileMetadata::kOwnershipOrModeDiffers},
         {file, withAttribute(file, "NSFilePosixPermissions", 0600), QVLFileMetadata::kOwnershipOrModeDiffers},
@@ -212,10 +189,9 @@ TEST(QVLFileMetadataCompare, FirstDifferenceInOrderDecides) {
         {file, withAttribute(file, "NSFilePosixPermissions", std::nullopt),
          QVLFileMetadata::kOwnershipOrModeDiffers},
         // Dates, sizes, protection classes and the rebuild attribute are not compared.
-        {folder, withAttribute(folder, "NSFileModificationDate", plist::Date{5.0}), QVLFileMetadata::kSame},
-        {folder, withAttribute(folder, "NSFileSize", 4096), QVLFileMetadata::kSame},
-        {folder, withAttribute(folder, "NSFileProtectionKey", "NSFileProtectionComplete"),
-         QVLFileMetadata::kSame},
+        {date1, date5, QVLFileMetadata::kSame},
+        {size96, size4k, QVLFileMetadata::kSame},
+        {none, complete, QVLFileMetadata::kSame},
         {tagged(kRebuild, 1), tagged(kRebuild, 2), QVLFileMetadata::kSame},
         {tagged(kRebuild, 1), folder, QVLFileMetadata::kSame},
         {tagged("tag", 1), folder, QVLFileMetadata::kExtendedAttributesDiffer},
@@ -228,24 +204,15 @@ TEST(QVLFileMetadataCompare, FirstDifferenceInOrderDecides) {
     EXPECT_EQ(QVLFileMetadata(file).compareWith(nullptr), QVLFileMetadata::kOtherIsNull);
 }
 
-TEST(QVLFileMetadataRestore, WritesModeDateAndAttributesAndKeepsOthers) {
-    EXPECT_EQ(keysOf(QVLFileMetadata::fileAttributesAllowSet(
-                  *record("NSFileTypeRegular").getDictionary("QVLManifestFileAttributes"))),
-              (Lines{"NSFileOwnerAccountID", "NSFileGroupOwnerAccountID", "NSFilePosixPermissions",
-                     "NSFileModificationDate"}));
-    TempTree tree;
-    const std::string source = tree.file("source", "x", 0751);
-    setUserAttribute(source, "recorded", "r");
-    QVLFileMetadata m = collect(source);
-    const std::string target = tree.file("target", "x", 0600);
-    setUserAttribute(target, "extra", "e");
-    ASSERT_TRUE(m.restoreAttribuesToPath(target, linuxFiles()));
-    QVLFileMetadata restored = collect(target);
-    EXPECT_EQ(attribute(restored, "NSFilePosixPermissions"), 0751);
-    EXPECT_NEAR(restored.getFileAttributes()->find("NSFileModificationDate")->asDate()->secondsSince2001,
-                m.getFileAttributes()->find("NSFileModificationDate")->asDate()->secondsSince2001, 1e-6);
-    EXPECT_EQ(*restored.getExtendedAttributes()->getData("recorded"), (plist::Data{'r'}));
-    EXPECT_EQ(m.compareWith(&restored), QVLFileMetadata::kExtendedAttributesDiffer);  // "extra" is kept
+// Restoring whole trees is QVLManifest_test's round trip; here what may be set.
+TEST(QVLFileMetadataRestore, OnlyOwnersModeAndDateAreSet) {
+    const plist::Dictionary settable = QVLFileMetadata::fileAttributesAllowSet(
+        *withAttribute(record(), "NSFileModificationDate", plist::Date{1.0})
+             .getDictionary("QVLManifestFileAttributes"));
+    EXPECT_EQ(keysOf(settable),
+              (Lines{"NSFilePosixPermissions", "NSFileOwnerAccountID", "NSFileGroupOwnerAccountID",
+                     "NSFileOwnerAccountName", "NSFileGroupOwnerAccountName",
+                     "NSFileModificationDate"}));  // not the type
 }
 
 TEST(QVLFileMetadataRestore, BadValuesFailAndApplyNothing) {
@@ -257,29 +224,27 @@ TEST(QVLFileMetadataRestore, BadValuesFailAndApplyNothing) {
         return withAttribute(r, "NSFileGroupOwnerAccountID", static_cast<int64_t>(st.st_gid));
     };
     QVLLogCapture capture;
-    EXPECT_FALSE(
-        QVLFileMetadata(record("NSFileTypeRegular")).restoreAttribuesToPath(tree.path("gone"), linuxFiles()));
+    EXPECT_FALSE(QVLFileMetadata(record()).restoreAttribuesToPath(tree.path("gone"), linuxFiles()));
     EXPECT_TRUE(capture.containsPrefix("Could not set file attributs at " + tree.path("gone") +
                                        " with error - No such file or directory (errno 2), attributes = "));
-    EXPECT_FALSE(QVLFileMetadata(withAttribute(record("NSFileTypeRegular"), "NSFilePosixPermissions", "rwx"))
+    EXPECT_FALSE(QVLFileMetadata(withAttribute(record(), "NSFilePosixPermissions", "rwx"))
                      .restoreAttribuesToPath(path, linuxFiles()));
     EXPECT_EQ(lstatOf(path).st_mode & 07777, 0644u);  // nothing applied
-    EXPECT_FALSE(
-        QVLFileMetadata(ownedHere(withAttribute(record("NSFileTypeRegular"), "NSFileProtectionKey", 3)))
-            .restoreAttribuesToPath(path, linuxFiles()));
+    EXPECT_FALSE(QVLFileMetadata(ownedHere(withAttribute(record(), "NSFileProtectionKey", 3)))
+                     .restoreAttribuesToPath(path, linuxFiles()));
     EXPECT_TRUE(capture.containsPrefix("Could not set file protection key at " + path));
 
     // An attribute value that is not data stops the attributes but not the
     // restore of a file; a link's restore fails with it.
-    plist::Dictionary values = xattrs("first", '1');
-    values.set("bad", "string");
-    values.set("after", plist::Data{'2'});
+    const plist::Dictionary values =
+        dict({{"first", plist::Data{'1'}}, {"bad", "string"}, {"after", plist::Data{'2'}}});
     capture.clear();
-    EXPECT_TRUE(QVLFileMetadata(ownedHere(record("NSFileTypeRegular", {}, "", values)))
+    EXPECT_TRUE(QVLFileMetadata(ownedHere(with(record(), "QVLManifestFileExtendedAttributes", values)))
                     .restoreAttribuesToPath(path, linuxFiles()));
     EXPECT_EQ(capture.lines(), Lines{"Got non-data value"});
     EXPECT_EQ(*QVLFileMetadata::extendedAttributeKeysWithPath(path, linuxFiles()), Lines{"first"});
-    EXPECT_FALSE(QVLFileMetadata(record("NSFileTypeSymbolicLink", {}, "f", values))
+    EXPECT_FALSE(QVLFileMetadata(with(record("NSFileTypeSymbolicLink", 0755, "f"),
+                                      "QVLManifestFileExtendedAttributes", values))
                      .restoreAttribuesToPath(tree.symlink("l", "f"), linuxFiles()));
 }
 
@@ -291,8 +256,7 @@ TEST(QVLFileMetadataRestore, AsRootOwnersProtectionClassAndLinksOwnOwner) {
     const auto restore = [&](const plist::Dictionary& r, const std::string& where) {
         return QVLFileMetadata(r).restoreAttribuesToPath(where, linuxFiles());
     };
-    ASSERT_TRUE(restore(
-        withAttribute(record("NSFileTypeRegular"), "NSFileProtectionKey", "NSFileProtectionComplete"), path));
+    ASSERT_TRUE(restore(withAttribute(record(), "NSFileProtectionKey", "NSFileProtectionComplete"), path));
     QVLFileMetadata restored = collect(path);
     EXPECT_EQ(attribute(restored, "NSFileOwnerAccountID"), 501);
     EXPECT_EQ(attribute(restored, "NSFileGroupOwnerAccountID"), 501);
@@ -300,18 +264,17 @@ TEST(QVLFileMetadataRestore, AsRootOwnersProtectionClassAndLinksOwnOwner) {
 
     // A link gets its own owner; the target keeps its.
     ASSERT_TRUE(
-        restore(withAttribute(record("NSFileTypeSymbolicLink", {}, "f"), "NSFileOwnerAccountID", 7), link));
+        restore(withAttribute(record("NSFileTypeSymbolicLink", 0755, "f"), "NSFileOwnerAccountID", 7), link));
     EXPECT_EQ(lstatOf(link).st_uid, 7u);
     EXPECT_EQ(lstatOf(path).st_uid, 501u);
 
     // A record that names its owner only by name is resolved on this system.
-    plist::Dictionary byName =
-        withAttribute(record("NSFileTypeRegular"), "NSFileOwnerAccountID", std::nullopt);
+    plist::Dictionary byName = withAttribute(record(), "NSFileOwnerAccountID", std::nullopt);
     ASSERT_TRUE(restore(withAttribute(byName, "NSFileOwnerAccountName", "root"), path));
     EXPECT_EQ(lstatOf(path).st_uid, 0u);
 
     // An immutable item still takes a new mode: the flag is lifted and put back.
-    plist::Dictionary immutable = withAttribute(record("NSFileTypeRegular"), "NSFileImmutable", true);
+    plist::Dictionary immutable = withAttribute(record(), "NSFileImmutable", true);
     ASSERT_TRUE(restore(immutable, path));
     ASSERT_TRUE(restore(withAttribute(immutable, "NSFilePosixPermissions", 0600), path));
     QVLFileMetadata locked = collect(path);

@@ -1,14 +1,11 @@
 #include "metadata/WhitelistChecker.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
-#include <fstream>
 
 #include "base/QVLLogCapture.h"
 #include "platform/containers/ContainerLookup.h"
 #include "platform/fs/LinuxFileSystem.h"
+#include "tests/support/TestSupport.h"
 
 namespace qvl {
 namespace {
@@ -18,15 +15,13 @@ using plist::Data;
 using plist::Dictionary;
 using plist::Value;
 
-Value record(std::string_view annotation = {}, const char* type = "NSFileTypeRegular", int64_t mode = 0644) {
-    Dictionary attributes;
-    attributes.set("NSFileType", type);
-    attributes.set("NSFilePosixPermissions", mode);
-    Dictionary xattrs;
-    if (!annotation.empty()) xattrs.set("MBRestoreAnnotation", Data(annotation.begin(), annotation.end()));
-    Dictionary r;
-    r.set("QVLManifestFileAttributes", attributes);
-    r.set("QVLManifestFileExtendedAttributes", xattrs);
+using testing::record;
+
+// A regular file whose restore annotation is `annotation`.
+Value annotated(std::string_view annotation) {
+    Dictionary r = record();
+    testing::sub(r, "QVLManifestFileExtendedAttributes")
+        .set("MBRestoreAnnotation", Data(annotation.begin(), annotation.end()));
     return r;
 }
 
@@ -52,16 +47,14 @@ class WhitelistCheckerTest : public ::testing::Test {
 };
 
 TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
-    const Value folder = record({}, "NSFileTypeDirectory", 0755);
+    const Value folder = record("NSFileTypeDirectory", 0755);
     const std::string above =
         " is a folder above an allowed place, so it must be a directory without group or other write and "
         "without set-id bits.";
     const std::string notCanonical = " is not an absolute path without empty, \".\" or \"..\" parts.";
-    Dictionary textAnnotation = *record().asDictionary();
-    textAnnotation.set("QVLManifestFileExtendedAttributes", Dictionary());
-    textAnnotation.find("QVLManifestFileExtendedAttributes")
-        ->asDictionary()
-        ->set("MBRestoreAnnotation", "NotRestored");
+    Dictionary textAnnotation = record();
+    testing::sub(textAnnotation, "QVLManifestFileExtendedAttributes")
+        .set("MBRestoreAnnotation", "NotRestored");
     const struct {
         std::string path;
         Value record;
@@ -77,16 +70,17 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
         {"/var/mobile", folder, true, ""},
         {"/", folder, true, ""},
         {"/var/root/Library", folder, true, ""},
-        {"/var", record({}, "NSFileTypeDirectory", 0775), false, "/var" + above},
-        {"/var", record({}, "NSFileTypeDirectory", 02755), false, "/var" + above},
+        {"/var", record("NSFileTypeDirectory", 0775), false, "/var" + above},
+        {"/var", record("NSFileTypeDirectory", 02755), false, "/var" + above},
         {"/var/mobile", record(), false, "/var/mobile" + above},
         {"/etc", folder, false, ""},
         {"/var/mobile/Media/../../../etc/passwd", record(), false,
          "/var/mobile/Media/../../../etc/passwd" + notCanonical},
         {"/var/mobile/Media/./x", record(), false, "/var/mobile/Media/./x" + notCanonical},
+        {"/var/mobile/Media/", record(), false, "/var/mobile/Media/" + notCanonical},
         {"/var/mobile//Media", record(), false, "/var/mobile//Media" + notCanonical},
         {"var/mobile/Media", record(), false, "var/mobile/Media" + notCanonical},
-        {"/var/mobile/Media/..", record("NotRestored"), false, "/var/mobile/Media/.." + notCanonical},
+        {"/var/mobile/Media/..", annotated("NotRestored"), false, "/var/mobile/Media/.." + notCanonical},
         // Domains decide; a deny-list hit is only reported.
         {"/var/mobile/Library/Preferences/com.example.demo.plist", record(), true, ""},
         {"/var/Keychains/ItemStore.db-wal", record(), true, ""},  // only-encrypted
@@ -96,10 +90,10 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
          "/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist is black listed in area.mobile-home"},
         {"/var/QVLDemoContent/Videos/loop.mov", record(), true, ""},  // a comment-only domain: its whole root
         // The annotation passes anywhere when it is exact bytes.
-        {"/etc/sudoers", record("NotBackedUp"), true, ""},
-        {"/etc/sudoers", record("NotRestored"), true, ""},
-        {"/etc/sudoers", record("NotRestoredAfterAll"), false, ""},
-        {"/etc/sudoers", record(std::string_view("NotRestored\0", 12)), false, ""},
+        {"/etc/sudoers", annotated("NotBackedUp"), true, ""},
+        {"/etc/sudoers", annotated("NotRestored"), true, ""},
+        {"/etc/sudoers", annotated("NotRestoredAfterAll"), false, ""},
+        {"/etc/sudoers", annotated(std::string_view("NotRestored\0", 12)), false, ""},
         {"/etc/sudoers", textAnnotation, false, ""},
         {"/etc/sudoers", Value("not a record"), false, ""},
     };
@@ -169,7 +163,7 @@ TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
         }));
     // Deeper paths, annotated tops and paths outside the prefixes are not looked up.
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top + "/Library/x.plist", record()));
-    EXPECT_TRUE(checker_.handleSystemContainerFiles(top, record("NotBackedUp")));
+    EXPECT_TRUE(checker_.handleSystemContainerFiles(top, annotated("NotBackedUp")));
     EXPECT_TRUE(checker_.handleSystemContainerFiles("/var/mobile/Library/Preferences/x", record()));
     const std::string group = "/var/mobile/Library/Backup/SystemContainers/Shared/group.example";
     EXPECT_FALSE(checker_.handleSystemContainerFiles(group, record()));
@@ -183,30 +177,27 @@ TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
 }
 
 TEST(WhitelistCheckerFilesTest, LoadingFromFiles) {
-    namespace fs = std::filesystem;
-    const fs::path dir = fs::temp_directory_path() / ("qvl-whitelist-" + std::to_string(getpid()));
-    fs::create_directories(dir);
-    const std::string missing = (dir / "missing.plist").string(), garbage = (dir / "garbage.plist").string();
+    testing::TempTree tree;
+    const std::string missing = tree.path("missing.plist"), garbage = tree.file("garbage", "not a plist");
     FakeContainers containers;
     WhitelistChecker checker(containers, platform::LinuxFileSystem::sharedInstance());
     QVLLogCapture capture;
     EXPECT_FALSE(checker.load(missing));
     EXPECT_TRUE(capture.contains(missing + " does not exist."));
-    std::ofstream(garbage) << "this is not a property list";
     EXPECT_FALSE(checker.load(garbage));
     EXPECT_FALSE(checker.checkManifestFile(garbage));
     EXPECT_TRUE(capture.contains("Cannot load " + garbage));
 
-    std::ofstream(dir / "table.plist")
-        << "<plist version=\"1.0\"><dict><key>SystemDomains</key><dict><key>d</key><dict>"
-           "<key>RootPath</key><string>/var/d</string><key>RelativePathsToBackupAndRestore</key>"
-           "<array><string>ok</string></array></dict></dict><key>Backup</key><dict>"
-           "<key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></dict></dict></plist>";
-    EXPECT_TRUE(checker.load((dir / "table.plist").string()));
+    const std::string table =
+        tree.file("table.plist",
+                  "<plist version=\"1.0\"><dict><key>SystemDomains</key><dict><key>d</key><dict>"
+                  "<key>RootPath</key><string>/var/d</string><key>RelativePathsToBackupAndRestore</key>"
+                  "<array><string>ok</string></array></dict></dict><key>Backup</key><dict>"
+                  "<key>/var/d/ok/1</key><dict/><key>/var/d/no</key><dict/></dict></dict></plist>");
+    EXPECT_TRUE(checker.load(table));
     EXPECT_EQ(checker.domains().size(), 1u);
-    EXPECT_FALSE(checker.checkManifestFile((dir / "table.plist").string()));
+    EXPECT_FALSE(checker.checkManifestFile(table));
     EXPECT_TRUE(capture.contains("-[WhitelistChecker checkManifest:]:/var/d/no failed the check."));
-    fs::remove_all(dir);
 }
 
 }  // namespace

@@ -150,6 +150,32 @@ plist::Dictionary dict(std::initializer_list<std::pair<std::string, plist::Value
     return d;
 }
 
+plist::Dictionary record(const char* type, int64_t mode, std::string target) {
+    return dict({{"QVLManifestFileAttributes", dict({{"NSFileType", type},
+                                                     {"NSFilePosixPermissions", mode},
+                                                     {"NSFileOwnerAccountID", 501},
+                                                     {"NSFileGroupOwnerAccountID", 501},
+                                                     {"NSFileOwnerAccountName", "mobile"},
+                                                     {"NSFileGroupOwnerAccountName", "mobile"}})},
+                 {"QVLManifestFileExtendedAttributes", plist::Dictionary()},
+                 {"QVLManifestFileHash", plist::Data(20, 0xab)},
+                 {"QVLManifestSymbolicLinkTargetFile", std::move(target)}});
+}
+
+plist::Dictionary& sub(plist::Dictionary& d, const std::string& key) {
+    return *d.find(key)->asDictionary();
+}
+
+plist::Dictionary withAttribute(plist::Dictionary r, std::string_view key,
+                                std::optional<plist::Value> value) {
+    plist::Dictionary& attributes = sub(r, "QVLManifestFileAttributes");
+    if (value)
+        attributes.set(std::string(key), std::move(*value));
+    else
+        attributes.erase(key);
+    return r;
+}
+
 std::string sourcePath(const std::string& relative) {
     const char* dir = std::getenv("QVL_SOURCE_DIR");
     return std::string(dir ? dir : ".") + "/" + relative;

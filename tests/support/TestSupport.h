@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <initializer_list>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -62,6 +63,13 @@ ToolRun runTool(const std::string& commandLine);
 
 // The dictionary of `entries`, in their order.
 plist::Dictionary dict(std::initializer_list<std::pair<std::string, plist::Value>> entries);
+// A file record as the device manifest writes it, owned by mobile (501).
+plist::Dictionary record(const char* type = "NSFileTypeRegular", int64_t mode = 0644,
+                         std::string target = "");
+// `r` with the attribute `key` set, or removed when `value` is nullopt.
+plist::Dictionary withAttribute(plist::Dictionary r, std::string_view key, std::optional<plist::Value> value);
+// The dictionary at `key` of `d`, which must be there.
+plist::Dictionary& sub(plist::Dictionary& d, const std::string& key);
 // A file of the source tree under test, and one of its development PKI (pki/out/).
 std::string sourcePath(const std::string& relative);
 std::string pkiPath(const std::string& name);
