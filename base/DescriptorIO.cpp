@@ -13,25 +13,21 @@ namespace {
 constexpr size_t kPiece = 1 << 16;
 
 // Past this size a buffer is worth backing with huge pages.
-constexpr size_t kHugePageThreshold = 4u << 20;
+constexpr size_t kHugePageThreshold = 2u << 20;
 constexpr uintptr_t kHugePage = 2u << 20;
 
 int lastError() {
     return errno != 0 ? errno : EIO;
 }
 
-// A large buffer is touched page by page as it is filled, and on a virtual
-// machine every first touch of a page is a costly fault: asking for huge
-// pages for the untouched room makes that one fault per 2 MiB. Only advice;
-// where it is not taken, the buffer works as before.
-void adviseHugePages(uint8_t* start, size_t size) {
+}  // namespace
+
+void adviseHugePages(void* start, size_t size) {
     if (size < kHugePageThreshold) return;
     const uintptr_t begin = (reinterpret_cast<uintptr_t>(start) + kHugePage - 1) & ~(kHugePage - 1);
     const uintptr_t end = (reinterpret_cast<uintptr_t>(start) + size) & ~(kHugePage - 1);
     if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
 }
-
-}  // namespace
 
 int readAll(int fd, uint64_t limit, std::vector<uint8_t>* out) {
     std::vector<uint8_t> bytes;
