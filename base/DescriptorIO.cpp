@@ -1,20 +1,33 @@
 #include "base/DescriptorIO.h"
 
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 
 namespace qvl {
 namespace {
 
 constexpr size_t kPiece = 1 << 16;
 
+// Past this size a buffer is worth backing with huge pages.
+constexpr size_t kHugePageThreshold = 2u << 20;
+constexpr uintptr_t kHugePage = 2u << 20;
+
 int lastError() {
     return errno != 0 ? errno : EIO;
 }
 
 }  // namespace
+
+void adviseHugePages(void* start, size_t size) {
+    if (size < kHugePageThreshold) return;
+    const uintptr_t begin = (reinterpret_cast<uintptr_t>(start) + kHugePage - 1) & ~(kHugePage - 1);
+    const uintptr_t end = (reinterpret_cast<uintptr_t>(start) + size) & ~(kHugePage - 1);
+    if (end > begin) ::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_HUGEPAGE);
+}
 
 int readAll(int fd, uint64_t limit, std::vector<uint8_t>* out) {
     std::vector<uint8_t> bytes;
@@ -24,18 +37,19 @@ int readAll(int fd, uint64_t limit, std::vector<uint8_t>* out) {
     if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) {
         if (static_cast<uint64_t>(st.st_size) > limit) return EFBIG;
         bytes.reserve(static_cast<size_t>(st.st_size) + 1);
+        adviseHugePages(bytes.data(), bytes.capacity());
     }
     size_t done = 0;
     for (;;) {
         if (bytes.size() - done == 0) {
             if (done > limit) return EFBIG;
             // One byte past the limit is enough to tell that there is more;
-            // within the room reserved for a regular file, one byte past its
-            // size is enough to tell that it has ended (a whole piece would
-            // move the bytes read so far to a larger buffer).
+            // the room reserved for a regular file (its size and one byte
+            // more, to tell that it has ended) is read in one call, and only
+            // past it does the buffer grow by pieces.
             const uint64_t room = limit - done;
             const size_t spare = bytes.capacity() - done;
-            const size_t piece = spare > 0 && spare < kPiece ? spare : kPiece;
+            const size_t piece = spare > 0 ? spare : kPiece;
             bytes.resize(done + (room >= piece ? piece : static_cast<size_t>(room) + 1));
         }
         const ssize_t n = ::read(fd, bytes.data() + done, bytes.size() - done);

@@ -1,10 +1,13 @@
 #include "base/QVLLogModel.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -105,23 +108,6 @@ std::string expandTilde(const std::string& path) {
     return std::string(home) + path.substr(1);
 }
 
-// Whether a system-log daemon listens. Without one, syslog(3) would try (and
-// fail) to connect on every call, which triples the system calls of a
-// request; the answer is looked up again at most once a second, so a daemon
-// that starts later is found.
-bool systemLogAvailable() {
-    static std::atomic<int64_t> nextCheck{0};
-    static std::atomic<bool> available{false};
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-    if (ts.tv_sec >= nextCheck.load(std::memory_order_relaxed)) {
-        struct stat st {};
-        available.store(stat("/dev/log", &st) == 0 && S_ISSOCK(st.st_mode), std::memory_order_relaxed);
-        nextCheck.store(ts.tv_sec + 1, std::memory_order_relaxed);
-    }
-    return available.load(std::memory_order_relaxed);
-}
-
 // The date text of a second, "2026-11-22 21:04:05 +0000". Every line starts
 // with it and it changes once a second, so each thread keeps the last one.
 std::string_view cachedDateText(double unixSeconds) {
@@ -142,9 +128,73 @@ std::string_view cachedDateText(double unixSeconds) {
     return cache.text;
 }
 
+// The system-log copy of every line: one datagram to the daemon at /dev/log,
+// in the traditional "<13>Mmm dd hh:mm:ss name[pid]: message" form, over a
+// socket connected once. The copy never holds up the caller: the socket does
+// not block, and a copy the daemon has no room for is dropped (the log file
+// keeps the line). Without a daemon, a connection is tried at most once a
+// second, so one that starts later is found.
+class SystemLogSocket {
+  public:
+    static SystemLogSocket& sharedInstance() {
+        static SystemLogSocket* socket = new SystemLogSocket();  // lives until exit
+        return *socket;
+    }
+
+    void send(std::string_view message) {
+        std::lock_guard<std::mutex> guard(lock_);
+        if (!fd_ && !connectAtMostOnceASecond()) return;
+        line_.assign(header());
+        line_.append(message);
+        if (::send(fd_.get(), line_.data(), line_.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
+            errno != EAGAIN && errno != ENOBUFS && errno != EMSGSIZE)
+            fd_.reset();  // the daemon went: connect again later
+        if (line_.capacity() > kKeptLineCapacity) std::string().swap(line_);
+    }
+
+  private:
+    bool connectAtMostOnceASecond() {
+        timespec ts{};
+        clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+        if (ts.tv_sec < nextAttempt_) return false;
+        nextAttempt_ = ts.tv_sec + 1;
+        UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, "/dev/log");
+        if (!fd || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+            return false;
+        fd_ = std::move(fd);
+        return true;
+    }
+
+    // "<13>Nov 23 16:40:00 qvald_helper[42]: ", the local time changing once a second.
+    std::string_view header() {
+        const time_t now = time(nullptr);
+        if (now != headerSecond_ || headerLength_ == 0) {
+            tm parts{};
+            localtime_r(&now, &parts);
+            char stamp[32];
+            strftime(stamp, sizeof stamp, "%b %e %T", &parts);
+            const int n = snprintf(header_, sizeof header_, "<%d>%s %s[%d]: ", LOG_USER | LOG_NOTICE, stamp,
+                                   program_invocation_short_name, static_cast<int>(::getpid()));
+            headerLength_ = n > 0 ? std::min(static_cast<size_t>(n), sizeof header_ - 1) : 0;
+            headerSecond_ = now;
+        }
+        return {header_, headerLength_};
+    }
+
+    std::mutex lock_;
+    UniqueFd fd_;
+    int64_t nextAttempt_ = 0;
+    std::string line_;
+    time_t headerSecond_ = 0;
+    char header_[128] = {};
+    size_t headerLength_ = 0;
+};
+
 void writeSystemLog(std::string_view message) {
-    if (!systemLogAvailable()) return;
-    syslog(LOG_NOTICE, "%.*s", static_cast<int>(message.size()), message.data());
+    SystemLogSocket::sharedInstance().send(message);
 }
 
 // Writes one byte to a new file in the folder and removes it again. Whatever

@@ -1,5 +1,5 @@
 // QVLLogModel: where log lines go. Every message goes to the system log
-// (syslog(3)); once a log file is open, each message is also appended to it as
+// (a datagram to /dev/log that never blocks the caller); once a log file is open, each message is also appended to it as
 // "<date> <message>\n" with the UTC date in "2026-11-22 21:04:05 +0000" form,
 // written and flushed under the model's lock so that lines of concurrent
 // writers never interleave. The file stays open for the life of the model
@@ -11,7 +11,7 @@
 // capture (QVLLogCapture) collects them. An observer must not log.
 //
 // The process uses sharedInstance(), which reads the real clock and writes
-// to syslog(3). A model made with other Services (a fixed clock, a recording
+// to the system log. A model made with other Services (a fixed clock, a recording
 // system log) is for tests and tools that want lines of their own.
 //
 // Thread-safety: every method may be called from any thread; the file stream
@@ -36,7 +36,7 @@ class QVLLogModel {
     struct Services {
         // Unix seconds, for line dates and expiry; empty: the real-time clock.
         std::function<double()> clock;
-        // Receives each system-log copy; empty: syslog(3), when a daemon listens.
+        // Receives each system-log copy; empty: the daemon at /dev/log, when one listens.
         std::function<void(std::string_view message)> systemLog;
     };
 

@@ -30,23 +30,35 @@ std::unique_ptr<QVLSignedManifest> QVLSignedManifest::loadFromFile(const std::st
                                                                    Services services) {
     platform::FileSystem& files =
         services.files ? *services.files : platform::LinuxFileSystem::sharedInstance();
-    std::vector<uint8_t> bytes;
-    if (files.readFile(path, kMaxSignedManifestSize, &bytes, platform::RegularFileOptions()) != 0) {
-        const int err = errno;
-        const std::string message = err == EFBIG
-                                        ? std::string("the manifest is larger than the largest accepted")
-                                        : path + ": " + strerror(err);
-        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, message,
-               static_cast<int>(plist::ReadError::kIO));
-        return nullptr;
+    std::optional<plist::Value> root;
+    {
+        std::vector<uint8_t> bytes;
+        if (files.readFile(path, kMaxSignedManifestSize, &bytes, platform::RegularFileOptions()) != 0) {
+            const int err = errno;
+            const std::string message = err == EFBIG
+                                            ? std::string("the manifest is larger than the largest accepted")
+                                            : path + ": " + strerror(err);
+            QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, message,
+                   static_cast<int>(plist::ReadError::kIO));
+            return nullptr;
+        }
+        // The file's bytes go as soon as they are parsed: verification works
+        // on the values, and a manifest is large.
+        root = parse(bytes);
     }
-    return loadFromBytes(bytes, std::move(services));
+    return load(std::move(root), std::move(services));
 }
 
 std::unique_ptr<QVLSignedManifest> QVLSignedManifest::loadFromBytes(std::span<const uint8_t> bytes,
                                                                     Services services) {
+    return load(parse(bytes), std::move(services));
+}
+
+std::unique_ptr<QVLSignedManifest> QVLSignedManifest::load(std::optional<plist::Value> root,
+                                                           Services services) {
+    if (!root) return nullptr;
     std::unique_ptr<QVLSignedManifest> manifest(new QVLSignedManifest(std::move(services)));
-    if (!manifest->initWithBytes(bytes)) return nullptr;
+    if (!manifest->initWithPropertyList(std::move(*root))) return nullptr;
     return manifest;
 }
 
@@ -54,14 +66,15 @@ std::unique_ptr<QVLSignedManifest> QVLSignedManifest::verifier(Services services
     return std::unique_ptr<QVLSignedManifest>(new QVLSignedManifest(std::move(services)));
 }
 
-bool QVLSignedManifest::initWithBytes(std::span<const uint8_t> bytes) {
+std::optional<plist::Value> QVLSignedManifest::parse(std::span<const uint8_t> bytes) {
     plist::ReadError error;
     auto root = plist::read(bytes, &error);
-    if (!root) {
-        QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, error.message, error.code);
-        return false;
-    }
-    plist::Dictionary* outer = root->asDictionary();
+    if (!root) QVLLog("%s: Cannot convert to property list - %@(0x%x).", kInit, error.message, error.code);
+    return root;
+}
+
+bool QVLSignedManifest::initWithPropertyList(plist::Value root) {
+    plist::Dictionary* outer = root.asDictionary();
     if (!outer) {
         QVLLog("%s: format not correct.", kInit);
         return false;

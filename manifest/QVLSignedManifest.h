@@ -143,8 +143,12 @@ class QVLSignedManifest {
 
   private:
     explicit QVLSignedManifest(Services services);
+    // The property list of a manifest file, or nullopt (logged).
+    static std::optional<plist::Value> parse(std::span<const uint8_t> bytes);
+    // The manifest verified from its parsed root, or null.
+    static std::unique_ptr<QVLSignedManifest> load(std::optional<plist::Value> root, Services services);
     // The loading algorithm; true when the object is ready.
-    bool initWithBytes(std::span<const uint8_t> bytes);
+    bool initWithPropertyList(plist::Value root);
     std::shared_ptr<const plist::Dictionary> section(std::string_view key) const;
     bool finishLoading(std::shared_ptr<plist::Dictionary> verified);
     bool isDevelopmentHardware() const;

@@ -6,6 +6,7 @@
 #include <bit>
 #include <cstring>
 
+#include "base/DescriptorIO.h"
 #include "plist/PlistBinaryFormat.h"
 #include "plist/PlistCodec.h"
 
@@ -317,11 +318,21 @@ class BinaryReader {
     bool decodeText(uint64_t ref, const Body& body, Text*& out) {
         std::string s;
         if (!decodeString(ref, body, s)) return false;
-        if (textSlot_.empty()) textSlot_.resize(numObjects_);
+        if (textSlot_.empty()) reserveTextSlots();
         texts_.push_back(makeText(std::move(s)));
         textSlot_[ref] = static_cast<uint32_t>(texts_.size());
         out = texts_.back();
         return true;
+    }
+
+    // Room for a text per object, known from the offset table, so that the
+    // table of texts never moves; what stays unused is never touched.
+    void reserveTextSlots() {
+        texts_.reserve(numObjects_);
+        adviseHugePages(texts_.data(), texts_.capacity() * sizeof(Text*));
+        textSlot_.reserve(numObjects_);
+        adviseHugePages(textSlot_.data(), textSlot_.capacity() * sizeof(uint32_t));
+        textSlot_.resize(numObjects_);
     }
 
     bool decodeKey(uint64_t ref, Text*& out) {

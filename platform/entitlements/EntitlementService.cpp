@@ -2,15 +2,19 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/inotify.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <ctime>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/fs/PropertyListFile.h"
 
@@ -40,9 +44,14 @@ struct CachedFile {
 
 // The registry is consulted on every request and parsing its files was most
 // of a request's cost, so parsed files are kept. A lookup compares the
-// folder's stamp and each known file's stamp; only when one of them changed
-// is the folder listed again, so a changed, added or removed file still takes
-// effect at the very next lookup.
+// folder's stamp and asks the folder's change watch whether anything in it
+// was written, created, removed or renamed since the last listing: one stat
+// and one read, however many files there are. Only when something changed is
+// the folder listed again (and a file named by the change parsed again), so
+// a changed, added or removed file still takes effect at the very next
+// lookup. Without a watch (none could be made), or for a folder holding
+// links, whose targets the watch can't see, each known file's stamp is
+// compared instead.
 class RegistryCache {
   public:
     static RegistryCache& sharedInstance() {
@@ -59,7 +68,7 @@ class RegistryCache {
             std::lock_guard lock(mu_);
             auto it = folders_.find(dir);
             if (it != folders_.end() && it->second.settled && it->second.stamp == dirStamp &&
-                filesUnchanged(dir, it->second.files))
+                unchanged(dir, it->second))
                 return rootsOf(it->second.files);
         }
         return relist(dir, dirStamp);
@@ -67,6 +76,9 @@ class RegistryCache {
 
   private:
     static constexpr size_t kMaxFolders = 16;
+    static constexpr uint32_t kWatchedEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
+                                               IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
+                                               IN_ONLYDIR;
 
     // Timestamps only move on at the file system's clock tick, so a folder
     // changed twice within one tick keeps its stamp. A folder is trusted
@@ -80,8 +92,39 @@ class RegistryCache {
     struct Folder {
         Stamp stamp;
         bool settled = false;
+        bool hasLinks = false;  // an entry that may be a link: its stamps are compared
+        UniqueFd watch;         // inotify on the folder; invalid: none could be made
         std::map<std::string, CachedFile> files;
     };
+
+    static bool unchanged(const std::string& dir, Folder& folder) {
+        if (!folder.watch) return filesUnchanged(dir, folder.files);
+        return watchQuiet(folder) && (!folder.hasLinks || filesUnchanged(dir, folder.files));
+    }
+
+    // Reads what the watch saw; true when it saw nothing. A file it names is
+    // forgotten, so that it is parsed again whatever its stamp says (an edit
+    // within one clock tick keeps the stamp). A lost event forgets them all.
+    static bool watchQuiet(Folder& folder) {
+        alignas(inotify_event) char buffer[4096];
+        bool quiet = true;
+        for (;;) {
+            const ssize_t n = ::read(folder.watch.get(), buffer, sizeof buffer);
+            if (n <= 0) break;  // EAGAIN: nothing (more) to read
+            quiet = false;
+            for (ssize_t at = 0; at + static_cast<ssize_t>(sizeof(inotify_event)) <= n;) {
+                const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+                if (event->mask & IN_Q_OVERFLOW) folder.files.clear();
+                if (event->mask & (IN_IGNORED | IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT)) {
+                    folder.watch.reset();  // the folder went: the next listing watches anew
+                    return false;
+                }
+                if (event->len > 0) folder.files.erase(std::string(event->name, ::strnlen(event->name, event->len)));
+                at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+            }
+        }
+        return quiet;
+    }
 
     static bool filesUnchanged(const std::string& dir, const std::map<std::string, CachedFile>& files) {
         std::string path;
@@ -110,16 +153,35 @@ class RegistryCache {
         return stamp.mtimeNs < now - (wholeSeconds ? kWholeSecondSettleNs : kSettleNs);
     }
 
+    // Watches the folder before it is listed, so that a change made while
+    // it is read shows at the next lookup; what the watch saw until now is
+    // read and dropped, since the listing comes after it.
+    void watchBeforeListing(const std::string& dir) {
+        std::lock_guard lock(mu_);
+        if (folders_.size() > kMaxFolders && !folders_.contains(dir)) folders_.clear();
+        Folder& folder = folders_[dir];
+        if (folder.watch) {
+            watchQuiet(folder);
+            if (folder.watch) return;
+        }
+        UniqueFd watch(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+        if (watch && ::inotify_add_watch(watch.get(), dir.c_str(), kWatchedEvents) >= 0)
+            folder.watch = std::move(watch);
+    }
+
     std::vector<std::shared_ptr<const plist::Value>> relist(const std::string& dir, const Stamp& dirStamp) {
         std::vector<std::shared_ptr<const plist::Value>> roots;
+        watchBeforeListing(dir);
         std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
         if (!d) return roots;
         std::vector<std::pair<std::string, Stamp>> listing;
+        bool hasLinks = false;
         while (dirent* e = ::readdir(d.get())) {
             const std::string_view name = e->d_name;
             if (name.starts_with('.') || !name.ends_with(".plist")) continue;
             struct stat st;
             if (::fstatat(::dirfd(d.get()), e->d_name, &st, 0) != 0 || !S_ISREG(st.st_mode)) continue;
+            if (e->d_type != DT_REG) hasLinks = true;
             listing.emplace_back(std::string(name), stampOf(st));
             if (listing.size() >= kMaxRegistryFiles) break;
         }
@@ -127,7 +189,6 @@ class RegistryCache {
                   [](const auto& a, const auto& b) { return a.first < b.first; });
 
         std::lock_guard lock(mu_);
-        if (folders_.size() > kMaxFolders && !folders_.contains(dir)) folders_.clear();
         Folder& folder = folders_[dir];
         std::map<std::string, CachedFile> current;
         for (auto& [name, stamp] : listing) {
@@ -140,6 +201,7 @@ class RegistryCache {
         }
         folder.files = std::move(current);  // forgets removed files
         folder.stamp = dirStamp;
+        folder.hasLinks = hasLinks;
         // A folder past its limit was only partly listed: keep listing it.
         folder.settled = settledAt(dirStamp) && listing.size() < kMaxRegistryFiles;
         return roots;
