@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstdint>
 
+#include "base/Errno.h"
+
 namespace qvl {
 namespace {
 
@@ -15,10 +17,6 @@ constexpr size_t kPiece = 1 << 16;
 // Past this size a buffer is worth backing with huge pages.
 constexpr size_t kHugePageThreshold = 2u << 20;
 constexpr uintptr_t kHugePage = 2u << 20;
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
-}
 
 }  // namespace
 

@@ -7,19 +7,13 @@
 #include <cstring>
 #include <vector>
 
+#include "base/Errno.h"
+
 namespace qvl {
 namespace {
 
 // O_NONBLOCK: whatever was swapped in at the name, the open never waits on it.
 constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
-}
-
-bool isDotOrDotDot(const char* name) {
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
 
 // Why opening `name` of `folderFd` as a folder failed: a link there reads as
 // ELOOP (the kernel says ENOTDIR for it).

@@ -12,10 +12,11 @@
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
-#include <ctime>
 #include <cstring>
+#include <ctime>
 #include <optional>
 
+#include "base/Errno.h"
 #include "base/FolderAccess.h"
 #include "base/QVLLog.h"
 
@@ -35,10 +36,6 @@ double unixNow() {
     timespec ts{};
     clock_gettime(CLOCK_REALTIME, &ts);
     return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-}
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
 }
 
 // Opens the folder at `path`, making what is missing. The folders on the way
@@ -329,8 +326,8 @@ void QVLLogModel::install(FILE* fp) {
 }
 
 bool QVLLogModel::fileLoggingOff(const std::string& path, int err) {
-    systemLog(QVLStringWithFormat("Not logging to %@: %@; logging to the system log only.", path,
-                                  reasonFor(err)));
+    systemLog(
+        QVLStringWithFormat("Not logging to %@: %@; logging to the system log only.", path, reasonFor(err)));
     return false;
 }
 
@@ -383,7 +380,8 @@ bool QVLLogModel::enableLogToFilesUnder(const std::string& folder, const std::st
                                         bool skipFinishDemoRestore) {
     UniqueFd folderFd;
     if (int err = openLogFolder(folder, &folderFd)) return fileLoggingOff(folder, err);
-    if (int err = writabilityTest(folderFd.get())) return fileLoggingOff(folder + "/" + kWritabilityProbe, err);
+    if (int err = writabilityTest(folderFd.get()))
+        return fileLoggingOff(folder + "/" + kWritabilityProbe, err);
     removeExpiredEntries(folderFd.get(), folder, expireDays, skipFinishDemoRestore);
     const std::string path = fileNameForTodayUnder(folder, prefix);
     return openLogFile(folderFd.get(), path.substr(path.rfind('/') + 1), path);

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "base/DescriptorIO.h"
+#include "base/Errno.h"
 
 namespace qvl::platform {
 namespace {
@@ -16,10 +17,6 @@ namespace {
 // temporary name stays within NAME_MAX.
 constexpr size_t kTemporaryNameStem = 200;
 constexpr int kTemporaryNameAttempts = 16;
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
-}
 
 // Random, so that another user of the folder can't take the names ahead of us.
 std::string temporaryName(std::string_view target) {

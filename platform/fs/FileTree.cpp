@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/Errno.h"
 #include "base/UniqueFd.h"
 
 namespace qvl::platform {
@@ -18,14 +19,6 @@ using Fd = UniqueFd;
 constexpr int kDirOpenFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
 // Folders climbed from a destination before giving up: more than a path can hold.
 constexpr int kMaxClimb = 4096;
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
-}
-
-bool isDotOrDotDot(const char* name) {
-    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
-}
 
 // Calls `visit(name)` for every entry but "." and "..", stopping at the
 // first non-zero result.

@@ -6,14 +6,11 @@
 #include <string>
 #include <vector>
 
+#include "base/Errno.h"
 #include "base/FolderAccess.h"
 
 namespace qvl::platform {
 namespace {
-
-int lastError() {
-    return errno != 0 ? errno : EIO;
-}
 
 // The names of `relative`, "." and empty ones dropped; false for ".." or a
 // name that can't be one.
