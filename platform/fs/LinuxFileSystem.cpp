@@ -317,6 +317,11 @@ int LinuxFileSystem::writeFileAtomically(const std::string& path, std::span<cons
     return posixResult(platform::writeFileAtomically(path, bytes, mode));
 }
 
+int LinuxFileSystem::writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                             std::optional<uint32_t> mode) {
+    return posixResult(platform::writeFileAtomicallyFrom(path, produce, mode));
+}
+
 UniqueFd LinuxFileSystem::openForReading(const std::string& path, uint64_t* size) {
     constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
     // Reading for a digest should not change access times; only the owner or

@@ -52,6 +52,8 @@ class LinuxFileSystem : public FileSystem {
                  const RegularFileOptions& options) override;
     int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                             std::optional<uint32_t> mode) override;
+    int writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                std::optional<uint32_t> mode) override;
     UniqueFd openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseSequential(int fd) override;
