@@ -118,12 +118,14 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std:
 
 std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderFd, const std::string& name,
                                                                      platform::ItemType type,
-                                                                     const std::string& path, FileSystem& files) {
+                                                                     const std::string& path, FileSystem& files,
+                                                                     UniqueFd opened) {
     // Links and other items, and any item that can't be opened or changed
     // type since it was listed, take the way by path, which says why.
     if (folderFd < 0 || (type != platform::ItemType::kRegular && type != platform::ItemType::kDirectory))
         return fileMetadatatWithPath(path, files);
-    const UniqueFd fd = files.openItemAt(folderFd, name, type);
+    const UniqueFd fd = opened.valid() && type == platform::ItemType::kRegular ? std::move(opened)
+                                                                                 : files.openItemAt(folderFd, name, type);
     platform::ItemStat st;
     if (!fd.valid() || files.statOpenItem(fd.get(), &st) != 0 || st.type != type)
         return fileMetadatatWithPath(path, files);

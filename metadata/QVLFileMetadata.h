@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "plist/PlistValue.h"
 
 namespace qvl {
@@ -98,10 +99,12 @@ class QVLFileMetadata {
     // `folderFd`, whose path is `path`: a regular file or folder is opened
     // once, and its attributes, extended attributes and content are all read
     // through that descriptor. Other items, and a folder descriptor below 0,
-    // go by the path.
+    // go by the path. `opened`, when valid, is the regular file `name`
+    // already open (as FileSystem::openItemAt opens it).
     static std::optional<QVLFileMetadata> fileMetadataInFolder(int folderFd, const std::string& name,
                                                                platform::ItemType type, const std::string& path,
-                                                               platform::FileSystem& files);
+                                                               platform::FileSystem& files,
+                                                               UniqueFd opened = UniqueFd());
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
         return QVLFileMetadata(std::move(dict));
     }

@@ -235,6 +235,10 @@ class FileSystem {
     virtual int extendedAttributeOf(int fd, const std::string& name, size_t limit,
                                     std::vector<uint8_t>* value) = 0;
     virtual void prefetchAt(int folderFd, const std::string& name, off_t length) = 0;
+    // Opens the regular file `name` as openItemAt does and asks the kernel
+    // to start reading its first `length` bytes; for a walk that reads the
+    // file a little later through the same descriptor.
+    virtual UniqueFd openAndPrefetchAt(int folderFd, const std::string& name, off_t length) = 0;
 
     // ---- Accounts: names and ids; nullopt when the system has no such account.
     virtual std::optional<std::string> userName(uint32_t uid) = 0;

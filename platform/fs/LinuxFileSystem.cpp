@@ -461,4 +461,10 @@ void LinuxFileSystem::prefetchAt(int folderFd, const std::string& name, off_t le
     if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
 }
 
+UniqueFd LinuxFileSystem::openAndPrefetchAt(int folderFd, const std::string& name, off_t length) {
+    UniqueFd fd = openItemAt(folderFd, name, ItemType::kRegular);
+    if (fd.valid()) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
+    return fd;
+}
+
 }  // namespace qvl::platform

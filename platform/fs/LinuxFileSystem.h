@@ -67,6 +67,7 @@ class LinuxFileSystem : public FileSystem {
     int extendedAttributeNamesOf(int fd, std::string* names) override;
     int extendedAttributeOf(int fd, const std::string& name, size_t limit, std::vector<uint8_t>* value) override;
     void prefetchAt(int folderFd, const std::string& name, off_t length) override;
+    UniqueFd openAndPrefetchAt(int folderFd, const std::string& name, off_t length) override;
 
     std::optional<std::string> userName(uint32_t uid) override;
     std::optional<std::string> groupName(uint32_t gid) override;
