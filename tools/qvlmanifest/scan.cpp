@@ -159,8 +159,7 @@ int scanVerb(Arguments args) {
     }
     if (options.verbose) logToStandardError();
 
-    QVLManifest manifest(platform::LinuxFileSystem::sharedInstance(),
-                         {.collectors = QVLManifest::WalkOptions::machineCollectors()});
+    QVLManifest manifest(platform::LinuxFileSystem::sharedInstance());
     QVLProgressUpdater updater(drawProgress);
     const bool showProgress = !options.verbose && isatty(STDERR_FILENO);
     if (showProgress) manifest.setProgressUpdater(&updater);
