@@ -129,9 +129,13 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderF
     platform::ItemStat st;
     if (!fd.valid() || files.statOpenItem(fd.get(), &st) != 0 || st.type != type)
         return fileMetadatatWithPath(path, files);
+    std::string names;
+    std::optional<std::string> protectionClass;
+    const bool listed = files.extendedAttributeNamesAndProtectionClassOf(fd.get(), &names, &protectionClass) == 0;
     plist::Dictionary attributes = QVLAttributeDictionary::attributesOfStat(
-        st, QVLAttributeDictionary::protectionClassFrom(files.protectionClassOf(fd.get())), files);
-    std::optional<plist::Dictionary> extendedAttributes = extendedAttributesOfOpenItem(fd.get(), path, files);
+        st, QVLAttributeDictionary::protectionClassFrom(std::move(protectionClass)), files);
+    std::optional<plist::Dictionary> extendedAttributes =
+        listed ? extendedAttributesNamedIn(names, fd.get(), path, files) : unlistedAttributes(path);
     plist::Data hash;
     if (type == platform::ItemType::kRegular) {
         if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files)) {
@@ -257,11 +261,18 @@ std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesWithPath(con
 std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesOfOpenItem(int fd, const std::string& path,
                                                                                FileSystem& files) {
     std::string list;
-    if (files.extendedAttributeNamesOf(fd, &list) != 0) {
-        QVLLog("Could not extract extended attributes from %@.", path);
-        QVLLog("Could not get attribute keys from file %@", path);
-        return std::nullopt;
-    }
+    if (files.extendedAttributeNamesOf(fd, &list) != 0) return unlistedAttributes(path);
+    return extendedAttributesNamedIn(list, fd, path, files);
+}
+
+std::optional<plist::Dictionary> QVLFileMetadata::unlistedAttributes(const std::string& path) {
+    QVLLog("Could not extract extended attributes from %@.", path);
+    QVLLog("Could not get attribute keys from file %@", path);
+    return std::nullopt;
+}
+
+plist::Dictionary QVLFileMetadata::extendedAttributesNamedIn(std::string_view list, int fd, const std::string& path,
+                                                             FileSystem& files) {
     plist::Dictionary values;
     for (std::string& name : namesInList(list, path)) {
         plist::Data value;

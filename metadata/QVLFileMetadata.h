@@ -161,6 +161,11 @@ class QVLFileMetadata {
                                   plist::Data hash, std::optional<std::string> target);
     bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files,
                                    const std::string& shownPath) const;
+    // The values, read through `fd`, of the NUL-separated names of `list`.
+    static plist::Dictionary extendedAttributesNamedIn(std::string_view list, int fd, const std::string& path,
+                                                       platform::FileSystem& files);
+    // Logs why an item has no extended attributes in its record.
+    static std::optional<plist::Dictionary> unlistedAttributes(const std::string& path);
 
     plist::Dictionary dict_;
 };

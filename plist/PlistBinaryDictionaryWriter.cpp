@@ -19,10 +19,9 @@ constexpr size_t kBufferSize = 256 * 1024;
 // which new values are written where they occur.
 constexpr size_t kMaxShared = 1 << 16;
 constexpr size_t kMaxSharedStringLength = 128;
-constexpr uint64_t kMaxSharedInteger = 0xFFFF;
 
-// Tags of the shared-object table, one per kind of object.
-constexpr char kTagString = 's', kTagData = 'd', kTagInteger = 'i', kTagBoolean = 'b';
+// The tag of strings in the shared-object table.
+constexpr char kTagString = 's';
 
 }  // namespace
 
@@ -192,28 +191,17 @@ int64_t BinaryDictionaryWriter::putString(std::string_view s, bool share) {
 }
 
 int64_t BinaryDictionaryWriter::putScalar(const Value& v) {
-    // The bytes that identify a shareable scalar, or none.
-    char bits[8];
-    std::string_view identity;
-    char tag = 0;
-    uint32_t* smallInteger = nullptr;
+    // The slot of a shared scalar (index + 1, 0 before it is written), or
+    // null for a value written where it occurs.
+    uint32_t* slot = nullptr;
     if (const Integer* n = v.asInteger(); n && !n->isNegative() && n->bits < smallIntegers_.size()) {
-        smallInteger = &smallIntegers_[n->bits];
-        if (*smallInteger != 0) return *smallInteger - 1;
-    } else if (n && !n->isNegative() && n->bits <= kMaxSharedInteger) {
-        tag = kTagInteger;
-        memcpy(bits, &n->bits, 8);
-        identity = {bits, 8};
+        slot = &smallIntegers_[n->bits];
     } else if (const bool* b = v.asBoolean()) {
-        tag = kTagBoolean;
-        bits[0] = *b ? 1 : 0;
-        identity = {bits, 1};
+        slot = &booleans_[*b ? 1 : 0];
     } else if (const Data* d = v.asData(); d && d->empty()) {
-        tag = kTagData;
+        slot = &emptyData_;
     }
-    if (tag != 0) {
-        if (const int64_t known = shared(tag, identity); known >= 0) return known;
-    }
+    if (slot && *slot != 0) return *slot - 1;
     const int64_t index = beginObject();
     if (index < 0) return -1;
     switch (v.kind()) {
@@ -240,8 +228,7 @@ int64_t BinaryDictionaryWriter::putScalar(const Value& v) {
         case Kind::Dictionary:
             return -1;  // not scalars: put() sends them elsewhere
     }
-    if (tag != 0) share(index);
-    if (smallInteger) *smallInteger = static_cast<uint32_t>(index) + 1;
+    if (slot) *slot = static_cast<uint32_t>(index) + 1;
     return index;
 }
 

@@ -9,9 +9,9 @@
 //   - references are always 4 bytes wide: the object count is not known when
 //     the first reference is written (a value with more than 2^32 - 2
 //     objects is refused);
-//   - only dictionary keys, short strings, booleans, small integers and empty
-//     data are stored once, through a bounded table; other values are
-//     written where they occur. Either way the file reads back as the same
+//   - only dictionary keys and short strings (through a bounded table),
+//     booleans, integers below 256 and empty data are stored once; other
+//     values are written where they occur. Either way the file reads back as the same
 //     value.
 // A key added twice is written twice; readers keep the first position and
 // the last value, as a dictionary's set() does.
@@ -104,8 +104,11 @@ class BinaryDictionaryWriter {
     std::string lookup_;  // the key of the last shared() look-up
     std::unordered_map<std::string, uint32_t, TransparentHash, std::equal_to<>> shared_;
     std::array<RecentString, 256> recent_;
-    // Shared small integers by value; the index + 1, 0 for none yet.
+    // Shared scalars: small integers by value, booleans, empty data; the
+    // index + 1, 0 for none yet.
     std::array<uint32_t, 256> smallIntegers_{};
+    std::array<uint32_t, 2> booleans_{};
+    uint32_t emptyData_ = 0;
 };
 
 }  // namespace qvl::plist

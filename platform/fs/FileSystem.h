@@ -231,6 +231,12 @@ class FileSystem {
     // The `user.` attribute names of an open item, prefix removed, each
     // followed by a NUL; `names` is replaced only on success.
     virtual int extendedAttributeNamesOf(int fd, std::string* names) = 0;
+    // Both of the above from one look at the item's name list: the class is
+    // read only when the list holds its attribute (a process that may not
+    // list it may not read it either). `protectionClass` is set even when
+    // the names can't be listed (-1).
+    virtual int extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
+                                                           std::optional<std::string>* protectionClass) = 0;
     // One attribute's value; E2BIG when it holds more than `limit` bytes.
     virtual int extendedAttributeOf(int fd, const std::string& name, size_t limit,
                                     std::vector<uint8_t>* value) = 0;

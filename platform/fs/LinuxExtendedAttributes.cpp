@@ -99,6 +99,28 @@ int LinuxFileSystem::extendedAttributeNamesOf(int fd, std::string* names) {
     return 0;
 }
 
+int LinuxFileSystem::extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
+                                                                std::optional<std::string>* protectionClass) {
+    std::string raw;
+    auto list = [fd](char* into, size_t length) { return ::flistxattr(fd, into, length); };
+    if (rawNameList(list, &raw) != 0) {
+        const int err = errno;
+        *protectionClass = protectionClassOf(fd);
+        errno = err;
+        return -1;
+    }
+    *names = userNames(raw);
+    bool listed = false;
+    for (size_t pos = 0; pos < raw.size() && !listed;) {
+        size_t end = raw.find('\0', pos);
+        if (end == std::string::npos) end = raw.size();
+        listed = std::string_view(raw).substr(pos, end - pos) == kProtectionClassAttribute;
+        pos = end + 1;
+    }
+    *protectionClass = listed ? protectionClassOf(fd) : std::nullopt;
+    return 0;
+}
+
 int LinuxFileSystem::extendedAttributeOf(int fd, const std::string& name, size_t limit,
                                          std::vector<uint8_t>* value) {
     const std::string fullName = userAttribute(name);
