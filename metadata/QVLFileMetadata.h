@@ -32,7 +32,7 @@ namespace qvl {
 namespace platform {
 class FileSystem;
 enum class ItemType : uint8_t;
-}
+}  // namespace platform
 
 // Keys of a record, in record order.
 inline constexpr std::string_view kQVLManifestFileAttributes = "QVLManifestFileAttributes";
@@ -102,7 +102,8 @@ class QVLFileMetadata {
     // go by the path. `opened`, when valid, is the regular file `name`
     // already open (as FileSystem::openItemAt opens it).
     static std::optional<QVLFileMetadata> fileMetadataInFolder(int folderFd, const std::string& name,
-                                                               platform::ItemType type, const std::string& path,
+                                                               platform::ItemType type,
+                                                               const std::string& path,
                                                                platform::FileSystem& files,
                                                                UniqueFd opened = UniqueFd());
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
@@ -157,8 +158,9 @@ class QVLFileMetadata {
     int compareWith(const QVLFileMetadata* other) const;
 
   private:
-    static QVLFileMetadata record(plist::Dictionary attributes, std::optional<plist::Dictionary> extendedAttributes,
-                                  plist::Data hash, std::optional<std::string> target);
+    static QVLFileMetadata record(plist::Dictionary attributes,
+                                  std::optional<plist::Dictionary> extendedAttributes, plist::Data hash,
+                                  std::optional<std::string> target);
     bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files,
                                    const std::string& shownPath) const;
     // The values, read through `fd`, of the NUL-separated names of `list`.

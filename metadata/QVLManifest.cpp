@@ -153,8 +153,9 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
              level.prefetched < end; ++level.prefetched) {
             const DirectoryEntry& ahead = level.entries[level.prefetched];
             if (ahead.type != ItemType::kRegular) continue;
-            UniqueFd fd = prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type},
-                                   folderFd >= 0 && openedAhead < kMaxOpenedAhead);
+            UniqueFd fd =
+                prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type},
+                         folderFd >= 0 && openedAhead < kMaxOpenedAhead);
             if (fd.valid()) {
                 level.opened.emplace_back(level.prefetched, std::move(fd));
                 ++openedAhead;
@@ -288,9 +289,9 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             QVLLog("%@ is not below the root %@; it has no key", item, base);
             return false;
         }
-        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadataInFolder(
-            walked.folderFd, walked.name, *type, item, files_,
-            walked.opened ? std::move(*walked.opened) : UniqueFd());
+        std::optional<QVLFileMetadata> metadata =
+            QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item, files_,
+                                                  walked.opened ? std::move(*walked.opened) : UniqueFd());
         if (!metadata) {
             QVLLog("Couldn't get meta data for %@", item);
             // An item removed while the walk runs is no longer part of the

@@ -317,7 +317,7 @@ TEST(PlistBinaryDictionaryWriter, SharesKeysAndShortValuesAndStopsAtTheFirstFail
     both.set("b", record);
     ASSERT_TRUE(w->add("a", record) && w->add("b", Value(record)) && w->finish());
     ASSERT_GE(out.size(), 32u);
-    EXPECT_EQ(out[out.size() - 25], 4);  // reference width
+    EXPECT_EQ(out[out.size() - 25], 4);                        // reference width
     EXPECT_EQ(static_cast<uint8_t>(out[out.size() - 17]), 9);  // object count
     EXPECT_EQ(read(out), Value(both));
 

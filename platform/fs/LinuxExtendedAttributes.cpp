@@ -63,7 +63,9 @@ std::string userNames(std::string_view raw) {
     return names;
 }
 
-std::string userAttribute(const std::string& name) { return std::string(kUserPrefix) + name; }
+std::string userAttribute(const std::string& name) {
+    return std::string(kUserPrefix) + name;
+}
 
 }  // namespace
 

@@ -268,7 +268,8 @@ int LinuxFileSystem::changeOwnerAt(int folderFd, const std::string& name, uint32
 int LinuxFileSystem::changeModeAt(int folderFd, const std::string& name, uint32_t mode) {
     // Opening a fifo without blocking has no effect on it; a device can't be
     // in a folder of the data volume that a client could have put it in.
-    UniqueFd entry(::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd entry(
+        ::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!entry.valid()) return posixResult(errno == ELOOP ? EOPNOTSUPP : errno);  // links have no mode
     struct stat st;
     if (::fstat(entry.get(), &st) != 0) return -1;

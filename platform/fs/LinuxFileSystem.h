@@ -67,7 +67,8 @@ class LinuxFileSystem : public FileSystem {
     int extendedAttributeNamesOf(int fd, std::string* names) override;
     int extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
                                                    std::optional<std::string>* protectionClass) override;
-    int extendedAttributeOf(int fd, const std::string& name, size_t limit, std::vector<uint8_t>* value) override;
+    int extendedAttributeOf(int fd, const std::string& name, size_t limit,
+                            std::vector<uint8_t>* value) override;
     void prefetchAt(int folderFd, const std::string& name, off_t length) override;
     UniqueFd openAndPrefetchAt(int folderFd, const std::string& name, off_t length) override;
 

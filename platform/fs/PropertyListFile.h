@@ -40,6 +40,7 @@ bool writePropertyListFile(FileSystem& files, const std::string& path, const pli
 enum class StreamedWrite { kWritten, kAbandoned, kFailed };
 StreamedWrite writeBinaryDictionaryFile(FileSystem& files, const std::string& path,
                                         const std::function<bool(plist::BinaryDictionaryWriter&)>& fill,
-                                        std::string* error = nullptr, std::optional<uint32_t> mode = std::nullopt);
+                                        std::string* error = nullptr,
+                                        std::optional<uint32_t> mode = std::nullopt);
 
 }  // namespace qvl::platform

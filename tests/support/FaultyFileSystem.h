@@ -25,7 +25,8 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     // Calls on an open folder or item are hooked by the path they reach.
     int statItem(const std::string& path, platform::ItemStat* out) override;
     int statItemAt(int folderFd, const std::string& name, platform::ItemStat* out) override;
-    int typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type, uint64_t* size) override;
+    int typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type,
+                      uint64_t* size) override;
     int statOpenItem(int fd, platform::ItemStat* out) override;
     int listFolder(int folderFd, std::vector<platform::DirectoryEntry>* out) override;
     ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) override;

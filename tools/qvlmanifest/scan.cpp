@@ -178,14 +178,16 @@ int scanVerb(Arguments args) {
             platform::LinuxFileSystem::sharedInstance(), options.output,
             [&](plist::BinaryDictionaryWriter& out) {
                 const bool walked = manifest.enumerateAndCollectMetaData(
-                    directory, root, skip, limit,
-                    [&](QVLFileMetadata& metadata, const std::string& key) { return out.add(key, metadata.dict()); });
+                    directory, root, skip, limit, [&](QVLFileMetadata& metadata, const std::string& key) {
+                        return out.add(key, metadata.dict());
+                    });
                 return walked || out.error() != 0;
             },
             &error);
         if (written == platform::StreamedWrite::kAbandoned) return walkFailed();
         if (showProgress) std::fprintf(stderr, "\n");
-        if (written == platform::StreamedWrite::kFailed) return fail("cannot write " + options.output + ": " + error);
+        if (written == platform::StreamedWrite::kFailed)
+            return fail("cannot write " + options.output + ": " + error);
         return kExitSuccess;
     }
     if (!manifest.addFilesFromPath(directory, root, skip, limit)) return walkFailed();
