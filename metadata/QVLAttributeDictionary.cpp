@@ -206,24 +206,24 @@ plist::Dictionary QVLAttributeDictionary::attributesOfStat(const ItemStat& st, s
 
     plist::Dictionary attributes;
     attributes.reserve(18);
-    attributes.appendUnchecked(std::string(kNSFileBusy), false);
-    if (st.birth) attributes.appendUnchecked(std::string(kNSFileCreationDate), dateOf(*st.birth));
-    attributes.appendUnchecked(std::string(kNSFileExtensionHidden), false);
-    attributes.appendUnchecked(std::string(kNSFileGroupOwnerAccountID), static_cast<int64_t>(st.gid));
-    if (group) attributes.appendUnchecked(std::string(kNSFileGroupOwnerAccountName), std::move(*group));
-    attributes.appendUnchecked(std::string(kNSFileHFSCreatorCode), static_cast<int64_t>(0));
-    attributes.appendUnchecked(std::string(kNSFileHFSTypeCode), static_cast<int64_t>(0));
-    attributes.appendUnchecked(std::string(kNSFileImmutable), st.immutable);
-    attributes.appendUnchecked(std::string(kNSFileModificationDate), dateOf(st.modification));
-    attributes.appendUnchecked(std::string(kNSFileOwnerAccountID), static_cast<int64_t>(st.uid));
-    if (owner) attributes.appendUnchecked(std::string(kNSFileOwnerAccountName), std::move(*owner));
-    attributes.appendUnchecked(std::string(kNSFilePosixPermissions), static_cast<int64_t>(st.permissions));
-    attributes.appendUnchecked(std::string(kNSFileProtectionKey), std::move(protectionClass));
-    attributes.appendUnchecked(std::string(kNSFileReferenceCount), static_cast<int64_t>(st.linkCount));
-    attributes.appendUnchecked(std::string(kNSFileSize), plist::Integer::fromUnsigned(st.size));
-    attributes.appendUnchecked(std::string(kNSFileSystemFileNumber), plist::Integer::fromUnsigned(st.inode));
-    attributes.appendUnchecked(std::string(kNSFileSystemNumber), plist::Integer::fromUnsigned(st.device));
-    attributes.appendUnchecked(std::string(kNSFileType), std::string(typeName(st.type)));
+    attributes.appendUnchecked(kNSFileBusy, false);
+    if (st.birth) attributes.appendUnchecked(kNSFileCreationDate, dateOf(*st.birth));
+    attributes.appendUnchecked(kNSFileExtensionHidden, false);
+    attributes.appendUnchecked(kNSFileGroupOwnerAccountID, static_cast<int64_t>(st.gid));
+    if (group) attributes.appendUnchecked(kNSFileGroupOwnerAccountName, std::move(*group));
+    attributes.appendUnchecked(kNSFileHFSCreatorCode, static_cast<int64_t>(0));
+    attributes.appendUnchecked(kNSFileHFSTypeCode, static_cast<int64_t>(0));
+    attributes.appendUnchecked(kNSFileImmutable, st.immutable);
+    attributes.appendUnchecked(kNSFileModificationDate, dateOf(st.modification));
+    attributes.appendUnchecked(kNSFileOwnerAccountID, static_cast<int64_t>(st.uid));
+    if (owner) attributes.appendUnchecked(kNSFileOwnerAccountName, std::move(*owner));
+    attributes.appendUnchecked(kNSFilePosixPermissions, static_cast<int64_t>(st.permissions));
+    attributes.appendUnchecked(kNSFileProtectionKey, std::move(protectionClass));
+    attributes.appendUnchecked(kNSFileReferenceCount, static_cast<int64_t>(st.linkCount));
+    attributes.appendUnchecked(kNSFileSize, plist::Integer::fromUnsigned(st.size));
+    attributes.appendUnchecked(kNSFileSystemFileNumber, plist::Integer::fromUnsigned(st.inode));
+    attributes.appendUnchecked(kNSFileSystemNumber, plist::Integer::fromUnsigned(st.device));
+    attributes.appendUnchecked(kNSFileType, typeName(st.type));
     return attributes;
 }
 

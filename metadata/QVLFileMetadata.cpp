@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "base/QVLLog.h"
-#include "base/UniqueFd.h"
 #include "base/UTF8.h"
+#include "base/UniqueFd.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
 #include "platform/fs/FileSystem.h"
@@ -118,18 +118,26 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std:
 
 std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderFd, const std::string& name,
                                                                      platform::ItemType type,
-                                                                     const std::string& path, FileSystem& files) {
+                                                                     const std::string& path,
+                                                                     FileSystem& files, UniqueFd opened) {
     // Links and other items, and any item that can't be opened or changed
     // type since it was listed, take the way by path, which says why.
     if (folderFd < 0 || (type != platform::ItemType::kRegular && type != platform::ItemType::kDirectory))
         return fileMetadatatWithPath(path, files);
-    const UniqueFd fd = files.openItemAt(folderFd, name, type);
+    const UniqueFd fd = opened.valid() && type == platform::ItemType::kRegular
+                            ? std::move(opened)
+                            : files.openItemAt(folderFd, name, type);
     platform::ItemStat st;
     if (!fd.valid() || files.statOpenItem(fd.get(), &st) != 0 || st.type != type)
         return fileMetadatatWithPath(path, files);
+    std::string names;
+    std::optional<std::string> protectionClass;
+    const bool listed =
+        files.extendedAttributeNamesAndProtectionClassOf(fd.get(), &names, &protectionClass) == 0;
     plist::Dictionary attributes = QVLAttributeDictionary::attributesOfStat(
-        st, QVLAttributeDictionary::protectionClassFrom(files.protectionClassOf(fd.get())), files);
-    std::optional<plist::Dictionary> extendedAttributes = extendedAttributesOfOpenItem(fd.get(), path, files);
+        st, QVLAttributeDictionary::protectionClassFrom(std::move(protectionClass)), files);
+    std::optional<plist::Dictionary> extendedAttributes =
+        listed ? extendedAttributesNamedIn(names, fd.get(), path, files) : unlistedAttributes(path);
     plist::Data hash;
     if (type == platform::ItemType::kRegular) {
         if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files)) {
@@ -252,14 +260,22 @@ std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesWithPath(con
     return values;
 }
 
-std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesOfOpenItem(int fd, const std::string& path,
+std::optional<plist::Dictionary> QVLFileMetadata::extendedAttributesOfOpenItem(int fd,
+                                                                               const std::string& path,
                                                                                FileSystem& files) {
     std::string list;
-    if (files.extendedAttributeNamesOf(fd, &list) != 0) {
-        QVLLog("Could not extract extended attributes from %@.", path);
-        QVLLog("Could not get attribute keys from file %@", path);
-        return std::nullopt;
-    }
+    if (files.extendedAttributeNamesOf(fd, &list) != 0) return unlistedAttributes(path);
+    return extendedAttributesNamedIn(list, fd, path, files);
+}
+
+std::optional<plist::Dictionary> QVLFileMetadata::unlistedAttributes(const std::string& path) {
+    QVLLog("Could not extract extended attributes from %@.", path);
+    QVLLog("Could not get attribute keys from file %@", path);
+    return std::nullopt;
+}
+
+plist::Dictionary QVLFileMetadata::extendedAttributesNamedIn(std::string_view list, int fd,
+                                                             const std::string& path, FileSystem& files) {
     plist::Dictionary values;
     for (std::string& name : namesInList(list, path)) {
         plist::Data value;

@@ -24,6 +24,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/UniqueFd.h"
 #include "plist/PlistValue.h"
 
 namespace qvl {
@@ -31,7 +32,7 @@ namespace qvl {
 namespace platform {
 class FileSystem;
 enum class ItemType : uint8_t;
-}
+}  // namespace platform
 
 // Keys of a record, in record order.
 inline constexpr std::string_view kQVLManifestFileAttributes = "QVLManifestFileAttributes";
@@ -98,10 +99,13 @@ class QVLFileMetadata {
     // `folderFd`, whose path is `path`: a regular file or folder is opened
     // once, and its attributes, extended attributes and content are all read
     // through that descriptor. Other items, and a folder descriptor below 0,
-    // go by the path.
+    // go by the path. `opened`, when valid, is the regular file `name`
+    // already open (as FileSystem::openItemAt opens it).
     static std::optional<QVLFileMetadata> fileMetadataInFolder(int folderFd, const std::string& name,
-                                                               platform::ItemType type, const std::string& path,
-                                                               platform::FileSystem& files);
+                                                               platform::ItemType type,
+                                                               const std::string& path,
+                                                               platform::FileSystem& files,
+                                                               UniqueFd opened = UniqueFd());
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
         return QVLFileMetadata(std::move(dict));
     }
@@ -154,10 +158,16 @@ class QVLFileMetadata {
     int compareWith(const QVLFileMetadata* other) const;
 
   private:
-    static QVLFileMetadata record(plist::Dictionary attributes, std::optional<plist::Dictionary> extendedAttributes,
-                                  plist::Data hash, std::optional<std::string> target);
+    static QVLFileMetadata record(plist::Dictionary attributes,
+                                  std::optional<plist::Dictionary> extendedAttributes, plist::Data hash,
+                                  std::optional<std::string> target);
     bool restoreExtendedAttributes(const std::string& path, platform::FileSystem& files,
                                    const std::string& shownPath) const;
+    // The values, read through `fd`, of the NUL-separated names of `list`.
+    static plist::Dictionary extendedAttributesNamedIn(std::string_view list, int fd, const std::string& path,
+                                                       platform::FileSystem& files);
+    // Logs why an item has no extended attributes in its record.
+    static std::optional<plist::Dictionary> unlistedAttributes(const std::string& path);
 
     plist::Dictionary dict_;
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <deque>
 #include <limits>
 
 #include "base/QVLLog.h"
@@ -74,14 +75,20 @@ constexpr size_t kPrefetchWindow = 32;
 // can't run the process out of descriptors.
 constexpr size_t kMaxOpenFolders = 64;
 
+// Files opened ahead, at most, over all the folders of a walk: a file
+// fetched ahead through a folder held open stays open until the walk reaches
+// it, which spares opening it twice.
+constexpr size_t kMaxOpenedAhead = 2 * kPrefetchWindow;
+
 // One item met by a walk: its path, its name in the open folder `folderFd`
-// (-1 when the folder is not held open) and its type (nullopt when it can't
-// be read).
+// (-1 when the folder is not held open), its type (nullopt when it can't be
+// read) and, for a file fetched ahead, the descriptor that fetch opened.
 struct WalkItem {
     int folderFd;
     const std::string& name;
     const std::string& path;
     std::optional<ItemType> type;
+    UniqueFd* opened = nullptr;
 };
 
 std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const std::string& name,
@@ -97,9 +104,10 @@ std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const 
 // without following links. Folders inside a skip folder are not opened: all
 // they hold would be skipped. `visit(item)` gets nullopt as the type when it
 // cannot be read, and stops the enumeration by answering false.
-// `prefetch(item)` is told of each regular file some items before it is
-// visited. Memory: the listings of the folders from `top` down to the
-// current item.
+// `prefetch(item, mayKeepOpen)` is told of each regular file some items
+// before it is visited; it may answer the file opened, which the visit then
+// gets. Memory: the listings of the folders from `top` down to the current
+// item, and at most kMaxOpenedAhead descriptors.
 template <class Visit, class Prefetch>
 bool enumerateTree(platform::FileSystem& files, const std::string& top, const std::vector<std::string>* skip,
                    const char* signature, Visit visit, Prefetch prefetch) {
@@ -109,8 +117,10 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
         size_t prefetched = 0;
+        std::deque<std::pair<size_t, UniqueFd>> opened;  // by entry index, in order
     };
     std::vector<Level> stack;
+    size_t openedAhead = 0;
     auto descend = [&](int parentFd, const std::string& name, const std::string& folder) {
         if (QVLManifest::folderContains(skip, folder)) return;
         Level level;
@@ -134,6 +144,7 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
+            openedAhead -= level.opened.size();
             stack.pop_back();
             continue;
         }
@@ -141,18 +152,30 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         for (const size_t end = std::min(level.entries.size(), level.next + kPrefetchWindow);
              level.prefetched < end; ++level.prefetched) {
             const DirectoryEntry& ahead = level.entries[level.prefetched];
-            if (ahead.type == ItemType::kRegular) {
-                prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type});
+            if (ahead.type != ItemType::kRegular) continue;
+            UniqueFd fd =
+                prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type},
+                         folderFd >= 0 && openedAhead < kMaxOpenedAhead);
+            if (fd.valid()) {
+                level.opened.emplace_back(level.prefetched, std::move(fd));
+                ++openedAhead;
             }
         }
         // Entries stay where they are while deeper levels are pushed: the
         // vector holding them moves with its level.
-        const DirectoryEntry& entry = level.entries[level.next++];
+        const size_t index = level.next++;
+        const DirectoryEntry& entry = level.entries[index];
+        UniqueFd opened;
+        if (!level.opened.empty() && level.opened.front().first == index) {
+            opened = std::move(level.opened.front().second);
+            level.opened.pop_front();
+            --openedAhead;
+        }
         const std::string item = childPath(level.path, entry.name);
         if (QVLManifest::folderContains(skip, item)) continue;
         const std::optional<ItemType> type =
             entry.type != ItemType::kUnknown ? entry.type : typeAt(files, folderFd, entry.name, item);
-        if (!visit(WalkItem{folderFd, entry.name, item, type})) return false;
+        if (!visit(WalkItem{folderFd, entry.name, item, type, &opened})) return false;
         if (type == ItemType::kDirectory) descend(folderFd, entry.name, item);
     }
     return true;
@@ -267,7 +290,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             return false;
         }
         std::optional<QVLFileMetadata> metadata =
-            QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item, files_);
+            QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item, files_,
+                                                  walked.opened ? std::move(*walked.opened) : UniqueFd());
         if (!metadata) {
             QVLLog("Couldn't get meta data for %@", item);
             // An item removed while the walk runs is no longer part of the
@@ -285,14 +309,17 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     // Only files the walk will read are fetched ahead: a superset may leave
     // most of a tree out, and fetching those would flood the cache.
-    auto prefetch = [&](const WalkItem& ahead) {
-        if (folderContains(skip, ahead.path) || (superSet && !pathInSuperSet(ahead.path, superSet))) return;
+    auto prefetch = [&](const WalkItem& ahead, bool mayKeepOpen) {
+        if (folderContains(skip, ahead.path) || (superSet && !pathInSuperSet(ahead.path, superSet)))
+            return UniqueFd();
         constexpr auto kLength = static_cast<off_t>(kQVLFileHashPieceSize);
+        if (mayKeepOpen) return files_.openAndPrefetchAt(ahead.folderFd, ahead.name, kLength);
         if (ahead.folderFd >= 0) {
             files_.prefetchAt(ahead.folderFd, ahead.name, kLength);
         } else {
             files_.prefetch(ahead.path, kLength);
         }
+        return UniqueFd();
     };
     if (!enumerateTree(files_, top, skip, kWalkSignature, handleItem, prefetch)) return false;
     return handleItem(WalkItem{-1, top, top, itemType(files_, top)});
@@ -325,7 +352,7 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
                                                                        : total + size;
             return true;
         },
-        [](const WalkItem&) {});
+        [](const WalkItem&, bool) { return UniqueFd(); });
     return complete ? total : 0;
 }
 

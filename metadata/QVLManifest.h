@@ -11,8 +11,9 @@
 // A manifest reaches the tree through the FileSystem it is made with.
 //
 // Memory: the walk holds one record at a time plus the listings of the
-// folders on the way down to the current item; only the manifest grows with
-// the tree.
+// folders on the way down to the current item and a few files opened ahead;
+// only the manifest grows with the tree, and not even that when the handler
+// writes each record away (as the device manifest and qvlmanifest scan do).
 //
 // Thread-safety: each property is read and written under the object's lock;
 // a walk is driven by one thread, and its handler runs on that thread.

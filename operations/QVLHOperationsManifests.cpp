@@ -116,32 +116,40 @@ bool QVLHOperations::createDeviceManifest(const std::string& path, bool forBacku
                kCreateDeviceManifestName, path);
         return false;
     }
-    QVLManifest manifest(files_);
-    bool walked;
-    if (forBackup) {
-        const auto selection = selectBackups(kCreateDeviceManifestName, range);
-        if (!selection) return false;
-        // Without a selection nothing limits the walk's records, and the
-        // whole of /private/var must never be recorded: keep none.
-        QVLManifest::PathSet paths;
-        if (*selection) {
-            paths.reserve((*selection)->size());
-            for (const auto& entry : **selection) paths.insert(entry.first);
-        }
-        walked =
-            manifest.addFilesFromPath(kBackupWalkRoot, kBackupKeysRelativeTo, &kBackupSkippedFolders, &paths);
-    } else {
-        walked = manifest.addFilesFromPath(path, path, nullptr);
+    // Resolved before the file is opened: a refused range writes nothing.
+    std::optional<std::shared_ptr<const plist::Dictionary>> selection;
+    if (forBackup && !(selection = selectBackups(kCreateDeviceManifestName, range))) return false;
+    // Without a selection nothing limits the walk's records, and the whole
+    // of /private/var must never be recorded: keep none.
+    QVLManifest::PathSet paths;
+    if (selection && *selection) {
+        paths.reserve((*selection)->size());
+        for (const auto& entry : **selection) paths.insert(entry.first);
     }
-    if (!walked) {
+    // Records go to the file as the walk makes them: the manifest of a large
+    // tree is never held whole. The file is written whole or not at all, so
+    // the daemon never reads an old or a partial file as the new one.
+    QVLManifest manifest(files_);
+    std::string error;
+    const platform::StreamedWrite written = platform::writeBinaryDictionaryFile(
+        files_, kDeviceManifestPath,
+        [&](plist::BinaryDictionaryWriter& out) {
+            const QVLManifest::Handler handler = [&](QVLFileMetadata& metadata, const std::string& key) {
+                return out.add(key, metadata.dict());
+            };
+            const bool walked =
+                forBackup ? manifest.enumerateAndCollectMetaData(kBackupWalkRoot, kBackupKeysRelativeTo,
+                                                                 &kBackupSkippedFolders, &paths, handler)
+                          : manifest.enumerateAndCollectMetaData(path, path, nullptr, nullptr, handler);
+            // A walk stopped by the writer is the writer's failure.
+            return walked || out.error() != 0;
+        },
+        &error, kDeviceManifestMode);
+    if (written == platform::StreamedWrite::kAbandoned) {
         QVLLog("Cannot create device manifest - 1");
         return false;
     }
-    // Written whole or not at all, so the daemon never reads an old or a
-    // partial file as the new one.
-    std::string error;
-    if (!platform::writePropertyListFile(files_, kDeviceManifestPath, plist::Value(manifest.releaseDict()),
-                                         plist::Format::Binary, &error, kDeviceManifestMode)) {
+    if (written == platform::StreamedWrite::kFailed) {
         QVLLog("%s: Cannot write the device manifest - %@", kCreateDeviceManifestName, error);
         return false;
     }

@@ -3,25 +3,15 @@
 // reals and dates are kept bit for bit.
 
 #include <algorithm>
-#include <bit>
-#include <cstring>
 #include <memory>
 
-#include "plist/PlistBinaryFormat.h"
+#include "plist/PlistBinaryEncoding.h"
 #include "plist/PlistCodec.h"
 
 namespace qvl::plist {
 
 namespace detail {
 namespace {
-
-unsigned widthFor(uint64_t maxValue) {
-    // Only power-of-two widths: every reader accepts those.
-    if (maxValue <= 0xFF) return 1;
-    if (maxValue <= 0xFFFF) return 2;
-    if (maxValue <= 0xFFFFFFFF) return 4;
-    return 8;
-}
 
 // Stands in for the output string in a first pass that only counts bytes, so
 // that the file is then written into a buffer of its exact size (growing a
@@ -33,55 +23,6 @@ struct ByteCount {
     ByteCount& operator+=(const std::string& s) { return bytes += s.size(), *this; }
     size_t size() const { return bytes; }
 };
-
-template <class Out>
-void appendBE(Out& out, uint64_t v, unsigned width) {
-    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
-}
-
-template <class Out>
-void appendInteger(Out& out, const Integer& n) {
-    if (n.isNegative()) {
-        out.push_back(0x13);
-        appendBE(out, n.bits, 8);
-    } else if (n.bits > static_cast<uint64_t>(INT64_MAX)) {
-        out.push_back(0x14);
-        appendBE(out, 0, 8);
-        appendBE(out, n.bits, 8);
-    } else {
-        const unsigned width = widthFor(n.bits);
-        out.push_back(static_cast<char>(0x10 | std::countr_zero(width)));
-        appendBE(out, n.bits, width);
-    }
-}
-
-template <class Out>
-void appendMarker(Out& out, uint8_t kind, uint64_t count) {
-    if (count < kCountFollows) {
-        out.push_back(static_cast<char>(kind << 4 | count));
-        return;
-    }
-    out.push_back(static_cast<char>(kind << 4 | kCountFollows));
-    appendInteger(out, Integer::fromSigned(static_cast<int64_t>(count)));
-}
-
-// A quick multiply-mix over 8-byte words; the finaliser in ObjectKey::hash
-// spreads the result. Keys and paths are short, so this beats a general
-// purpose byte hash by a wide margin.
-uint64_t hashBytes(std::string_view s) {
-    uint64_t h = s.size() * 0x9E3779B97F4A7C15ull;
-    size_t i = 0;
-    for (; i + 8 <= s.size(); i += 8) {
-        uint64_t word;
-        memcpy(&word, s.data() + i, 8);
-        h = (h ^ word) * 0xFF51AFD7ED558CCDull;
-        h ^= h >> 32;
-    }
-    uint64_t tail = 0;
-    if (i < s.size()) memcpy(&tail, s.data() + i, s.size() - i);
-    h = (h ^ tail) * 0xC4CEB9FE1A85EC53ull;
-    return h ^ (h >> 29);
-}
 
 // What makes two objects the same for uniquing: strings by text, data by
 // bytes, other scalars by kind and exact bits.

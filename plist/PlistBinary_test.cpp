@@ -5,8 +5,10 @@
 
 #include <bit>
 #include <cmath>
+#include <memory>
 #include <string>
 
+#include "plist/PlistBinaryDictionaryWriter.h"
 #include "plist/PropertyList.h"
 
 namespace qvl::plist {
@@ -294,6 +296,43 @@ TEST(PlistBothEncodings, WritersAnswerNothingForWhatTheyCannotCarry) {
         EXPECT_EQ(writeBinary(c.value).empty(), !c.binary) << c.value.description();
         EXPECT_EQ(writeXML(c.value).empty(), !c.xml) << c.value.description();
     }
+}
+
+TEST(PlistBinaryDictionaryWriter, SharesKeysAndShortValuesAndStopsAtTheFirstFailure) {
+    std::string out;
+    int sinkError = 0;
+    const auto writer = [&] {
+        out.clear();
+        return std::make_unique<BinaryDictionaryWriter>([&](std::span<const uint8_t> bytes) {
+            out.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+            return sinkError;
+        });
+    };
+    // "a", "k", "n", "v", 1, the first record, "b", the second record, the top.
+    auto w = writer();
+    Dictionary record, both;
+    record.set("k", "v");
+    record.set("n", Integer::fromSigned(1));
+    both.set("a", record);
+    both.set("b", record);
+    ASSERT_TRUE(w->add("a", record) && w->add("b", Value(record)) && w->finish());
+    ASSERT_GE(out.size(), 32u);
+    EXPECT_EQ(out[out.size() - 25], 4);                        // reference width
+    EXPECT_EQ(static_cast<uint8_t>(out[out.size() - 17]), 9);  // object count
+    EXPECT_EQ(read(out), Value(both));
+
+    w = writer();
+    EXPECT_FALSE(w->add("bad \xFF", record));
+    EXPECT_FALSE(w->add("good", record));
+    EXPECT_EQ(w->error(), BinaryDictionaryWriter::kNotEncodable);
+    EXPECT_FALSE(w->finish());
+
+    sinkError = ENOSPC;
+    w = writer();
+    const Value big{Data(300 * 1024, 7)};
+    EXPECT_FALSE(w->add("big", big));
+    EXPECT_EQ(w->error(), ENOSPC);
+    EXPECT_FALSE(w->finish());
 }
 
 }  // namespace

@@ -43,8 +43,8 @@ std::pair<std::string, std::string> splitFolderAndName(const std::string& path) 
 
 }  // namespace
 
-int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
-                        std::optional<uint32_t> mode) {
+int writeFileAtomicallyFrom(const std::string& path, const FileSystem::ContentProducer& produce,
+                            std::optional<uint32_t> mode) {
     const auto [folder, name] = splitFolderAndName(path);
     if (name.empty() || name == "." || name == "..") return EISDIR;
     UniqueFd dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -64,7 +64,9 @@ int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
     }
     if (!file.valid()) return EEXIST;
     int err = ::fchmod(file.get(), newMode) == 0 ? 0 : lastError();
-    if (err == 0) err = writeAll(file.get(), bytes);
+    if (err == 0) {
+        err = produce([&](std::span<const uint8_t> bytes) { return writeAll(file.get(), bytes); });
+    }
     if (err == 0 && ::fsync(file.get()) != 0) err = lastError();
     if (err == 0 && !file.closeChecked()) err = lastError();
     if (err == 0 && ::renameat(dir.get(), temp.c_str(), dir.get(), name.c_str()) != 0) err = lastError();
@@ -77,6 +79,12 @@ int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
     // place, so it is not reported.
     ::fsync(dir.get());
     return 0;
+}
+
+int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
+                        std::optional<uint32_t> mode) {
+    return writeFileAtomicallyFrom(
+        path, [&](const FileSystem::ByteSink& sink) { return sink(bytes); }, mode);
 }
 
 int openFolderBeneath(const std::string& base, const std::string& relative, bool create, uint32_t mode,

@@ -20,6 +20,8 @@ namespace qvl::platform {
 
 int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                         std::optional<uint32_t> mode);
+int writeFileAtomicallyFrom(const std::string& path, const FileSystem::ContentProducer& produce,
+                            std::optional<uint32_t> mode);
 int openFolderBeneath(const std::string& base, const std::string& relative, bool create, uint32_t mode,
                       UniqueFd* out);
 

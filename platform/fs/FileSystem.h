@@ -39,7 +39,9 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string>
@@ -180,6 +182,28 @@ class FileSystem {
     // at without following a link) and a new one gets 0644.
     virtual int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                                     std::optional<uint32_t> mode) = 0;
+    // Takes the bytes of a file being written, in order; answers 0 or an
+    // errno value.
+    using ByteSink = std::function<int(std::span<const uint8_t>)>;
+    using ContentProducer = std::function<int(const ByteSink&)>;
+    // The same for content made while the file is written, so that a large
+    // one is never held whole: `produce` hands the bytes to the sink it is
+    // given and answers 0, or an errno value that abandons the new file (the
+    // old one stays; that value is the error). This default gathers the
+    // bytes and writes them at once.
+    virtual int writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                        std::optional<uint32_t> mode) {
+        std::vector<uint8_t> bytes;
+        const int err = produce([&](std::span<const uint8_t> chunk) {
+            bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+            return 0;
+        });
+        if (err != 0) {
+            errno = err;
+            return -1;
+        }
+        return writeFileAtomically(path, bytes, mode);
+    }
     // For digests: a regular file opened for reading (links followed,
     // without changing its access time where allowed); `size` (may be null)
     // receives its size at opening.
@@ -207,10 +231,20 @@ class FileSystem {
     // The `user.` attribute names of an open item, prefix removed, each
     // followed by a NUL; `names` is replaced only on success.
     virtual int extendedAttributeNamesOf(int fd, std::string* names) = 0;
+    // Both of the above from one look at the item's name list: the class is
+    // read only when the list holds its attribute (a process that may not
+    // list it may not read it either). `protectionClass` is set even when
+    // the names can't be listed (-1).
+    virtual int extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
+                                                           std::optional<std::string>* protectionClass) = 0;
     // One attribute's value; E2BIG when it holds more than `limit` bytes.
     virtual int extendedAttributeOf(int fd, const std::string& name, size_t limit,
                                     std::vector<uint8_t>* value) = 0;
     virtual void prefetchAt(int folderFd, const std::string& name, off_t length) = 0;
+    // Opens the regular file `name` as openItemAt does and asks the kernel
+    // to start reading its first `length` bytes; for a walk that reads the
+    // file a little later through the same descriptor.
+    virtual UniqueFd openAndPrefetchAt(int folderFd, const std::string& name, off_t length) = 0;
 
     // ---- Accounts: names and ids; nullopt when the system has no such account.
     virtual std::optional<std::string> userName(uint32_t uid) = 0;

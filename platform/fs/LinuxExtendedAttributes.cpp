@@ -63,7 +63,9 @@ std::string userNames(std::string_view raw) {
     return names;
 }
 
-std::string userAttribute(const std::string& name) { return std::string(kUserPrefix) + name; }
+std::string userAttribute(const std::string& name) {
+    return std::string(kUserPrefix) + name;
+}
 
 }  // namespace
 
@@ -96,6 +98,28 @@ int LinuxFileSystem::extendedAttributeNamesOf(int fd, std::string* names) {
     auto list = [fd](char* into, size_t length) { return ::flistxattr(fd, into, length); };
     if (rawNameList(list, &raw) != 0) return -1;
     *names = userNames(raw);
+    return 0;
+}
+
+int LinuxFileSystem::extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
+                                                                std::optional<std::string>* protectionClass) {
+    std::string raw;
+    auto list = [fd](char* into, size_t length) { return ::flistxattr(fd, into, length); };
+    if (rawNameList(list, &raw) != 0) {
+        const int err = errno;
+        *protectionClass = protectionClassOf(fd);
+        errno = err;
+        return -1;
+    }
+    *names = userNames(raw);
+    bool listed = false;
+    for (size_t pos = 0; pos < raw.size() && !listed;) {
+        size_t end = raw.find('\0', pos);
+        if (end == std::string::npos) end = raw.size();
+        listed = std::string_view(raw).substr(pos, end - pos) == kProtectionClassAttribute;
+        pos = end + 1;
+    }
+    *protectionClass = listed ? protectionClassOf(fd) : std::nullopt;
     return 0;
 }
 

@@ -268,7 +268,8 @@ int LinuxFileSystem::changeOwnerAt(int folderFd, const std::string& name, uint32
 int LinuxFileSystem::changeModeAt(int folderFd, const std::string& name, uint32_t mode) {
     // Opening a fifo without blocking has no effect on it; a device can't be
     // in a folder of the data volume that a client could have put it in.
-    UniqueFd entry(::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    UniqueFd entry(
+        ::openat(folderFd, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (!entry.valid()) return posixResult(errno == ELOOP ? EOPNOTSUPP : errno);  // links have no mode
     struct stat st;
     if (::fstat(entry.get(), &st) != 0) return -1;
@@ -315,6 +316,11 @@ int LinuxFileSystem::readFile(const std::string& path, uint64_t limit, std::vect
 int LinuxFileSystem::writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                                          std::optional<uint32_t> mode) {
     return posixResult(platform::writeFileAtomically(path, bytes, mode));
+}
+
+int LinuxFileSystem::writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                             std::optional<uint32_t> mode) {
+    return posixResult(platform::writeFileAtomicallyFrom(path, produce, mode));
 }
 
 UniqueFd LinuxFileSystem::openForReading(const std::string& path, uint64_t* size) {
@@ -454,6 +460,12 @@ void LinuxFileSystem::prefetchAt(int folderFd, const std::string& name, off_t le
     UniqueFd fd(::openat(folderFd, name.c_str(),
                          O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | O_NOATIME));
     if (fd.get() >= 0) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
+}
+
+UniqueFd LinuxFileSystem::openAndPrefetchAt(int folderFd, const std::string& name, off_t length) {
+    UniqueFd fd = openItemAt(folderFd, name, ItemType::kRegular);
+    if (fd.valid()) ::posix_fadvise(fd.get(), 0, length, POSIX_FADV_WILLNEED);
+    return fd;
 }
 
 }  // namespace qvl::platform

@@ -52,6 +52,8 @@ class LinuxFileSystem : public FileSystem {
                  const RegularFileOptions& options) override;
     int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                             std::optional<uint32_t> mode) override;
+    int writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                std::optional<uint32_t> mode) override;
     UniqueFd openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     void adviseSequential(int fd) override;
@@ -63,8 +65,12 @@ class LinuxFileSystem : public FileSystem {
     int statOpenItem(int fd, ItemStat* out) override;
     std::optional<std::string> protectionClassOf(int fd) override;
     int extendedAttributeNamesOf(int fd, std::string* names) override;
-    int extendedAttributeOf(int fd, const std::string& name, size_t limit, std::vector<uint8_t>* value) override;
+    int extendedAttributeNamesAndProtectionClassOf(int fd, std::string* names,
+                                                   std::optional<std::string>* protectionClass) override;
+    int extendedAttributeOf(int fd, const std::string& name, size_t limit,
+                            std::vector<uint8_t>* value) override;
     void prefetchAt(int folderFd, const std::string& name, off_t length) override;
+    UniqueFd openAndPrefetchAt(int folderFd, const std::string& name, off_t length) override;
 
     std::optional<std::string> userName(uint32_t uid) override;
     std::optional<std::string> groupName(uint32_t gid) override;

@@ -32,16 +32,22 @@ std::optional<plist::Value> readPropertyListFile(FileSystem& files, const std::s
     return value;
 }
 
+namespace {
+
+std::string notEncodable(const std::string& path) {
+    return path +
+           ": the value cannot be encoded (a string that is not valid text for this encoding, a date "
+           "out of range, or nesting deeper than " +
+           std::to_string(plist::kMaxDepth) + ")";
+}
+
+}  // namespace
+
 bool writePropertyListFile(FileSystem& files, const std::string& path, const plist::Value& value,
                            plist::Format format, std::string* error, std::optional<uint32_t> mode) {
     const std::string bytes = plist::write(value, format);
     if (bytes.empty()) {
-        if (error)
-            *error =
-                path +
-                ": the value cannot be encoded (a string that is not valid text for this encoding, a date "
-                "out of range, or nesting deeper than " +
-                std::to_string(plist::kMaxDepth) + ")";
+        if (error) *error = notEncodable(path);
         return false;
     }
     if (files.writeFileAtomically(path, {reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()},
@@ -50,6 +56,35 @@ bool writePropertyListFile(FileSystem& files, const std::string& path, const pli
         return false;
     }
     return true;
+}
+
+}  // namespace qvl::platform
+
+namespace qvl::platform {
+
+StreamedWrite writeBinaryDictionaryFile(FileSystem& files, const std::string& path,
+                                        const std::function<bool(plist::BinaryDictionaryWriter&)>& fill,
+                                        std::string* error, std::optional<uint32_t> mode) {
+    bool abandoned = false;
+    int writerError = 0;
+    const int rc = files.writeFileAtomicallyFrom(
+        path,
+        [&](const FileSystem::ByteSink& sink) {
+            plist::BinaryDictionaryWriter writer(sink);
+            abandoned = !fill(writer);
+            if (abandoned) return ECANCELED;
+            if (!writer.finish()) writerError = writer.error();
+            return writerError;
+        },
+        mode);
+    if (rc == 0) return StreamedWrite::kWritten;
+    if (abandoned) return StreamedWrite::kAbandoned;
+    if (error) {
+        *error = writerError == plist::BinaryDictionaryWriter::kNotEncodable
+                     ? notEncodable(path)
+                     : path + ": cannot write: " + std::strerror(errno);
+    }
+    return StreamedWrite::kFailed;
 }
 
 }  // namespace qvl::platform

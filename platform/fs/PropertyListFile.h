@@ -8,10 +8,12 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
 #include "platform/fs/FileSystem.h"
+#include "plist/PlistBinaryDictionaryWriter.h"
 #include "plist/PropertyList.h"
 
 namespace qvl::platform {
@@ -30,5 +32,15 @@ std::optional<plist::Value> readPropertyListFile(FileSystem& files, const std::s
 bool writePropertyListFile(FileSystem& files, const std::string& path, const plist::Value& value,
                            plist::Format format, std::string* error = nullptr,
                            std::optional<uint32_t> mode = std::nullopt);
+
+// Writes a binary property list whose top dictionary `fill` adds entry by
+// entry to the writer it is given, as the file is written, so that a large
+// one is never held whole. `fill` answers false to abandon the file. The old
+// file is replaced whole or not at all.
+enum class StreamedWrite { kWritten, kAbandoned, kFailed };
+StreamedWrite writeBinaryDictionaryFile(FileSystem& files, const std::string& path,
+                                        const std::function<bool(plist::BinaryDictionaryWriter&)>& fill,
+                                        std::string* error = nullptr,
+                                        std::optional<uint32_t> mode = std::nullopt);
 
 }  // namespace qvl::platform

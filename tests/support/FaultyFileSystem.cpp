@@ -82,4 +82,12 @@ int FaultyFileSystem::writeFileAtomically(const std::string& path, std::span<con
     return -1;
 }
 
+int FaultyFileSystem::writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                              std::optional<uint32_t> mode) {
+    if (writeError == 0) return LinuxFileSystem::writeFileAtomicallyFrom(path, produce, mode);
+    const int err = produce([](std::span<const uint8_t>) { return 0; });
+    errno = err != 0 ? err : writeError;
+    return -1;
+}
+
 }  // namespace qvl::testing

@@ -18,14 +18,15 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     Hook failStat, failListDirectory, failOpen;
     Hook failListExtendedAttributes, failGetExtendedAttribute;  // told whether the size is asked
     int failReadNumber = 0;  // fails the n-th read (counting from 1) when set
-    int writeError = 0;      // when set, writeFileAtomically fails with it and writes nothing
+    int writeError = 0;      // when set, writeFileAtomically(From) fails with it and writes nothing
     int reads = 0;
     std::vector<std::pair<off_t, off_t>> doneAdvice;
 
     // Calls on an open folder or item are hooked by the path they reach.
     int statItem(const std::string& path, platform::ItemStat* out) override;
     int statItemAt(int folderFd, const std::string& name, platform::ItemStat* out) override;
-    int typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type, uint64_t* size) override;
+    int typeAndSizeAt(int folderFd, const std::string& name, platform::ItemType* type,
+                      uint64_t* size) override;
     int statOpenItem(int fd, platform::ItemStat* out) override;
     int listFolder(int folderFd, std::vector<platform::DirectoryEntry>* out) override;
     ssize_t listExtendedAttributes(const std::string& path, char* buffer, size_t size) override;
@@ -37,6 +38,9 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     void adviseDone(int fd, off_t offset, off_t length) override;
     int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                             std::optional<uint32_t> mode) override;
+    // With writeError set, the content is still made (and dropped).
+    int writeFileAtomicallyFrom(const std::string& path, const ContentProducer& produce,
+                                std::optional<uint32_t> mode) override;
 };
 
 }  // namespace qvl::testing

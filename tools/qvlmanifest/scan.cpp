@@ -163,13 +163,35 @@ int scanVerb(Arguments args) {
     QVLProgressUpdater updater(drawProgress);
     const bool showProgress = !options.verbose && isatty(STDERR_FILENO);
     if (showProgress) manifest.setProgressUpdater(&updater);
-    const bool walked = manifest.addFilesFromPath(
-        directory, root, options.skip.empty() ? nullptr : &options.skip, superset ? &*superset : nullptr);
-    if (showProgress) std::fprintf(stderr, "\n");
-    if (!walked) {
+    const std::vector<std::string>* skip = options.skip.empty() ? nullptr : &options.skip;
+    const QVLManifest::PathSet* limit = superset ? &*superset : nullptr;
+    const auto walkFailed = [&] {
+        if (showProgress) std::fprintf(stderr, "\n");
         return fail("scan: the walk of " + directory + " failed" +
                     (options.verbose ? "" : " (run with -v to see why)") + "; nothing written");
+    };
+    // A binary file gets each record as the walk makes it, so that the
+    // manifest of a large tree is never held whole.
+    if (!options.xml && !options.output.empty()) {
+        std::string error;
+        const platform::StreamedWrite written = platform::writeBinaryDictionaryFile(
+            platform::LinuxFileSystem::sharedInstance(), options.output,
+            [&](plist::BinaryDictionaryWriter& out) {
+                const bool walked = manifest.enumerateAndCollectMetaData(
+                    directory, root, skip, limit, [&](QVLFileMetadata& metadata, const std::string& key) {
+                        return out.add(key, metadata.dict());
+                    });
+                return walked || out.error() != 0;
+            },
+            &error);
+        if (written == platform::StreamedWrite::kAbandoned) return walkFailed();
+        if (showProgress) std::fprintf(stderr, "\n");
+        if (written == platform::StreamedWrite::kFailed)
+            return fail("cannot write " + options.output + ": " + error);
+        return kExitSuccess;
     }
+    if (!manifest.addFilesFromPath(directory, root, skip, limit)) return walkFailed();
+    if (showProgress) std::fprintf(stderr, "\n");
     return writeManifest(plist::Value(manifest.releaseDict()), options) ? kExitSuccess : kExitFailure;
 }
 
