@@ -4,10 +4,13 @@
 #include <cerrno>
 #include <deque>
 #include <limits>
+#include <memory>
+#include <thread>
 
 #include "base/QVLLog.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
+#include "metadata/OrderedWorkPool.h"
 #include "platform/fs/FileSystem.h"
 
 namespace qvl {
@@ -75,6 +78,9 @@ constexpr size_t kPrefetchWindow = 32;
 // can't run the process out of descriptors.
 constexpr size_t kMaxOpenFolders = 64;
 
+// Items whose records collectors may be reading ahead of the walk.
+constexpr size_t kCollectDepth = 64;
+
 // Files opened ahead, at most, over all the folders of a walk: a file
 // fetched ahead through a folder held open stays open until the walk reaches
 // it, which spares opening it twice.
@@ -104,13 +110,14 @@ std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const 
 // without following links. Folders inside a skip folder are not opened: all
 // they hold would be skipped. `visit(item)` gets nullopt as the type when it
 // cannot be read, and stops the enumeration by answering false.
+// `leave()` is called before a folder is closed; false stops the walk.
 // `prefetch(item, mayKeepOpen)` is told of each regular file some items
 // before it is visited; it may answer the file opened, which the visit then
 // gets. Memory: the listings of the folders from `top` down to the current
 // item, and at most kMaxOpenedAhead descriptors.
-template <class Visit, class Prefetch>
+template <class Visit, class Prefetch, class Leave>
 bool enumerateTree(platform::FileSystem& files, const std::string& top, const std::vector<std::string>* skip,
-                   const char* signature, Visit visit, Prefetch prefetch) {
+                   const char* signature, Visit visit, Prefetch prefetch, Leave leave) {
     struct Level {
         std::string path;
         UniqueFd fd;
@@ -144,6 +151,8 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
+            // Whatever still works on the folder's items is done first.
+            if (!leave()) return false;
             openedAhead -= level.opened.size();
             stack.pop_back();
             continue;
@@ -192,6 +201,10 @@ int64_t recordedSize(const QVLFileMetadata& metadata) {
 }
 
 }  // namespace
+
+unsigned QVLManifest::WalkOptions::machineCollectors() {
+    return std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
+}
 
 QVLManifest::QVLManifest(platform::FileSystem& files, const plist::Dictionary* dict) : files_(files) {
     if (dict) setDict(*dict);
@@ -266,6 +279,37 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     const int64_t total = calculateTotalFileSize(top, skip);
     if (updater) updater->initializePercentageWithTotal(total);
 
+    // Records reach the handler in the order of the walk, on this thread;
+    // with collectors, up to kCollectDepth items are read ahead by them.
+    struct Waiting {
+        std::string key;
+        std::string path;
+    };
+    std::deque<Waiting> waiting;
+    std::optional<OrderedWorkPool<std::optional<QVLFileMetadata>>> pool;
+    if (options_.collectors > 0) pool.emplace(options_.collectors, kCollectDepth);
+    auto deliver = [&](std::optional<QVLFileMetadata> metadata, const std::string& key, const std::string& item) {
+        if (!metadata) {
+            QVLLog("Couldn't get meta data for %@", item);
+            // An item removed while the walk runs is no longer part of the
+            // tree: go on without it. Any other failure would leave a hole in
+            // a manifest reported as complete, so the walk ends with false.
+            return !itemType(files_, item) && errno == ENOENT;
+        }
+        const int64_t size = updater ? recordedSize(*metadata) : 0;
+        if (!handler(*metadata, key)) {
+            QVLLog("Couldn't run handler against %@", item);
+            return false;
+        }
+        if (updater) addProgress(updater, size);
+        return true;
+    };
+    auto deliverOldest = [&] {
+        const Waiting oldest = std::move(waiting.front());
+        waiting.pop_front();
+        return deliver(pool->takeOldest(), oldest.key, oldest.path);
+    };
+
     auto handleItem = [&](const WalkItem& walked) {
         const std::string& item = walked.path;
         const std::optional<ItemType>& type = walked.type;
@@ -289,22 +333,32 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             QVLLog("%@ is not below the root %@; it has no key", item, base);
             return false;
         }
-        std::optional<QVLFileMetadata> metadata =
-            QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item, files_,
-                                                  walked.opened ? std::move(*walked.opened) : UniqueFd());
-        if (!metadata) {
-            QVLLog("Couldn't get meta data for %@", item);
-            // An item removed while the walk runs is no longer part of the
-            // tree: go on without it. Any other failure would leave a hole in
-            // a manifest reported as complete, so the walk ends with false.
-            return !itemType(files_, item) && errno == ENOENT;
+        UniqueFd opened = walked.opened ? std::move(*walked.opened) : UniqueFd();
+        if (!pool) {
+            return deliver(QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item,
+                                                                 files_, std::move(opened)),
+                           *key, item);
         }
-        const int64_t size = updater ? recordedSize(*metadata) : 0;
-        if (!handler(*metadata, *key)) {
-            QVLLog("Couldn't run handler against %@", item);
-            return false;
+        if (pool->full() && !deliverOldest()) return false;
+        pool->submit([this, folderFd = walked.folderFd, name = walked.name, type = *type, item,
+                      fd = std::make_shared<UniqueFd>(std::move(opened))] {
+            return QVLFileMetadata::fileMetadataInFolder(folderFd, name, type, item, files_, std::move(*fd));
+        });
+        waiting.push_back({std::move(*key), item});
+        return true;
+    };
+    auto walk = [&](const WalkItem& walked) {
+        if (handleItem(walked)) return true;
+        if (pool) pool->stop();  // before the walk closes the folders the workers use
+        return false;
+    };
+    auto drain = [&] {
+        while (pool && pool->pending() > 0) {
+            if (!deliverOldest()) {
+                pool->stop();
+                return false;
+            }
         }
-        if (updater) addProgress(updater, size);
         return true;
     };
     // Only files the walk will read are fetched ahead: a superset may leave
@@ -321,8 +375,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         }
         return UniqueFd();
     };
-    if (!enumerateTree(files_, top, skip, kWalkSignature, handleItem, prefetch)) return false;
-    return handleItem(WalkItem{-1, top, top, itemType(files_, top)});
+    if (!enumerateTree(files_, top, skip, kWalkSignature, walk, prefetch, drain)) return false;
+    return walk(WalkItem{-1, top, top, itemType(files_, top)}) && drain();
 }
 
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
@@ -352,7 +406,7 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
                                                                        : total + size;
             return true;
         },
-        [](const WalkItem&, bool) { return UniqueFd(); });
+        [](const WalkItem&, bool) { return UniqueFd(); }, [] { return true; });
     return complete ? total : 0;
 }
 

@@ -10,13 +10,15 @@
 //
 // A manifest reaches the tree through the FileSystem it is made with.
 //
-// Memory: the walk holds one record at a time plus the listings of the
-// folders on the way down to the current item and a few files opened ahead;
-// only the manifest grows with the tree, and not even that when the handler
-// writes each record away (as the device manifest and qvlmanifest scan do).
+// Memory: the walk holds one record at a time (up to 64 with collectors)
+// plus the listings of the folders on the way down to the current item and
+// a few files opened ahead; only the manifest grows with the tree, and not
+// even that when the handler writes each record away (as the device manifest
+// and qvlmanifest scan do).
 //
 // Thread-safety: each property is read and written under the object's lock;
-// a walk is driven by one thread, and its handler runs on that thread.
+// a walk is driven by one thread, and its handler runs on that thread (the
+// collectors of WalkOptions only read items).
 #pragma once
 
 #include <cstdint>
@@ -45,7 +47,17 @@ class QVLManifest {
     using Handler = std::function<bool(QVLFileMetadata& metadata, const std::string& key)>;
     using PathSet = std::unordered_set<std::string>;
 
+    struct WalkOptions {
+        // Threads that read and digest files ahead of the walking one (0:
+        // it does all the work itself). Records keep the walk's order either
+        // way; the FileSystem must then take calls from several threads.
+        unsigned collectors = 0;
+        // One per processor of this machine, at most 4.
+        static unsigned machineCollectors();
+    };
+
     explicit QVLManifest(platform::FileSystem& files) : files_(files) {}
+    QVLManifest(platform::FileSystem& files, WalkOptions options) : files_(files), options_(options) {}
     // A manifest holding a copy of `dict` (null gives an empty manifest).
     QVLManifest(platform::FileSystem& files, const plist::Dictionary* dict);
     QVLManifest(const QVLManifest&) = delete;
@@ -101,6 +113,7 @@ class QVLManifest {
     void addProgress(QVLProgressUpdater* updater, int64_t increment);
 
     platform::FileSystem& files_;
+    const WalkOptions options_{};
     mutable std::mutex lock_;
     // Stored records are found through the dictionary's own key index: a
     // second set of the keys would cost a copy of every path.

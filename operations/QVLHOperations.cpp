@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "base/QVLLog.h"
+#include "metadata/QVLManifest.h"
 #include "operations/QVLHClientPath.h"
 #include "platform/fs/LinuxFileSystem.h"
 #include "platform/nvram/NvramStore.h"
@@ -81,6 +82,7 @@ QVLHOperations::QVLHOperations(Services services)
     : ownNvram_(services.nvram ? nullptr : std::make_unique<platform::FileNvramStore>()),
       ownRestart_(services.restart ? nullptr : std::make_unique<platform::LinuxSystemRestart>()),
       files_(services.files ? *services.files : platform::LinuxFileSystem::sharedInstance()),
+      manifestCollectors_(services.files ? 0 : QVLManifest::WalkOptions::machineCollectors()),
       nvram_(services.nvram ? *services.nvram : *ownNvram_),
       restart_(services.restart ? *services.restart : *ownRestart_),
       manifestServices_(std::move(services.manifests)),

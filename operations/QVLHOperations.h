@@ -127,6 +127,9 @@ class QVLHOperations {
     std::unique_ptr<platform::NvramStore> ownNvram_;
     std::unique_ptr<platform::SystemRestart> ownRestart_;
     platform::FileSystem& files_;
+    // Threads reading files ahead of a manifest walk: the Linux file system
+    // takes calls from any thread; one given in Services is driven from one.
+    const unsigned manifestCollectors_;
     platform::NvramStore& nvram_;
     platform::SystemRestart& restart_;
     const std::optional<QVLSignedManifest::Services> manifestServices_;

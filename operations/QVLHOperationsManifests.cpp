@@ -129,7 +129,7 @@ bool QVLHOperations::createDeviceManifest(const std::string& path, bool forBacku
     // Records go to the file as the walk makes them: the manifest of a large
     // tree is never held whole. The file is written whole or not at all, so
     // the daemon never reads an old or a partial file as the new one.
-    QVLManifest manifest(files_);
+    QVLManifest manifest(files_, {.collectors = manifestCollectors_});
     std::string error;
     const platform::StreamedWrite written = platform::writeBinaryDictionaryFile(
         files_, kDeviceManifestPath,

@@ -159,7 +159,8 @@ int scanVerb(Arguments args) {
     }
     if (options.verbose) logToStandardError();
 
-    QVLManifest manifest(platform::LinuxFileSystem::sharedInstance());
+    QVLManifest manifest(platform::LinuxFileSystem::sharedInstance(),
+                         {.collectors = QVLManifest::WalkOptions::machineCollectors()});
     QVLProgressUpdater updater(drawProgress);
     const bool showProgress = !options.verbose && isatty(STDERR_FILENO);
     if (showProgress) manifest.setProgressUpdater(&updater);
