@@ -8,9 +8,9 @@
 #include <thread>
 
 #include "base/QVLLog.h"
+#include "metadata/OrderedWorkPool.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
-#include "metadata/OrderedWorkPool.h"
 #include "platform/fs/FileSystem.h"
 
 namespace qvl {
@@ -288,7 +288,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     std::deque<Waiting> waiting;
     std::optional<OrderedWorkPool<std::optional<QVLFileMetadata>>> pool;
     if (options_.collectors > 0) pool.emplace(options_.collectors, kCollectDepth);
-    auto deliver = [&](std::optional<QVLFileMetadata> metadata, const std::string& key, const std::string& item) {
+    auto deliver = [&](std::optional<QVLFileMetadata> metadata, const std::string& key,
+                       const std::string& item) {
         if (!metadata) {
             QVLLog("Couldn't get meta data for %@", item);
             // An item removed while the walk runs is no longer part of the
