@@ -204,30 +204,7 @@ int64_t BinaryDictionaryWriter::putScalar(const Value& v) {
     if (slot && *slot != 0) return *slot - 1;
     const int64_t index = beginObject();
     if (index < 0) return -1;
-    switch (v.kind()) {
-        case Kind::Data:
-            appendMarker(buffer_, kData, v.asData()->size());
-            buffer_.append(reinterpret_cast<const char*>(v.asData()->data()), v.asData()->size());
-            break;
-        case Kind::Integer:
-            appendInteger(buffer_, *v.asInteger());
-            break;
-        case Kind::Real:
-            buffer_.push_back(0x23);
-            appendBE(buffer_, std::bit_cast<uint64_t>(*v.asReal()), 8);
-            break;
-        case Kind::Date:
-            buffer_.push_back(0x33);
-            appendBE(buffer_, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), 8);
-            break;
-        case Kind::Boolean:
-            buffer_.push_back(static_cast<char>(*v.asBoolean() ? kTrue : kFalse));
-            break;
-        case Kind::String:
-        case Kind::Array:
-        case Kind::Dictionary:
-            return -1;  // not scalars: put() sends them elsewhere
-    }
+    if (!appendScalar(buffer_, v)) return -1;  // not scalars: put() sends them elsewhere
     if (slot) *slot = static_cast<uint32_t>(index) + 1;
     return index;
 }

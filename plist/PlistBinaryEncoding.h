@@ -55,6 +55,38 @@ void appendMarker(Out& out, uint8_t kind, uint64_t count) {
     appendInteger(out, Integer::fromSigned(static_cast<int64_t>(count)));
 }
 
+// Encodes `v` when it is a scalar (data, integer, real, date, boolean);
+// false, with nothing written, for strings and containers, whose encoding
+// depends on the writer.
+template <class Out>
+bool appendScalar(Out& out, const Value& v) {
+    switch (v.kind()) {
+        case Kind::Data:
+            appendMarker(out, kData, v.asData()->size());
+            out.append(reinterpret_cast<const char*>(v.asData()->data()), v.asData()->size());
+            return true;
+        case Kind::Integer:
+            appendInteger(out, *v.asInteger());
+            return true;
+        case Kind::Real:
+            out.push_back(0x23);
+            appendBE(out, std::bit_cast<uint64_t>(*v.asReal()), 8);
+            return true;
+        case Kind::Date:
+            out.push_back(0x33);
+            appendBE(out, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), 8);
+            return true;
+        case Kind::Boolean:
+            out.push_back(static_cast<char>(*v.asBoolean() ? kTrue : kFalse));
+            return true;
+        case Kind::String:
+        case Kind::Array:
+        case Kind::Dictionary:
+            return false;
+    }
+    return false;
+}
+
 // A quick multiply-mix over 8-byte words; callers spread the result further.
 // Keys and paths are short, so this beats a general purpose byte hash by a
 // wide margin.

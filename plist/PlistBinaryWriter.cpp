@@ -277,26 +277,10 @@ class BinaryWriter {
     void encode(const Object& o, unsigned refSize, Out& out) {
         if (!o.value) return encodeString(o, *o.key, out);
         const Value& v = *o.value;
+        if (appendScalar(out, v)) return;
         switch (v.kind()) {
             case Kind::String:
                 return encodeString(o, *v.asString(), out);
-            case Kind::Data:
-                appendMarker(out, kData, v.asData()->size());
-                out.append(reinterpret_cast<const char*>(v.asData()->data()), v.asData()->size());
-                return;
-            case Kind::Integer:
-                return appendInteger(out, *v.asInteger());
-            case Kind::Real:
-                out.push_back(0x23);
-                appendBE(out, std::bit_cast<uint64_t>(*v.asReal()), 8);
-                return;
-            case Kind::Date:
-                out.push_back(0x33);
-                appendBE(out, std::bit_cast<uint64_t>(v.asDate()->secondsSince2001), 8);
-                return;
-            case Kind::Boolean:
-                out.push_back(static_cast<char>(*v.asBoolean() ? kTrue : kFalse));
-                return;
             case Kind::Array: {
                 const size_t n = v.asArray()->size();
                 appendMarker(out, kArray, n);
@@ -309,6 +293,8 @@ class BinaryWriter {
                 for (size_t i = 0; i < 2 * n; ++i) appendBE(out, refs_[o.extra + i], refSize);
                 return;
             }
+            default:
+                return;  // scalars were written above
         }
     }
 
