@@ -47,7 +47,7 @@ class OrderedWorkPool {
             slot.result.reset();
             ++given_;
         }
-        workToDo_.notify_one();
+        jobGiven_.notify_one();
     }
 
     // The result of the oldest job not yet taken, once it is done; there
@@ -67,7 +67,7 @@ class OrderedWorkPool {
             std::lock_guard<std::mutex> guard(lock_);
             stopping_ = true;
         }
-        workToDo_.notify_all();
+        jobGiven_.notify_all();
         for (std::thread& thread : threads_) thread.join();
         threads_.clear();
     }
@@ -81,7 +81,7 @@ class OrderedWorkPool {
     void work() {
         std::unique_lock<std::mutex> guard(lock_);
         for (;;) {
-            workToDo_.wait(guard, [&] { return stopping_ || started_ < given_; });
+            jobGiven_.wait(guard, [&] { return stopping_ || started_ < given_; });
             if (stopping_) return;
             Slot& slot = slots_[started_++ % slots_.size()];
             Job job = std::move(slot.job);
@@ -96,7 +96,7 @@ class OrderedWorkPool {
     std::vector<Slot> slots_;
     std::vector<std::thread> threads_;
     std::mutex lock_;
-    std::condition_variable workToDo_, jobDone_;
+    std::condition_variable jobGiven_, jobDone_;
     // Counts of jobs given, started by a worker and taken back; only the
     // owner changes given_ and taken_, always under the lock.
     size_t given_ = 0, started_ = 0, taken_ = 0;
