@@ -1,8 +1,9 @@
 // End-to-end tests of the helper: the real binary in a sandboxed device root,
 // driven through its real socket by qvalctl inside the sandbox (so the
-// entitlement registry can recognise it) or, for hostile input, by raw
-// connections from the host. One test per family of commands; log lines are
-// checked word for word in the helper's own log file.
+// entitlement registry can recognise it) or, to use up its descriptors, by
+// raw connections from the host. One test per family of commands; log lines
+// are checked word for word in the helper's own log file. Hostile frames and
+// hang-ups are the service's unit tests' (platform/zrp).
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -16,7 +17,6 @@
 #include <thread>
 #include <vector>
 
-#include "platform/zrp/ZRP.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestSupport.h"
 
@@ -44,21 +44,6 @@ int connectFromHost(const Sandbox& sandbox) {
         fd = -1;
     }
     return fd;
-}
-
-void sendBytes(int fd, const std::vector<uint8_t>& bytes) {
-    for (size_t done = 0; done < bytes.size();) {
-        const ssize_t n = ::send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (n <= 0) return;
-        done += static_cast<size_t>(n);
-    }
-}
-
-std::vector<uint8_t> frameOf(const std::string& key) {
-    zrp::Dictionary message;
-    message.setString(key, std::string(4000, 'x'));
-    auto frame = zrp::encodeFrame(message);
-    return frame ? frame->bytes : std::vector<uint8_t>{};
 }
 
 std::string lastLine(const Sandbox& sandbox) {
@@ -103,35 +88,22 @@ class HelperE2ETest : public ::testing::Test {
     static inline std::string startFailure_;
 };
 
-TEST_F(HelperE2ETest, AnswersEachCommandOnceUntilAnUnknownOne) {
+// A request's way through the socket, step by step, shown with a command
+// nobody answers (the dispatch's cases are the responder's unit test's).
+TEST_F(HelperE2ETest, LogsEachStepOfAConnection) {
     // The first line goes to the system log only: the file is not open yet.
     ASSERT_TRUE(fs::exists(sandbox_->logFilePath())) << sandbox_->logFilePath();
     const Lines logged = sandbox_->logLines();
     EXPECT_FALSE(std::any_of(logged.begin(), logged.end(),
                              [](const std::string& l) { return l.ends_with(" started"); }));
-    sandbox_->writeFile("/private/var/tmp/request.plist",
-                        "<plist version=\"1.0\"><dict>"
-                        "<key>prepareWorkContainer:</key><string>/private/var/QVLWorkContainer</string>"
-                        "<key>prepareLogContainer:</key><string>/private/var/log/qvald</string>"
-                        "<key>noSuchCommand:</key><true/>"
-                        "<key>removeWorkContainer:</key><string>/private/var/QVLWorkContainer</string>"
-                        "</dict></plist>");
     const size_t from = mark();
-    const CommandResult result = sandbox_->qvalctl(
-        {"--timeout", "1", "--responses", "3", "--request", "/private/var/tmp/request.plist"});
-    EXPECT_EQ(result.status, 2) << result.output;  // the third answer never comes
-    EXPECT_TRUE(result.output.starts_with("Response: true\nResponse: false\n")) << result.output;
+    EXPECT_EQ(sandbox_->qvalctl({"--timeout", "1", "noSuchCommand:"}).status, 2);
     EXPECT_TRUE(sandbox_->waitForLogLine("ZRP disconnected by client", from));
-    const Lines lines = sandbox_->handledSince(from);
-    EXPECT_EQ(Lines(lines.begin(), lines.begin() + std::min<size_t>(5, lines.size())),
-              (Lines{"It's an ZRP_TYPE_CONNECTION", "Start to deal with new connection",
-                     "Received an ZRP request?", "QVLH: Received a ZRP request",
-                     "Entering -[QVLHMessageResponder prepareWorkContainer:] with parameter: "
-                     "/private/var/QVLWorkContainer"}));
-    EXPECT_EQ(Lines(lines.end() - 3, lines.end()),
-              (Lines{"QVLHMessageResponder does not respond to noSuchCommand:.", "Message handled",
-                     "ZRP disconnected by client"}));
-    EXPECT_TRUE(fs::is_directory(sandbox_->host("/private/var/QVLWorkContainer")));
+    EXPECT_EQ(
+        sandbox_->handledSince(from),
+        (Lines{"It's an ZRP_TYPE_CONNECTION", "Start to deal with new connection", "Received an ZRP request?",
+               "QVLH: Received a ZRP request", "QVLHMessageResponder does not respond to noSuchCommand:.",
+               "Message handled", "ZRP disconnected by client"}));
 }
 
 // The gate's cases are its unit test's; here, the registry read through it.
@@ -144,52 +116,13 @@ TEST_F(HelperE2ETest, ClientsWithoutABooleanEntitlementGetNoAnswer) {
     ASSERT_TRUE(at != lines.end() && at + 1 != lines.end());
     EXPECT_EQ(*(at + 1), kRefused);
     EXPECT_FALSE(contains(lines, "QVLHMessageResponder does not respond to noSuchCommand:."));
-    // A client outside the sandbox's process namespace can't be identified at all.
-    from = mark();
-    const int fd = connectFromHost(*sandbox_);
-    ASSERT_GE(fd, 0);
-    sendBytes(fd, frameOf("noSuchCommand:"));
-    EXPECT_TRUE(sandbox_->waitForLogLine(kGate + "Cannot create Pelkor from audit token", from));
-    EXPECT_TRUE(sandbox_->waitForLogLine(kRefused, from));
-    ::close(fd);
-}
-
-TEST_F(HelperE2ETest, HostileInputLeavesTheHelperServingWithoutLeaks) {
-    const pid_t pid = sandbox_->helperPid();
-    ASSERT_GT(pid, 0);
-    sandbox_->qvalctl({"--timeout", "1", "noSuchCommand:"});  // the first request touches buffers once
-    const size_t descriptors = openDescriptorCount(pid);
-    // A frame header claiming one byte over the limit of a body.
-    std::vector<uint8_t> oversized = {'Z', 'R', 'P', '1', 0x01, 0x00, 0x00, 0x01};
-    oversized.resize(oversized.size() + 4096, 0x0B);
-    const std::vector<uint8_t> frame = frameOf("noSuchCommand:");
-    for (const auto& bytes : {std::vector<uint8_t>(64, 0xA5), oversized,  // not a frame; too long
-                              std::vector<uint8_t>(frame.begin(), frame.begin() + frame.size() / 2)}) {
-        const int fd = connectFromHost(*sandbox_);
-        sendBytes(fd, bytes);
-        ::close(fd);
-    }
-    for (int i = 0; i < 10000; ++i) {  // connections opened and dropped
-        const int fd = connectFromHost(*sandbox_);
-        if (fd >= 0) ::close(fd);
-    }
-    for (int i = 0; i < 250 && openDescriptorCount(pid) != descriptors; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    EXPECT_EQ(openDescriptorCount(pid), descriptors);
-    // Still the same process, and it serves the next good client.
-    EXPECT_EQ(sandbox_->helperPid(), pid);
-    EXPECT_EQ(sandbox_->qvalctl({"removeWorkContainer:", "/private/var/none"}).status, 0);
 }
 
 // The device-operation commands, one test per family: the answer qvalctl
 // sees, the files afterwards (read from the host through the device root)
 // and the log lines. The cases of each command are the unit tests' work.
 TEST_F(HelperE2ETest, ContainersAndPreferences) {
-    EXPECT_EQ(
-        run({"prepareWorkContainer:", "/private/var/QVLWorkContainer"}),
-        (std::pair<int, Lines>{0,
-                               {"Entering -[QVLHMessageResponder prepareWorkContainer:] with parameter: "
-                                "/private/var/QVLWorkContainer"}}));
+    EXPECT_EQ(run({"prepareWorkContainer:", "/private/var/QVLWorkContainer"}).first, 0);
     EXPECT_EQ(lstatOf(host("/private/var/QVLWorkContainer")).st_mode, S_IFDIR | 0777u);
     EXPECT_EQ(run({"prepareLogContainer:", "/var/tmp/logs"}),
               (std::pair<int, Lines>{
@@ -204,7 +137,6 @@ TEST_F(HelperE2ETest, ContainersAndPreferences) {
     EXPECT_EQ(run({"migratePreferencesFile:"}).first, 0);
     EXPECT_EQ(readText(host(destination)), "prefs");
     EXPECT_EQ(lstatOf(host(destination)).st_uid, 501u);
-    EXPECT_EQ(run({"migratePreferencesFile:"}).first, 1);  // nothing left to move
     EXPECT_EQ(run({"removeWorkContainer:", "/private/var/QVLWorkContainer"}).first, 0);
     EXPECT_FALSE(fs::exists(host("/private/var/QVLWorkContainer")));
 }
@@ -238,25 +170,6 @@ TEST_F(HelperE2ETest, FirmwareVariables) {
                                 "Couldn't force sync new nvram to device"}}));
 }
 
-// What "mobile" can plant in the log folder, which is open to all: the
-// restarted helper neither waits on nor writes through it, and answers.
-TEST(HelperAttackTest, PlantedLogFilesNeitherHoldUpNorRedirectARestart) {
-    if (auto reason = Sandbox::unavailableReason()) GTEST_SKIP() << *reason;
-    Sandbox sandbox;
-    ASSERT_TRUE(sandbox.start());
-    ASSERT_EQ(sandbox.stop("TERM"), 0);
-    const std::string secret = "/private/var/root/secret";
-    sandbox.writeFile(secret, "secret");
-    ::chmod(sandbox.host(secret).c_str(), 0600);
-    fs::remove(sandbox.logFilePath());
-    fs::create_symlink(secret, sandbox.logFilePath());
-    ASSERT_EQ(::mkfifo(sandbox.host("/private/var/logs/qvald/testWritability.log").c_str(), 0666), 0);
-    ASSERT_TRUE(sandbox.start());  // listening: nothing planted held it up
-    EXPECT_EQ(sandbox.qvalctl({"prepareLogContainer:", "/var/logs/qvald"}, "mobile").status, 0);
-    EXPECT_EQ(readText(sandbox.host(secret)), "secret");
-    EXPECT_EQ(sandbox.stop("TERM"), 0);
-}
-
 // Each way the helper ends, on a sandbox of its own: the exit status and the
 // last line logged.
 TEST(HelperLifecycleTest, EndsWithTheStatusOfItsCause) {
@@ -264,10 +177,7 @@ TEST(HelperLifecycleTest, EndsWithTheStatusOfItsCause) {
     {
         Sandbox sandbox;
         ASSERT_TRUE(sandbox.start());
-        const CommandResult result = sandbox.qvalctl({"quitHelper:"});
-        EXPECT_EQ(result.status, 2);  // no answer: the connection ends first
-        EXPECT_NE(result.output.find("ended the connection without an answer"), std::string::npos)
-            << result.output;
+        EXPECT_EQ(sandbox.qvalctl({"quitHelper:"}).status, 2);  // no answer: the connection ends first
         EXPECT_EQ(sandbox.waitForExit(std::chrono::seconds(10)), 0);
         EXPECT_EQ(lastLine(sandbox), "Entering -[QVLHMessageResponder quitHelper:] with parameter: 1");
     }
