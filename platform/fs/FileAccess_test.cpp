@@ -5,6 +5,7 @@
 #include "platform/fs/FileAccess.h"
 
 #include <gtest/gtest.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -127,6 +128,16 @@ TEST(FileAccess, WalksBeneathABaseStayBelowIt) {
     ASSERT_EQ(files().changeMode(item.path, 0600), 0);
     EXPECT_EQ(t.stat("moved/file").st_mode & 07777, 0600u);
     EXPECT_EQ(t.stat("elsewhere/file").st_mode & 07777, 0644u);
+}
+
+// Other tools on the device read the class from this attribute by name.
+TEST(FileAccess, ProtectionClassIsATrustedAttribute) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to write trusted. attributes";
+    TempTree t;
+    ASSERT_EQ(files().setProtectionClass(t.file("f"), "NSFileProtectionComplete"), 0);
+    char value[64] = {};
+    ::lgetxattr(t.path("f").c_str(), "trusted.ostrel.protection-class", value, sizeof value - 1);
+    EXPECT_EQ(std::string(value), "NSFileProtectionComplete");
 }
 
 }  // namespace
