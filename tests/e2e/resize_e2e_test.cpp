@@ -8,13 +8,10 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <regex>
-#include <sstream>
 #include <string>
 #include <vector>
 
-#include "platform/fs/LinuxFileSystem.h"
-#include "platform/fs/PropertyListFile.h"
+#include "platform/volumes/Volumes.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestSupport.h"
 
@@ -47,35 +44,26 @@ struct Case {
     std::vector<const char*> options = {"--disk", "IMAGE"};
 };
 
-plist::Array volumesOf(const std::string& path) {
-    auto value = platform::readPropertyListFile(platform::LinuxFileSystem::sharedInstance(), path);
-    return value && value->isArray() ? *value->asArray() : plist::Array{};
-}
-
-plist::Dictionary* volumeOn(plist::Array& volumes, const std::string& mountPoint) {
-    for (plist::Value& v : volumes)
-        if (v.asDictionary() && v.asDictionary()->getString("MountedOn") &&
-            *v.asDictionary()->getString("MountedOn") == mountPoint)
-            return v.asDictionary();
-    return nullptr;
+// The volume mounted at `mountPoint` in a volumes file.
+std::optional<platform::Volumes::Volume> volumeOn(const std::string& volumesFile,
+                                                  const std::string& mountPoint) {
+    for (auto& volume :
+         platform::Volumes(volumesFile).mounted().value_or(std::vector<platform::Volumes::Volume>{}))
+        if (volume.mountedOn == mountPoint) return volume;
+    return std::nullopt;
 }
 
 int64_t dataSize(const std::string& volumesFile) {
-    plist::Array volumes = volumesOf(volumesFile);
-    const plist::Dictionary* data = volumeOn(volumes, "/private/var");
-    return data && data->getInteger("Size") ? data->getInteger("Size")->asSigned() : -1;
+    const auto data = volumeOn(volumesFile, "/private/var");
+    return data && data->size ? *data->size : -1;
 }
 
 std::vector<Span> gptShow(const std::string& image) {
     const CommandResult shown = runCommand({PLEXACTL_PATH, "gpt", "show", image});
     EXPECT_EQ(shown.status, 0) << shown.output;
-    static const std::regex row(R"(^\d+\s+(\d+)\s+(\d+)\s+\d+\s+\S{36}\s+\S{36}.*$)");
     std::vector<Span> spans;
-    std::istringstream lines(shown.output);
-    for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        if (std::regex_match(line, m, row)) spans.push_back({std::stoull(m[1]), std::stoull(m[2])});
-    }
+    for (const auto& [index, row] : testing::gptShowRows(shown.output))
+        spans.push_back({row.first, row.last});
     return spans;
 }
 
@@ -95,11 +83,12 @@ class ResizeE2ETest : public ::testing::Test {
 
 // "{System}" and "{Data}" in a line become those volumes' UUIDs.
 std::string withUUIDs(std::string line, const std::string& volumesFile) {
-    plist::Array volumes = volumesOf(volumesFile);
-    for (auto [name, volume] :
-         {std::pair{"{System}", volumeOn(volumes, "/")}, {"{Data}", volumeOn(volumes, "/private/var")}})
-        if (size_t at = line.find(name); at != std::string::npos && volume && volume->getString("UUID"))
-            line.replace(at, std::strlen(name), *volume->getString("UUID"));
+    for (auto [name, mountPoint] : {std::pair{"{System}", "/"}, {"{Data}", "/private/var"}}) {
+        const auto volume = volumeOn(volumesFile, mountPoint);
+        if (size_t at = line.find(name);
+            at != std::string::npos && volume && volume->uuid && volume->uuid->asString())
+            line.replace(at, std::strlen(name), *volume->uuid->asString());
+    }
     return line;
 }
 

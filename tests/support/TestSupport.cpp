@@ -13,6 +13,8 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 
 #include "platform/fs/LinuxFileSystem.h"
@@ -183,6 +185,18 @@ std::string sourcePath(const std::string& relative) {
 
 std::string pkiPath(const std::string& name) {
     return sourcePath("pki/out/" + name);
+}
+
+std::map<int, GptRow> gptShowRows(const std::string& output) {
+    static const std::regex row(R"(^(\d+)\s+(\d+)\s+(\d+)\s+\d+\s+\S{36}\s+(\S{36})\s+(.*)$)");
+    std::map<int, GptRow> rows;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        std::smatch m;
+        if (std::regex_match(line, m, row))
+            rows[std::stoi(m[1])] = {std::stoull(m[2]), std::stoull(m[3]), m[4], m[5]};
+    }
+    return rows;
 }
 
 void setUserAttribute(const std::string& path, const std::string& name, const std::string& value) {

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 
 #include <initializer_list>
+#include <map>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -73,6 +74,16 @@ plist::Dictionary& sub(plist::Dictionary& d, const std::string& key);
 // A file of the source tree under test, and one of its development PKI (pki/out/).
 std::string sourcePath(const std::string& relative);
 std::string pkiPath(const std::string& name);
+
+// One partition row of "plexactl gpt show": its first and last block, its
+// unique GUID and its name.
+struct GptRow {
+    uint64_t first, last;
+    std::string unique, name;
+    bool operator==(const GptRow&) const = default;
+};
+// The partition rows of the output of "plexactl gpt show", by index.
+std::map<int, GptRow> gptShowRows(const std::string& output);
 
 void setUserAttribute(const std::string& path, const std::string& name, const std::string& value);
 // Whether this process runs inside the device sandbox (tools/qvl-sandbox),

@@ -40,25 +40,10 @@ class LoopDevice {
     std::string device_;
 };
 
-// One row of "gpt show" or of "sgdisk -p" (whose numbers count from 1).
-struct Row {
-    uint64_t first, last;
-    std::string unique, name;
-    bool operator==(const Row&) const = default;
-};
+// Rows of "gpt show", or of "sgdisk -p" (whose numbers count from 1).
+using Row = qvl::testing::GptRow;
 using Rows = std::map<int, Row>;
-
-Rows showRows(const std::string& out) {
-    static const std::regex row(R"(^(\d+)\s+(\d+)\s+(\d+)\s+\d+\s+\S{36}\s+(\S{36})\s+(.*)$)");
-    Rows rows;
-    std::istringstream lines(out);
-    for (std::string line; std::getline(lines, line);) {
-        std::smatch m;
-        if (std::regex_match(line, m, row))
-            rows[std::stoi(m[1])] = {std::stoull(m[2]), std::stoull(m[3]), m[4], m[5]};
-    }
-    return rows;
-}
+using qvl::testing::gptShowRows;
 
 class Plexactl : public testing::Test {
   protected:
@@ -121,7 +106,7 @@ TEST_F(Plexactl, SgdiskAndPlexactlReadEachOthersViews) {
     if (geteuid() != 0 || runTool("command -v sgdisk").status != 0 || LoopDevice(image_).device().empty())
         GTEST_SKIP() << "needs root, sgdisk (gdisk) and a free loop device";
     bool sound = false;
-    const Rows rows = showRows(made.out);
+    const Rows rows = gptShowRows(made.out);
     EXPECT_EQ(sgdiskRows(&sound), rows);
     EXPECT_TRUE(sound);
     ASSERT_EQ(rows.size(), 3u);
@@ -147,12 +132,12 @@ TEST_F(Plexactl, SgdiskAndPlexactlReadEachOthersViews) {
                 .status,
             0);
     }
-    EXPECT_EQ(showRows(run("gpt show " + image_).out), sgdiskRows());
+    EXPECT_EQ(gptShowRows(run("gpt show " + image_).out), sgdiskRows());
     patch(gpt::kMBRSignatureOffset, "axlP", 4);
     const uint8_t inUse[4] = {3};
     patch(kBlock + gpt::kEntryCount, inUse, 4);
     const std::string before = bytes();
-    const Rows resized = showRows(expectRun("gpt resize " + image_ + " 1 20M", 0, "").out);
+    const Rows resized = gptShowRows(expectRun("gpt resize " + image_ + " 1 20M", 0, "").out);
     EXPECT_EQ(resized.at(1).last - resized.at(1).first + 1, 20u * 256);
     const std::string now = bytes();
     EXPECT_EQ(now.compare(0, kBlock, before, 0, kBlock), 0);
