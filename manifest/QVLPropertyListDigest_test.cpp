@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-
 #include "base/QVLLogCapture.h"
 #include "tests/support/TestSupport.h"
 
@@ -19,11 +17,7 @@ using testing::dict;
 std::string hex(const std::optional<QVLDigest>& d) {
     if (!d) return "none";
     std::string out;
-    for (uint8_t b : *d) {
-        char buf[3];
-        snprintf(buf, sizeof buf, "%02x", b);
-        out += buf;
-    }
+    for (uint8_t b : *d) out += {"0123456789abcdef"[b >> 4], "0123456789abcdef"[b & 15]};
     return out;
 }
 
@@ -66,7 +60,7 @@ TEST(QVLPropertyListDigestTest, KnownAnswers) {
     EXPECT_EQ(QVLPropertyListDigest(nullptr), std::nullopt);
 }
 
-TEST(QVLPropertyListDigestTest, KeyOrderAndValuesWithoutDigest) {
+TEST(QVLPropertyListDigestTest, KeyOrderValuesWithoutDigestAndDuplicates) {
     const Value forward(dict({{"one", 1}, {"two", Array{Value("a"), Value("b")}}, {"three", 3.0}}));
     const Value backward(dict({{"three", 3}, {"two", Array{Value("a"), Value("b")}}, {"one", 1}}));
     const Value swapped(dict({{"one", 1}, {"two", Array{Value("b"), Value("a")}}, {"three", 3}}));
@@ -82,9 +76,8 @@ TEST(QVLPropertyListDigestTest, KeyOrderAndValuesWithoutDigest) {
     EXPECT_EQ(digestHex(dict({{"a", 1}, {"e", Dictionary{}}})), hex(expected));
     // An element without a digest ends the array.
     EXPECT_EQ(digestHex(Array{Value("x"), Value(Array{}), Value("y")}), digestHex(Array{Value("x")}));
-}
 
-TEST(QVLPropertyListDigestTest, DuplicateArrayElementsHaveNoDigest) {
+    // Duplicate array elements leave the array without a digest.
     QVLLogCapture capture;
     EXPECT_EQ(digestHex(Array{Value("same"), Value("same")}), "none");
     EXPECT_TRUE(capture.contains("Failing to hash due to duplicate array entries"));

@@ -34,15 +34,13 @@ TEST(FileHash, DigestsPieceByPieceAndReleasesWhatWasRead) {
     EXPECT_FALSE(directoryHash(tree.root()));
     // Its text form is cross-checked with sha1sum in QVLManifest_test; only whole digests have one.
     EXPECT_FALSE(createDigestHexString(plist::Data(19, 0)));
-}
 
-TEST(FileHash, FailuresYieldNothingWithTheirMessages) {
-    TempTree tree;
-    FaultyFileSystem files;
+    // Failures yield nothing, with their messages.
     QVLLogCapture capture;
     EXPECT_FALSE(fileHash(tree.path("missing"), files));
     EXPECT_FALSE(fileHash(tree.fifo("pipe"), files));  // not read at all: it would block
     files.failReadNumber = 2;
+    files.reads = 0;
     const std::string big = tree.file("big", std::string(2 * kQVLFileHashPieceSize, 'b'));
     EXPECT_FALSE(fileHash(big, files));
     EXPECT_EQ(capture.lines(), (std::vector<std::string>{"Cannot read file " + tree.path("missing"),
@@ -61,7 +59,7 @@ struct Progress {
     }
 };
 
-TEST(CreateFileDigest, ReportsFractionsAroundEachPiece) {
+TEST(CreateFileDigest, ReportsFractionsAroundEachPieceAndRefusesOtherAlgorithms) {
     TempTree tree;
     FaultyFileSystem files;
     const std::string content(2 * kQVLFileDigestBufferSize + 100, 'd');
@@ -83,18 +81,14 @@ TEST(CreateFileDigest, ReportsFractionsAroundEachPiece) {
     files.failReadNumber = 2;
     EXPECT_EQ(createFileDigest(path, "SHA-1", 0, nullptr, nullptr, files),
               sha1Of(content.substr(0, kQVLFileDigestBufferSize)));
-}
 
-TEST(CreateFileDigest, RefusesOtherAlgorithmsAndStopsWhenTheHandlerSaysSo) {
-    TempTree tree;
-    FaultyFileSystem files;
-    const std::string path = tree.file("f", "abc");
+    // Other algorithms are refused; a handler's non-zero answer stops the digest.
     QVLLogCapture capture;
     for (const char* name : {"sha-1", "SHA1", "MD5", ""})
         EXPECT_FALSE(createFileDigest(path, name, 0, nullptr, nullptr, files)) << name;
     Progress stopping;
     stopping.failAt = 2;  // the first piece
-    EXPECT_FALSE(createFileDigest(path, "SHA-1", 3, Progress::record, &stopping, files));
+    EXPECT_FALSE(createFileDigest(tree.file("small", "abc"), "SHA-1", 3, Progress::record, &stopping, files));
     EXPECT_EQ(stopping.fractions, (std::vector<float>{0.0f, 1.0f}));
     const std::string missing = tree.path("missing");
     EXPECT_FALSE(createFileDigest(missing, "SHA-1", 0, nullptr, nullptr, files));

@@ -40,6 +40,10 @@ int64_t attribute(const QVLFileMetadata& m, std::string_view key) {
     return m.getFileAttributes()->find(key)->integerValue().value_or(-1);
 }
 
+bool restore(const plist::Dictionary& r, const std::string& path) {
+    return QVLFileMetadata(r).restoreAttribuesToPath(path, linuxFiles());
+}
+
 QVLFileMetadata collect(const std::string& path, platform::FileSystem& files = linuxFiles()) {
     std::optional<QVLFileMetadata> m = QVLFileMetadata::fileMetadatatWithPath(path, files);
     EXPECT_TRUE(m) << path;
@@ -224,14 +228,12 @@ TEST(QVLFileMetadataRestore, BadValuesFailAndApplyNothing) {
         return withAttribute(r, "NSFileGroupOwnerAccountID", static_cast<int64_t>(st.st_gid));
     };
     QVLLogCapture capture;
-    EXPECT_FALSE(QVLFileMetadata(record()).restoreAttribuesToPath(tree.path("gone"), linuxFiles()));
+    EXPECT_FALSE(restore(record(), tree.path("gone")));
     EXPECT_TRUE(capture.containsPrefix("Could not set file attributs at " + tree.path("gone") +
                                        " with error - No such file or directory (errno 2), attributes = "));
-    EXPECT_FALSE(QVLFileMetadata(withAttribute(record(), "NSFilePosixPermissions", "rwx"))
-                     .restoreAttribuesToPath(path, linuxFiles()));
+    EXPECT_FALSE(restore(withAttribute(record(), "NSFilePosixPermissions", "rwx"), path));
     EXPECT_EQ(lstatOf(path).st_mode & 07777, 0644u);  // nothing applied
-    EXPECT_FALSE(QVLFileMetadata(ownedHere(withAttribute(record(), "NSFileProtectionKey", 3)))
-                     .restoreAttribuesToPath(path, linuxFiles()));
+    EXPECT_FALSE(restore(ownedHere(withAttribute(record(), "NSFileProtectionKey", 3)), path));
     EXPECT_TRUE(capture.containsPrefix("Could not set file protection key at " + path));
 
     // An attribute value that is not data stops the attributes but not the
@@ -239,13 +241,12 @@ TEST(QVLFileMetadataRestore, BadValuesFailAndApplyNothing) {
     const plist::Dictionary values =
         dict({{"first", plist::Data{'1'}}, {"bad", "string"}, {"after", plist::Data{'2'}}});
     capture.clear();
-    EXPECT_TRUE(QVLFileMetadata(ownedHere(with(record(), "QVLManifestFileExtendedAttributes", values)))
-                    .restoreAttribuesToPath(path, linuxFiles()));
+    EXPECT_TRUE(restore(ownedHere(with(record(), "QVLManifestFileExtendedAttributes", values)), path));
     EXPECT_EQ(capture.lines(), Lines{"Got non-data value"});
     EXPECT_EQ(*QVLFileMetadata::extendedAttributeKeysWithPath(path, linuxFiles()), Lines{"first"});
-    EXPECT_FALSE(QVLFileMetadata(with(record("NSFileTypeSymbolicLink", 0755, "f"),
-                                      "QVLManifestFileExtendedAttributes", values))
-                     .restoreAttribuesToPath(tree.symlink("l", "f"), linuxFiles()));
+    EXPECT_FALSE(restore(
+        with(record("NSFileTypeSymbolicLink", 0755, "f"), "QVLManifestFileExtendedAttributes", values),
+        tree.symlink("l", "f")));
 }
 
 TEST(QVLFileMetadataRestore, AsRootOwnersProtectionClassAndLinksOwnOwner) {
@@ -253,9 +254,6 @@ TEST(QVLFileMetadataRestore, AsRootOwnersProtectionClassAndLinksOwnOwner) {
     TempTree tree;
     const std::string path = tree.file("f", "x");
     const std::string link = tree.symlink("l", "f");
-    const auto restore = [&](const plist::Dictionary& r, const std::string& where) {
-        return QVLFileMetadata(r).restoreAttribuesToPath(where, linuxFiles());
-    };
     ASSERT_TRUE(restore(withAttribute(record(), "NSFileProtectionKey", "NSFileProtectionComplete"), path));
     QVLFileMetadata restored = collect(path);
     EXPECT_EQ(attribute(restored, "NSFileOwnerAccountID"), 501);
