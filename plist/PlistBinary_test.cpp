@@ -66,7 +66,7 @@ ReadError readError(const std::string& bytes) {
     return error;
 }
 
-TEST(PlistBinaryReader, RefusesBadTrailers) {
+TEST(PlistBinaryReader, RefusesBadTrailersAndObjects) {
     const Crafted good{{"\x09"}};
     ASSERT_TRUE(read(good.build()));
 
@@ -94,15 +94,12 @@ TEST(PlistBinaryReader, RefusesBadTrailers) {
     }
     EXPECT_EQ(readError("bplist00").code, ReadError::kCorrupt);
     EXPECT_EQ(readError(good.build().substr(0, 40)).code, ReadError::kCorrupt);
-}
 
-TEST(PlistBinaryReader, RefusesBadObjects) {
-    struct Case {
+    const struct {
         const char* what;
         std::vector<std::string> objects;
         int code;
-    };
-    const std::vector<Case> cases = {
+    } objects[] = {
         {"reference out of range", {arrayOf({5})}, ReadError::kCorrupt},
         {"array containing itself", {arrayOf({0})}, ReadError::kCorrupt},
         {"cycle through two arrays", {arrayOf({1}), arrayOf({0})}, ReadError::kCorrupt},
@@ -124,7 +121,13 @@ TEST(PlistBinaryReader, RefusesBadObjects) {
         {"lone low surrogate", {"\x62\xDC\x00\x00\x41"}, ReadError::kCorrupt},
         {"date with a short body", {"\x33\x00"}, ReadError::kCorrupt},
     };
-    for (const auto& c : cases) EXPECT_EQ(readError(Crafted{c.objects}.build()).code, c.code) << c.what;
+    for (const auto& c : objects) EXPECT_EQ(readError(Crafted{c.objects}.build()).code, c.code) << c.what;
+
+    // What only a reader meets: writers use 8 bytes for negative integers and
+    // 8-byte reals, but other tools may write these.
+    EXPECT_EQ(read(Crafted{{"\x14" + be(UINT64_MAX, 8) + be(static_cast<uint64_t>(-5), 8)}}.build()),
+              Value(-5));
+    EXPECT_EQ(read(Crafted{{"\x22" + be(std::bit_cast<uint32_t>(1.5f), 4)}}.build()), Value(1.5));
 }
 
 TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
@@ -145,14 +148,6 @@ TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
     EXPECT_EQ(v->asArray()->size(), 1000u);
 }
 
-// What only a reader meets: writers use 8 bytes for negative integers and
-// 8-byte reals, but other tools may write these.
-TEST(PlistBinaryReader, NegativeSixteenByteIntegersAndFloats) {
-    EXPECT_EQ(read(Crafted{{"\x14" + be(UINT64_MAX, 8) + be(static_cast<uint64_t>(-5), 8)}}.build()),
-              Value(-5));
-    EXPECT_EQ(read(Crafted{{"\x22" + be(std::bit_cast<uint32_t>(1.5f), 4)}}.build()), Value(1.5));
-}
-
 std::string header(std::string_view file) {
     return std::string(file.substr(8, file.size() - 8 - 32));
 }
@@ -160,12 +155,11 @@ uint8_t trailerByte(std::string_view file, size_t i) {
     return static_cast<uint8_t>(file[file.size() - 32 + i]);
 }
 
-TEST(PlistBinaryWriter, SmallestIntegerWidths) {
-    struct Case {
+TEST(PlistBinaryWriter, SmallestIntegerAndReferenceWidths) {
+    const struct {
         Value value;
         std::string object;
-    };
-    const std::vector<Case> cases = {
+    } cases[] = {
         {Value(0), std::string("\x10\x00", 2)},
         {Value(255), "\x10\xFF"},
         {Value(256), std::string("\x11\x01\x00", 3)},
@@ -181,9 +175,8 @@ TEST(PlistBinaryWriter, SmallestIntegerWidths) {
     };
     for (const auto& c : cases)
         EXPECT_EQ(header(writeBinary(c.value)), c.object + "\x08") << c.value.description();
-}
 
-TEST(PlistBinaryWriter, ReferenceWidthGrowsWithObjectCount) {
+    // References grow to two bytes past 256 objects.
     Array small, large;
     for (int i = 0; i < 255; ++i) small.push_back(Value(i));
     for (int i = 0; i < 256; ++i) large.push_back(Value(i));
@@ -191,7 +184,7 @@ TEST(PlistBinaryWriter, ReferenceWidthGrowsWithObjectCount) {
     EXPECT_EQ(trailerByte(writeBinary(Value(large)), 7), 2);
 }
 
-TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
+TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnceAndNaNKeepsItsPayload) {
     Array records;
     for (int i = 0; i < 100; ++i) {
         Dictionary d;
@@ -215,10 +208,9 @@ TEST(PlistBinaryWriter, RepeatedStringsAndKeysAreWrittenOnce) {
     EXPECT_TRUE(first.erase("NSFileOwnerAccountName"));
     EXPECT_EQ(first.entries()[0].first, "NSFileSize");
     for (size_t i = 1; i < decoded.size(); ++i) EXPECT_EQ(decoded[i], records[i]);
-}
 
-TEST(PlistBinaryWriter, NaNKeepsItsPayload) {
-    auto back = read(writeBinary(Value(std::bit_cast<double>(0x7FF8000000000123ull))));
+    // A NaN keeps its payload.
+    back = read(writeBinary(Value(std::bit_cast<double>(0x7FF8000000000123ull))));
     ASSERT_TRUE(back && back->isReal());
     EXPECT_EQ(std::bit_cast<uint64_t>(*back->asReal()), 0x7FF8000000000123ull);
 }
@@ -236,13 +228,6 @@ std::string nestedArrays(Format format, int depth) {
     for (int i = 0; i < depth - 1; ++i) c.objects.push_back("\xA1" + be(i + 1, 2));
     c.objects.push_back("\xA0");
     return c.build();
-}
-
-TEST(PlistBothEncodings, NestingIsBoundedAt512) {
-    for (Format format : {Format::Binary, Format::XML}) {
-        EXPECT_TRUE(read(nestedArrays(format, kMaxDepth)));
-        EXPECT_EQ(readError(nestedArrays(format, kMaxDepth + 1)).code, ReadError::kTooDeep);
-    }
 }
 
 // Small and large dictionaries take different paths, and binary records
@@ -273,7 +258,7 @@ TEST(PlistBothEncodings, RepeatedKeyKeepsItsFirstPlaceAndLastValue) {
     }
 }
 
-TEST(PlistBothEncodings, WritersAnswerNothingForWhatTheyCannotCarry) {
+TEST(PlistBothEncodings, WhatTheyCannotCarryAndNestingBoundedAt512) {
     Value deep{Array{}};
     for (int i = 0; i < kMaxDepth; ++i) deep = Value(Array{std::move(deep)});
     Dictionary badKey;
@@ -295,6 +280,11 @@ TEST(PlistBothEncodings, WritersAnswerNothingForWhatTheyCannotCarry) {
     for (const auto& c : cases) {
         EXPECT_EQ(writeBinary(c.value).empty(), !c.binary) << c.value.description();
         EXPECT_EQ(writeXML(c.value).empty(), !c.xml) << c.value.description();
+    }
+    // Readers stop at the same depth.
+    for (Format format : {Format::Binary, Format::XML}) {
+        EXPECT_TRUE(read(nestedArrays(format, kMaxDepth)));
+        EXPECT_EQ(readError(nestedArrays(format, kMaxDepth + 1)).code, ReadError::kTooDeep);
     }
 }
 
