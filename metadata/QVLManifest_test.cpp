@@ -70,27 +70,20 @@ TEST(QVLManifestPaths, FolderSupersetAndKeyRules) {
 }
 
 // The device layout in miniature: <tmp>/private/var with app folders to skip.
-struct DeviceTree {
+TEST(QVLManifestWalk, KeysSkipFoldersLinksAndSpecialFilesSupersetAndProgress) {
     TempTree tree;
-    std::string privateRoot = tree.folder("private");
-    std::string var = tree.folder("private/var");
-    DeviceTree() {
-        tree.file("private/var/mobile/Library/prefs.plist", "prefs");
-        tree.file("private/var/x/skipped", "s");
-        tree.file("private/var/xy/kept", "k");
-        tree.symlink("private/var/link", "mobile");
-        tree.file("private/var/hidden/.dotfile", "h");
-    }
-};
-
-TEST(QVLManifestWalk, KeysSkipFoldersLinksAndSpecialFiles) {
-    DeviceTree device;
-    const std::string fifo = device.tree.fifo("private/var/pipe");
-    const std::string socket = device.tree.socket("private/var/sock");
+    const std::string privateRoot = tree.folder("private"), var = tree.folder("private/var");
+    tree.file("private/var/mobile/Library/prefs.plist", "prefs");
+    tree.file("private/var/x/skipped", "s");
+    tree.file("private/var/xy/kept", "k");
+    tree.symlink("private/var/link", "mobile");
+    tree.file("private/var/hidden/.dotfile", "h");
+    const std::string fifo = tree.fifo("private/var/pipe");
+    const std::string socket = tree.socket("private/var/sock");
     QVLManifest manifest(linuxFiles());
-    const std::vector<std::string> skip = {device.var + "/x"};
+    const std::vector<std::string> skip = {var + "/x"};
     QVLLogCapture capture;
-    ASSERT_TRUE(manifest.addFilesFromPath(device.var, device.privateRoot, &skip));
+    ASSERT_TRUE(manifest.addFilesFromPath(var, privateRoot, &skip));
     EXPECT_EQ(sortedKeys(manifest),
               (Keys{"/var", "/var/hidden", "/var/hidden/.dotfile", "/var/link", "/var/mobile",
                     "/var/mobile/Library", "/var/mobile/Library/prefs.plist", "/var/xy", "/var/xy/kept"}));
@@ -99,36 +92,33 @@ TEST(QVLManifestWalk, KeysSkipFoldersLinksAndSpecialFiles) {
     EXPECT_TRUE(capture.contains(socket + " is special file. Leave it along"));
 
     // One walk per manifest.
-    EXPECT_FALSE(manifest.addFilesFromPath(device.var, device.privateRoot, nullptr));
+    EXPECT_FALSE(manifest.addFilesFromPath(var, privateRoot, nullptr));
     EXPECT_EQ(manifest.dict().size(), 9u);
 
     // A single file, or an empty folder (given with a trailing "/"), is one entry at the root.
-    const std::string file = device.tree.path("private/var/xy/kept"), folder = device.tree.folder("empty");
+    const std::string file = tree.path("private/var/xy/kept"), folder = tree.folder("empty");
     QVLManifest single(linuxFiles()), empty(linuxFiles());
     ASSERT_TRUE(single.addFilesFromPath(file, file, nullptr));
     ASSERT_TRUE(empty.addFilesFromPath(folder + "/", folder, nullptr));
     EXPECT_EQ(sortedKeys(single), Keys{"/"});
     EXPECT_EQ(sortedKeys(empty), Keys{"/"});
-}
 
-TEST(QVLManifestWalk, SupersetKeepsOnlyItsPathsButProgressCoversAll) {
-    DeviceTree device;
-    QVLManifest manifest(linuxFiles());
+    // A superset keeps only its paths, but progress covers the whole walk.
+    QVLManifest kept(linuxFiles());
     std::vector<int64_t> sent;
     QVLProgressUpdater updater([&](int64_t p) { sent.push_back(p); });
-    manifest.setProgressUpdater(&updater);
-    const QVLManifest::PathSet superSet = {device.var + "/xy/kept", device.var + "/mobile"};
-    ASSERT_TRUE(manifest.addFilesFromPath(device.var, device.privateRoot, nullptr, &superSet));
-    EXPECT_EQ(sortedKeys(manifest), (Keys{"/var/mobile", "/var/xy/kept"}));
+    kept.setProgressUpdater(&updater);
+    const QVLManifest::PathSet superSet = {var + "/xy/kept", var + "/mobile"};
+    ASSERT_TRUE(kept.addFilesFromPath(var, privateRoot, nullptr, &superSet));
+    EXPECT_EQ(sortedKeys(kept), (Keys{"/var/mobile", "/var/xy/kept"}));
     // Regular files total 8 bytes; folders and links add their own sizes on top.
     EXPECT_EQ(updater.total(), 8);
     EXPECT_GT(updater.finished(), 8);
     EXPECT_FALSE(sent.empty());
     EXPECT_TRUE(std::is_sorted(sent.begin(), sent.end()));
-
     QVLManifest none(linuxFiles());
-    const QVLManifest::PathSet empty;
-    ASSERT_TRUE(none.addFilesFromPath(device.var, device.privateRoot, nullptr, &empty));
+    const QVLManifest::PathSet nothing;
+    ASSERT_TRUE(none.addFilesFromPath(var, privateRoot, nullptr, &nothing));
     EXPECT_TRUE(none.dict().empty());
 }
 

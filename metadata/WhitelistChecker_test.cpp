@@ -107,26 +107,20 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
 
 TEST_F(WhitelistCheckerTest, HandMadeDomainsAndWholeManifests) {
     QVLLogCapture capture;
-    Dictionary manifest;
-    for (const char* path :
-         {"/var/mobile/Media/a", "/etc/shadow", "/var/mobile/Library/Preferences/b", "/usr/bin/x"})
-        manifest.set(path, record());
-    EXPECT_FALSE(checker_.checkManifest(manifest));
+    EXPECT_FALSE(checker_.checkManifest(testing::dict({{"/var/mobile/Media/a", record()},
+                                                       {"/etc/shadow", record()},
+                                                       {"/var/mobile/Library/Preferences/b", record()},
+                                                       {"/usr/bin/x", record()}})));
     EXPECT_EQ(capture.lines(), (std::vector<std::string>{
                                    "-[WhitelistChecker checkManifest:]:/etc/shadow failed the check.",
                                    "-[WhitelistChecker checkManifest:]:/usr/bin/x failed the check.",
                                }));
     EXPECT_TRUE(checker_.checkManifest(Dictionary()));
 
-    Dictionary noAllowArray;
-    noAllowArray.set("RootPath", "/var/open");
-    noAllowArray.set("RelativePathsToRestoreOnly", Array{Value("only/this")});
-    Dictionary noRoot;
-    noRoot.set("RelativePathsToBackupAndRestore", Array{Value("x")});
-    Dictionary domains;
-    domains.set("open", noAllowArray);
-    domains.set("broken", noRoot);
-    checker_.setDomains(domains);
+    checker_.setDomains(
+        testing::dict({{"open", testing::dict({{"RootPath", "/var/open"},
+                                               {"RelativePathsToRestoreOnly", Array{Value("only/this")}}})},
+                       {"broken", testing::dict({{"RelativePathsToBackupAndRestore", Array{Value("x")}}})}}));
     EXPECT_TRUE(
         checker_.checkFile("/var/open/anything/at/all", record()));  // no main allow array: the whole root
     EXPECT_FALSE(checker_.checkFile("/var/elsewhere", record()));    // reaches the broken domain
