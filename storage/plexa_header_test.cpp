@@ -94,7 +94,7 @@ std::string hex4(uint32_t v) {
     return b;
 }
 
-TEST(PlexaHeader, FreshHeaderAndItsCRC) {
+TEST(PlexaHeader, FreshHeaderItsCRCAndChunkLookup) {
     PlexaMediaProperties g = geometry();
     Header h{};
     ASSERT_EQ(plexaCreateHeaderWithFlags(&g, h.data(), 7, 9), 0);
@@ -137,6 +137,17 @@ TEST(PlexaHeader, FreshHeaderAndItsCRC) {
                            plexaCheckHeader(&forged, h.data());
                 }),
         "plexa: NULL media properties\nplexa: NULL header buffer\nplexa: inconsistent media properties\n");
+
+    // Chunk lookup in a fresh header.
+    const Header fresh = freshHeader(g);
+    uint16_t chunk = 0;
+    ASSERT_EQ(plexaChunkContainingPartitionByte(&g, fresh.data(), 0, 5ull * g.chunkSize + 17, &chunk), 0);
+    EXPECT_EQ(chunk, 6);
+    ASSERT_EQ(plexaChunkContainingPartitionBlock(&g, fresh.data(), 0, 2048, &chunk), 0);  // 8 MiB in
+    EXPECT_EQ(chunk, 3);
+    for (auto [p, offset] : {std::pair<int, uint64_t>{0, g.partitionSpace}, {1, 0}, {8, 0}})
+        EXPECT_EQ(plexaChunkContainingPartitionByte(&g, fresh.data(), p, offset, &chunk), -1);
+    EXPECT_EQ(plexaChunkContainingPartitionBlock(&g, fresh.data(), 0, UINT64_MAX / 2, &chunk), -1);
 }
 
 TEST(PlexaHeader, AcquireFallsBackToTheBackupAndSaysWhatItFound) {
@@ -280,19 +291,6 @@ TEST_F(PlexaMap, Repairs) {
     EXPECT_EQ(check(g_, h), "");
     h[0] ^= 1;
     EXPECT_EQ(repair(g_, h, 0, -1), "plexa: media header mismatch\n");
-}
-
-TEST(PlexaHeader, ChunkLookup) {
-    PlexaMediaProperties g = geometry();
-    const Header fresh = freshHeader(g);
-    uint16_t chunk = 0;
-    ASSERT_EQ(plexaChunkContainingPartitionByte(&g, fresh.data(), 0, 5ull * g.chunkSize + 17, &chunk), 0);
-    EXPECT_EQ(chunk, 6);
-    ASSERT_EQ(plexaChunkContainingPartitionBlock(&g, fresh.data(), 0, 2048, &chunk), 0);  // 8 MiB in
-    EXPECT_EQ(chunk, 3);
-    for (auto [p, offset] : {std::pair<int, uint64_t>{0, g.partitionSpace}, {1, 0}, {8, 0}})
-        EXPECT_EQ(plexaChunkContainingPartitionByte(&g, fresh.data(), p, offset, &chunk), -1);
-    EXPECT_EQ(plexaChunkContainingPartitionBlock(&g, fresh.data(), 0, UINT64_MAX / 2, &chunk), -1);
 }
 
 }  // namespace
