@@ -52,7 +52,7 @@ std::optional<plist::Data> fileHash(const std::string& path, platform::FileSyste
 }
 
 std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::string& path,
-                                              platform::FileSystem& files) {
+                                              platform::FileSystem& files, bool* fromDisk) {
     // Read-ahead advice only matters for a file of more than one piece; most
     // files of a device tree are smaller, and the call is not free.
     if (size > kQVLFileHashPieceSize) files.adviseSequential(fd);
@@ -65,8 +65,14 @@ std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::
         return std::nullopt;
     }
     off_t offset = 0;
+    if (fromDisk) *fromDisk = false;
     for (;;) {
-        ssize_t n = files.read(fd, piece.get(), kQVLFileHashPieceSize);
+        ssize_t n = -1;
+        if (fromDisk && offset == 0 && !*fromDisk) {
+            n = files.readWithoutWaiting(fd, piece.get(), kQVLFileHashPieceSize);
+            if (n < 0 && errno == EAGAIN) *fromDisk = true;
+        }
+        if (n < 0) n = files.read(fd, piece.get(), kQVLFileHashPieceSize);
         if (n < 0) {
             QVLLog("Cannot read data from %@.", path);
             return std::nullopt;

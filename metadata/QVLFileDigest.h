@@ -38,9 +38,10 @@ using digestProgressHandler = int (*)(void* context, float fraction, float unuse
 std::optional<plist::Data> fileHash(const std::string& path, platform::FileSystem& files);
 
 // The same for a file already open at offset 0, whose size at opening was
-// `size`; `path` names it in log lines.
+// `size`; `path` names it in log lines. With `fromDisk`, it is set to
+// whether the first bytes had to be waited for (not yet in memory).
 std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::string& path,
-                                              platform::FileSystem& files);
+                                              platform::FileSystem& files, bool* fromDisk = nullptr);
 
 // Folders have no digest: always nullopt.
 std::optional<plist::Data> directoryHash(const std::string& path);

@@ -119,7 +119,8 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadatatWithPath(const std:
 std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderFd, const std::string& name,
                                                                      platform::ItemType type,
                                                                      const std::string& path,
-                                                                     FileSystem& files, UniqueFd opened) {
+                                                                     FileSystem& files, UniqueFd opened,
+                                                                     bool* fromDisk) {
     // Links and other items, and any item that can't be opened or changed
     // type since it was listed, take the way by path, which says why.
     if (folderFd < 0 || (type != platform::ItemType::kRegular && type != platform::ItemType::kDirectory))
@@ -140,7 +141,7 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderF
         listed ? extendedAttributesNamedIn(names, fd.get(), path, files) : unlistedAttributes(path);
     plist::Data hash;
     if (type == platform::ItemType::kRegular) {
-        if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files)) {
+        if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files, fromDisk)) {
             hash = std::move(*digest);
         } else {
             QVLLog("Maybe it's an Nimbra file (%@)?", path);

@@ -1,6 +1,7 @@
 #include "metadata/QVLManifest.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <deque>
 #include <limits>
@@ -72,13 +73,24 @@ std::optional<ItemType> itemType(platform::FileSystem& files, const std::string&
 // faster. Only the first piece of each is asked for, so the window stays small.
 constexpr size_t kPrefetchWindow = 32;
 
+// Fetching ahead costs a call per file, which a walk of files already in
+// memory does not need: a walk fetches ahead once kDiskReadsToFetch files had
+// their content waited for with fewer than kQuietItems files between any two
+// of them, and stops after kQuietItems files without one. A few files the
+// kernel dropped from a warm tree don't start it.
+constexpr size_t kDiskReadsToFetch = 8;
+constexpr size_t kQuietItems = 4096;
+
 // Folders held open on the way down. Items are looked at relative to their
 // open folder, which spares resolving each one's whole path; below this depth
 // folders are listed, and their items looked at, by path, so that a deep tree
 // can't run the process out of descriptors.
 constexpr size_t kMaxOpenFolders = 64;
 
-// Items whose records collectors may be reading ahead of the walk.
+// Items whose records collectors may be reading ahead of the walk. Each may
+// keep its folder open after the walk has left it, so that the collectors
+// need not be waited for at the end of every folder: at most this many
+// folders more are open.
 constexpr size_t kCollectDepth = 64;
 
 // Files opened ahead, at most, over all the folders of a walk: a file
@@ -86,11 +98,15 @@ constexpr size_t kCollectDepth = 64;
 // it, which spares opening it twice.
 constexpr size_t kMaxOpenedAhead = 2 * kPrefetchWindow;
 
+using SharedFolder = std::shared_ptr<const UniqueFd>;
+
 // One item met by a walk: its path, its name in the open folder `folderFd`
-// (-1 when the folder is not held open), its type (nullopt when it can't be
-// read) and, for a file fetched ahead, the descriptor that fetch opened.
+// (-1 when the folder is not held open; `folder` then is null), its type
+// (nullopt when it can't be read) and, for a file fetched ahead, the
+// descriptor that fetch opened.
 struct WalkItem {
     int folderFd;
+    const SharedFolder* folder;
     const std::string& name;
     const std::string& path;
     std::optional<ItemType> type;
@@ -110,17 +126,19 @@ std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const 
 // without following links. Folders inside a skip folder are not opened: all
 // they hold would be skipped. `visit(item)` gets nullopt as the type when it
 // cannot be read, and stops the enumeration by answering false.
-// `leave()` is called before a folder is closed; false stops the walk.
-// `prefetch(item, mayKeepOpen)` is told of each regular file some items
-// before it is visited; it may answer the file opened, which the visit then
-// gets. Memory: the listings of the folders from `top` down to the current
-// item, and at most kMaxOpenedAhead descriptors.
-template <class Visit, class Prefetch, class Leave>
+// `prefetch(folderFd, folderPath, name, mayKeepOpen)` is told of each regular
+// file some items before it is visited; it may answer the file opened, which
+// the visit then gets. Memory: the listings of the folders from `top` down
+// to the current item, and at most kMaxOpenedAhead descriptors.
+template <class Visit, class Prefetch>
 bool enumerateTree(platform::FileSystem& files, const std::string& top, const std::vector<std::string>* skip,
-                   const char* signature, Visit visit, Prefetch prefetch, Leave leave) {
+                   const char* signature, Visit visit, Prefetch prefetch) {
     struct Level {
+        Level() = default;
+        Level(Level&&) = default;  // never copied: it owns the descriptors opened ahead
+        Level& operator=(Level&&) = default;
         std::string path;
-        UniqueFd fd;
+        SharedFolder folder;
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
         size_t prefetched = 0;
@@ -136,9 +154,12 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         if (stack.size() >= kMaxOpenFolders) {
             listed = files.listDirectory(folder, &level.entries);
         } else {
-            level.fd = parentFd >= 0 ? files.openItemAt(parentFd, name, ItemType::kDirectory)
-                                     : files.openFolder(folder);
-            if (level.fd.valid()) listed = files.listFolder(level.fd.get(), &level.entries);
+            UniqueFd fd = parentFd >= 0 ? files.openItemAt(parentFd, name, ItemType::kDirectory)
+                                        : files.openFolder(folder);
+            if (fd.valid()) {
+                listed = files.listFolder(fd.get(), &level.entries);
+                level.folder = std::make_shared<const UniqueFd>(std::move(fd));
+            }
         }
         if (listed != 0) {
             QVLLog("%s: Could not enumerate %@, url=%@, error=%@", signature, folder,
@@ -151,20 +172,17 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
     while (!stack.empty()) {
         Level& level = stack.back();
         if (level.next == level.entries.size()) {
-            // Whatever still works on the folder's items is done first.
-            if (!leave()) return false;
             openedAhead -= level.opened.size();
             stack.pop_back();
             continue;
         }
-        const int folderFd = level.fd.valid() ? level.fd.get() : -1;
+        const int folderFd = level.folder ? level.folder->get() : -1;
         for (const size_t end = std::min(level.entries.size(), level.next + kPrefetchWindow);
              level.prefetched < end; ++level.prefetched) {
             const DirectoryEntry& ahead = level.entries[level.prefetched];
             if (ahead.type != ItemType::kRegular) continue;
             UniqueFd fd =
-                prefetch(WalkItem{folderFd, ahead.name, childPath(level.path, ahead.name), ahead.type},
-                         folderFd >= 0 && openedAhead < kMaxOpenedAhead);
+                prefetch(folderFd, level.path, ahead.name, folderFd >= 0 && openedAhead < kMaxOpenedAhead);
             if (fd.valid()) {
                 level.opened.emplace_back(level.prefetched, std::move(fd));
                 ++openedAhead;
@@ -184,7 +202,7 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         if (QVLManifest::folderContains(skip, item)) continue;
         const std::optional<ItemType> type =
             entry.type != ItemType::kUnknown ? entry.type : typeAt(files, folderFd, entry.name, item);
-        if (!visit(WalkItem{folderFd, entry.name, item, type, &opened})) return false;
+        if (!visit(WalkItem{folderFd, &level.folder, entry.name, item, type, &opened})) return false;
         if (type == ItemType::kDirectory) descend(folderFd, entry.name, item);
     }
     return true;
@@ -286,6 +304,11 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         std::string path;
     };
     std::deque<Waiting> waiting;
+    // Files whose content had to be waited for; collectors count them (see
+    // kQuietItems).
+    std::atomic<uint64_t> diskReads{0};
+    uint64_t diskReadsSeen = 0, diskReadsInRun = 0;
+    size_t quietItems = kQuietItems;
     std::optional<OrderedWorkPool<std::optional<QVLFileMetadata>>> pool;
     if (options_.collectors > 0) pool.emplace(options_.collectors, kCollectDepth);
     auto deliver = [&](std::optional<QVLFileMetadata> metadata, const std::string& key,
@@ -309,6 +332,14 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         const Waiting oldest = std::move(waiting.front());
         waiting.pop_front();
         return deliver(pool->takeOldest(), oldest.key, oldest.path);
+    };
+    auto collect = [this, &diskReads](int folderFd, const std::string& name, ItemType type,
+                                      const std::string& item, UniqueFd opened) {
+        bool fromDisk = false;
+        std::optional<QVLFileMetadata> metadata = QVLFileMetadata::fileMetadataInFolder(
+            folderFd, name, type, item, files_, std::move(opened), &fromDisk);
+        if (fromDisk) diskReads.fetch_add(1, std::memory_order_relaxed);
+        return metadata;
     };
 
     auto handleItem = [&](const WalkItem& walked) {
@@ -335,22 +366,21 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             return false;
         }
         UniqueFd opened = walked.opened ? std::move(*walked.opened) : UniqueFd();
-        if (!pool) {
-            return deliver(QVLFileMetadata::fileMetadataInFolder(walked.folderFd, walked.name, *type, item,
-                                                                 files_, std::move(opened)),
-                           *key, item);
-        }
+        if (!pool) return deliver(collect(walked.folderFd, walked.name, *type, item, std::move(opened)), *key, item);
         if (pool->full() && !deliverOldest()) return false;
-        pool->submit([this, folderFd = walked.folderFd, name = walked.name, type = *type, item,
-                      fd = std::make_shared<UniqueFd>(std::move(opened))] {
-            return QVLFileMetadata::fileMetadataInFolder(folderFd, name, type, item, files_, std::move(*fd));
+        // The job holds the folder open: the walk may leave it first.
+        pool->submit([&collect, folder = walked.folder ? *walked.folder : SharedFolder(),
+                      folderFd = walked.folderFd, name = walked.name, type = *type, item,
+                      fd = opened.valid() ? std::make_shared<UniqueFd>(std::move(opened))
+                                          : std::shared_ptr<UniqueFd>()] {
+            return collect(folderFd, name, type, item, fd ? std::move(*fd) : UniqueFd());
         });
         waiting.push_back({std::move(*key), item});
         return true;
     };
     auto walk = [&](const WalkItem& walked) {
         if (handleItem(walked)) return true;
-        if (pool) pool->stop();  // before the walk closes the folders the workers use
+        if (pool) pool->stop();  // what the collectors still read is not needed
         return false;
     };
     auto drain = [&] {
@@ -362,22 +392,34 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         }
         return true;
     };
+    auto fetchingAhead = [&] {
+        const uint64_t seen = diskReads.load(std::memory_order_relaxed);
+        if (quietItems >= kQuietItems) diskReadsInRun = 0;
+        if (seen != diskReadsSeen) {
+            diskReadsInRun += seen - diskReadsSeen;
+            diskReadsSeen = seen;
+            quietItems = 0;
+        }
+        ++quietItems;
+        return diskReadsInRun >= kDiskReadsToFetch && quietItems <= kQuietItems;
+    };
     // Only files the walk will read are fetched ahead: a superset may leave
     // most of a tree out, and fetching those would flood the cache.
-    auto prefetch = [&](const WalkItem& ahead, bool mayKeepOpen) {
-        if (folderContains(skip, ahead.path) || (superSet && !pathInSuperSet(ahead.path, superSet)))
-            return UniqueFd();
+    auto prefetch = [&](int folderFd, const std::string& folder, const std::string& name, bool mayKeepOpen) {
+        if (!fetchingAhead()) return UniqueFd();
+        const std::string path = childPath(folder, name);
+        if (folderContains(skip, path) || (superSet && !pathInSuperSet(path, superSet))) return UniqueFd();
         constexpr auto kLength = static_cast<off_t>(kQVLFileHashPieceSize);
-        if (mayKeepOpen) return files_.openAndPrefetchAt(ahead.folderFd, ahead.name, kLength);
-        if (ahead.folderFd >= 0) {
-            files_.prefetchAt(ahead.folderFd, ahead.name, kLength);
+        if (mayKeepOpen) return files_.openAndPrefetchAt(folderFd, name, kLength);
+        if (folderFd >= 0) {
+            files_.prefetchAt(folderFd, name, kLength);
         } else {
-            files_.prefetch(ahead.path, kLength);
+            files_.prefetch(path, kLength);
         }
         return UniqueFd();
     };
-    if (!enumerateTree(files_, top, skip, kWalkSignature, walk, prefetch, drain)) return false;
-    return walk(WalkItem{-1, top, top, itemType(files_, top)}) && drain();
+    if (!enumerateTree(files_, top, skip, kWalkSignature, walk, prefetch)) return false;
+    return walk(WalkItem{-1, nullptr, top, top, itemType(files_, top)}) && drain();
 }
 
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
@@ -407,7 +449,7 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
                                                                        : total + size;
             return true;
         },
-        [](const WalkItem&, bool) { return UniqueFd(); }, [] { return true; });
+        [](int, const std::string&, const std::string&, bool) { return UniqueFd(); });
     return complete ? total : 0;
 }
 

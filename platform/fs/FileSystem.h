@@ -209,6 +209,10 @@ class FileSystem {
     // receives its size at opening.
     virtual UniqueFd openForReading(const std::string& path, uint64_t* size) = 0;
     virtual ssize_t read(int fd, void* buffer, size_t size) = 0;
+    // The same, but -1 with EAGAIN at once where the first bytes would have
+    // to come from the disk (or where the file system can't tell): a walk
+    // learns so whether fetching ahead pays.
+    virtual ssize_t readWithoutWaiting(int fd, void* buffer, size_t size) = 0;
     // Advice that the file is read once from start to end, and that the
     // pages of [offset, offset + length) are no longer needed.
     virtual void adviseSequential(int fd) = 0;

@@ -8,6 +8,7 @@
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/uio.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
@@ -345,6 +346,18 @@ ssize_t LinuxFileSystem::read(int fd, void* buffer, size_t size) {
     for (;;) {
         ssize_t n = ::read(fd, buffer, size);
         if (n >= 0 || errno != EINTR) return n;
+    }
+}
+
+ssize_t LinuxFileSystem::readWithoutWaiting(int fd, void* buffer, size_t size) {
+    iovec piece{buffer, size};
+    for (;;) {
+        const ssize_t n = ::preadv2(fd, &piece, 1, -1, RWF_NOWAIT);
+        if (n >= 0) return n;
+        if (errno == EINTR) continue;
+        // Where the flag is not known, nothing says the bytes are in memory.
+        if (errno == EOPNOTSUPP || errno == EINVAL) errno = EAGAIN;
+        return -1;
     }
 }
 
