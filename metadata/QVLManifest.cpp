@@ -13,6 +13,7 @@
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
 #include "platform/fs/FileSystem.h"
+#include "plist/PlistBinaryDictionaryWriter.h"
 
 namespace qvl {
 namespace {
@@ -420,6 +421,15 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     if (!enumerateTree(files_, top, skip, kWalkSignature, walk, prefetch)) return false;
     return walk(WalkItem{-1, nullptr, top, top, itemType(files_, top)}) && drain();
+}
+
+bool QVLManifest::addRecordsTo(plist::BinaryDictionaryWriter& out, const std::string& path,
+                               const std::string& root, const std::vector<std::string>* skip,
+                               const PathSet* superSet) {
+    const bool walked = enumerateAndCollectMetaData(
+        path, root, skip, superSet,
+        [&out](QVLFileMetadata& metadata, const std::string& key) { return out.add(key, metadata.dict()); });
+    return walked || out.error() != 0;
 }
 
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,

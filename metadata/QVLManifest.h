@@ -39,6 +39,9 @@ namespace qvl {
 namespace platform {
 class FileSystem;
 }
+namespace plist {
+class BinaryDictionaryWriter;
+}
 
 class QVLManifest {
   public:
@@ -87,6 +90,13 @@ class QVLManifest {
     bool enumerateAndCollectMetaData(const std::string& path, const std::string& root,
                                      const std::vector<std::string>* skip, const PathSet* superSet,
                                      const Handler& handler);
+
+    // The walk with each record added to `out` under its key, for a file
+    // written as the walk goes. False when the walk itself failed, so the
+    // file is to be abandoned; a walk stopped by the writer answers true, the
+    // writer's error telling why.
+    bool addRecordsTo(plist::BinaryDictionaryWriter& out, const std::string& path, const std::string& root,
+                      const std::vector<std::string>* skip, const PathSet* superSet);
 
     // The summed size of the regular files below `path` outside the skip
     // folders; 0 on any failure.

@@ -134,15 +134,9 @@ bool QVLHOperations::createDeviceManifest(const std::string& path, bool forBacku
     const platform::StreamedWrite written = platform::writeBinaryDictionaryFile(
         files_, kDeviceManifestPath,
         [&](plist::BinaryDictionaryWriter& out) {
-            const QVLManifest::Handler handler = [&](QVLFileMetadata& metadata, const std::string& key) {
-                return out.add(key, metadata.dict());
-            };
-            const bool walked =
-                forBackup ? manifest.enumerateAndCollectMetaData(kBackupWalkRoot, kBackupKeysRelativeTo,
-                                                                 &kBackupSkippedFolders, &paths, handler)
-                          : manifest.enumerateAndCollectMetaData(path, path, nullptr, nullptr, handler);
-            // A walk stopped by the writer is the writer's failure.
-            return walked || out.error() != 0;
+            return forBackup ? manifest.addRecordsTo(out, kBackupWalkRoot, kBackupKeysRelativeTo,
+                                                     &kBackupSkippedFolders, &paths)
+                             : manifest.addRecordsTo(out, path, path, nullptr, nullptr);
         },
         &error, kDeviceManifestMode);
     if (written == platform::StreamedWrite::kAbandoned) {

@@ -178,11 +178,7 @@ int scanVerb(Arguments args) {
         const platform::StreamedWrite written = platform::writeBinaryDictionaryFile(
             platform::LinuxFileSystem::sharedInstance(), options.output,
             [&](plist::BinaryDictionaryWriter& out) {
-                const bool walked = manifest.enumerateAndCollectMetaData(
-                    directory, root, skip, limit, [&](QVLFileMetadata& metadata, const std::string& key) {
-                        return out.add(key, metadata.dict());
-                    });
-                return walked || out.error() != 0;
+                return manifest.addRecordsTo(out, directory, root, skip, limit);
             },
             &error);
         if (written == platform::StreamedWrite::kAbandoned) return walkFailed();
