@@ -23,6 +23,20 @@ constexpr size_t kMaxSharedStringLength = 128;
 // The tag of strings in the shared-object table.
 constexpr char kTagString = 's';
 
+// Appends 4-byte big-endian references in one go.
+void appendReferences(std::string& out, std::span<const uint32_t> refs) {
+    const size_t at = out.size();
+    out.resize(at + kRefSize * refs.size());
+    char* p = out.data() + at;
+    for (uint32_t ref : refs) {
+        p[0] = static_cast<char>(ref >> 24);
+        p[1] = static_cast<char>(ref >> 16);
+        p[2] = static_cast<char>(ref >> 8);
+        p[3] = static_cast<char>(ref);
+        p += kRefSize;
+    }
+}
+
 }  // namespace
 
 size_t BinaryDictionaryWriter::TransparentHash::operator()(std::string_view s) const {
@@ -124,19 +138,24 @@ int64_t BinaryDictionaryWriter::putDictionary(const Dictionary& d, int depth) {
     refStack_.resize(first + 2 * n);
     // Children first: a reference is written with its container.
     for (size_t i = 0; i < n; ++i) {
-        const int64_t key = putString(d.entries()[i].first, true);
+        const std::string& text = d.entries()[i].first;
+        CachedString* slot = cachedSlot(depth, i, true);
+        const int64_t key = slot ? putCachedString(text, *slot) : putString(text, true);
         if (key < 0) return -1;
         refStack_[first + i] = static_cast<uint32_t>(key);
     }
     for (size_t i = 0; i < n; ++i) {
-        const int64_t child = put(d.entries()[i].second, depth + 1);
+        const Value& value = d.entries()[i].second;
+        const std::string* text = value.asString();
+        CachedString* slot = text && text->size() <= kMaxSharedStringLength ? cachedSlot(depth, i, false) : nullptr;
+        const int64_t child = slot ? putCachedString(*text, *slot) : put(value, depth + 1);
         if (child < 0) return -1;
         refStack_[first + n + i] = static_cast<uint32_t>(child);
     }
     const int64_t index = beginObject();
     if (index < 0) return -1;
     appendMarker(buffer_, kDict, n);
-    for (size_t i = first; i < first + 2 * n; ++i) appendBE(buffer_, refStack_[i], kRefSize);
+    appendReferences(buffer_, std::span(refStack_).subspan(first, 2 * n));
     refStack_.resize(first);
     return index;
 }
@@ -153,8 +172,18 @@ int64_t BinaryDictionaryWriter::putArray(const Array& a, int depth) {
     const int64_t index = beginObject();
     if (index < 0) return -1;
     appendMarker(buffer_, kArray, a.size());
-    for (size_t i = first; i < first + a.size(); ++i) appendBE(buffer_, refStack_[i], kRefSize);
+    appendReferences(buffer_, std::span(refStack_).subspan(first, a.size()));
     refStack_.resize(first);
+    return index;
+}
+
+int64_t BinaryDictionaryWriter::putCachedString(std::string_view s, CachedString& slot) {
+    if (slot.index != UINT32_MAX && slot.text == s) return slot.index;
+    const int64_t index = putString(s, true);
+    if (index >= 0) {
+        slot.text.assign(s);
+        slot.index = static_cast<uint32_t>(index);
+    }
     return index;
 }
 

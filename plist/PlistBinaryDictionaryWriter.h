@@ -92,7 +92,24 @@ class BinaryDictionaryWriter {
         return recent_[(reinterpret_cast<uintptr_t>(s.data()) >> 4) % recent_.size()];
     }
 
+    // The strings shared last at each position of the dictionaries near the
+    // top: the records of a manifest repeat the same keys, and many of the
+    // same values, in the same places, so one comparison mostly finds them.
+    static constexpr size_t kCachedDepths = 4;
+    static constexpr size_t kCachedPositions = 32;
+    struct CachedString {
+        std::string text;
+        uint32_t index = UINT32_MAX;  // none yet
+    };
+    // A shared string (see putString) at `slot`, which remembers it.
+    int64_t putCachedString(std::string_view s, CachedString& slot);
+    CachedString* cachedSlot(int depth, size_t position, bool key) {
+        if (static_cast<size_t>(depth) >= kCachedDepths || position >= kCachedPositions) return nullptr;
+        return &cached_[(static_cast<size_t>(depth) * kCachedPositions + position) * 2 + (key ? 0 : 1)];
+    }
+
     Sink sink_;
+    std::vector<CachedString> cached_ = std::vector<CachedString>(kCachedDepths * kCachedPositions * 2);
     int error_ = 0;
     bool finished_ = false;
     std::string buffer_;

@@ -26,7 +26,13 @@ inline unsigned widthFor(uint64_t maxValue) {
 
 template <class Out>
 void appendBE(Out& out, uint64_t v, unsigned width) {
-    for (unsigned i = width; i-- > 0;) out.push_back(static_cast<char>(v >> (8 * i)));
+    // One append of the lowest `width` bytes: byte by byte costs a check of
+    // room per byte, and a manifest writes millions of these.
+    uint64_t big = v << (8 * (8 - width));
+    if constexpr (std::endian::native == std::endian::little) big = __builtin_bswap64(big);
+    char bytes[8];
+    std::memcpy(bytes, &big, sizeof(bytes));
+    out.append(bytes, width);
 }
 
 template <class Out>
