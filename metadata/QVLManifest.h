@@ -10,9 +10,10 @@
 //
 // A manifest reaches the tree through the FileSystem it is made with.
 //
-// Memory: the walk holds one record at a time (up to 64 with collectors)
-// plus the listings of the folders on the way down to the current item and
-// a few files opened ahead; only the manifest grows with the tree, and not
+// Memory: the walk holds one record at a time (up to 64 with collectors,
+// which may keep as many folders open after the walk has left them) plus the
+// listings of the folders on the way down to the current item and a few
+// files opened ahead; only the manifest grows with the tree, and not
 // even that when the handler writes each record away (as the device manifest
 // and qvlmanifest scan do).
 //
