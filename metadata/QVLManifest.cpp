@@ -334,6 +334,18 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         waiting.pop_front();
         return deliver(pool->takeOldest(), oldest.key, oldest.path);
     };
+    // Hands over every record read ahead. A walk that ends at an item first
+    // does this, so that what came before the item is logged and handed over
+    // as it would be without collectors.
+    auto drain = [&] {
+        while (pool && pool->pending() > 0) {
+            if (!deliverOldest()) {
+                pool->stop();
+                return false;
+            }
+        }
+        return true;
+    };
     auto collect = [this, &diskReads](int folderFd, const std::string& name, ItemType type,
                                       const std::string& item, UniqueFd opened) {
         bool fromDisk = false;
@@ -352,7 +364,7 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             return true;
         }
         if (!type) {
-            QVLLog("Could not get resource for key %@", kRegularFileFlag);
+            if (drain()) QVLLog("Could not get resource for key %@", kRegularFileFlag);
             return false;
         }
         if (!isRecordedKind(*type)) {
@@ -363,7 +375,7 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         // would be wrong, so the walk ends.
         const std::optional<std::string> key = keyForPath(item, base);
         if (!key) {
-            QVLLog("%@ is not below the root %@; it has no key", item, base);
+            if (drain()) QVLLog("%@ is not below the root %@; it has no key", item, base);
             return false;
         }
         UniqueFd opened = walked.opened ? std::move(*walked.opened) : UniqueFd();
@@ -383,15 +395,6 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         if (handleItem(walked)) return true;
         if (pool) pool->stop();  // what the collectors still read is not needed
         return false;
-    };
-    auto drain = [&] {
-        while (pool && pool->pending() > 0) {
-            if (!deliverOldest()) {
-                pool->stop();
-                return false;
-            }
-        }
-        return true;
     };
     auto fetchingAhead = [&] {
         const uint64_t seen = diskReads.load(std::memory_order_relaxed);
