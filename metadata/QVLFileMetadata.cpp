@@ -141,7 +141,8 @@ std::optional<QVLFileMetadata> QVLFileMetadata::fileMetadataInFolder(int folderF
         listed ? extendedAttributesNamedIn(names, fd.get(), path, files) : unlistedAttributes(path);
     plist::Data hash;
     if (type == platform::ItemType::kRegular) {
-        if (std::optional<plist::Data> digest = fileHashOfOpenFile(fd.get(), st.size, path, files, fromDisk)) {
+        if (std::optional<plist::Data> digest =
+                fileHashOfOpenFile(fd.get(), st.size, path, files, fromDisk)) {
             hash = std::move(*digest);
         } else {
             QVLLog("Maybe it's an Nimbra file (%@)?", path);

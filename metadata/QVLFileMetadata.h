@@ -102,12 +102,9 @@ class QVLFileMetadata {
     // go by the path. `opened`, when valid, is the regular file `name`
     // already open (as FileSystem::openItemAt opens it). `fromDisk`, when
     // given, is set when the content had to be waited for.
-    static std::optional<QVLFileMetadata> fileMetadataInFolder(int folderFd, const std::string& name,
-                                                               platform::ItemType type,
-                                                               const std::string& path,
-                                                               platform::FileSystem& files,
-                                                               UniqueFd opened = UniqueFd(),
-                                                               bool* fromDisk = nullptr);
+    static std::optional<QVLFileMetadata> fileMetadataInFolder(
+        int folderFd, const std::string& name, platform::ItemType type, const std::string& path,
+        platform::FileSystem& files, UniqueFd opened = UniqueFd(), bool* fromDisk = nullptr);
     static QVLFileMetadata fileMetaDataWithMetadataDictionary(plist::Dictionary dict) {
         return QVLFileMetadata(std::move(dict));
     }

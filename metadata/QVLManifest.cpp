@@ -379,7 +379,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             return false;
         }
         UniqueFd opened = walked.opened ? std::move(*walked.opened) : UniqueFd();
-        if (!pool) return deliver(collect(walked.folderFd, walked.name, *type, item, std::move(opened)), *key, item);
+        if (!pool)
+            return deliver(collect(walked.folderFd, walked.name, *type, item, std::move(opened)), *key, item);
         if (pool->full() && !deliverOldest()) return false;
         // The job holds the folder open: the walk may leave it first.
         pool->submit([&collect, folder = walked.folder ? *walked.folder : SharedFolder(),

@@ -147,7 +147,8 @@ int64_t BinaryDictionaryWriter::putDictionary(const Dictionary& d, int depth) {
     for (size_t i = 0; i < n; ++i) {
         const Value& value = d.entries()[i].second;
         const std::string* text = value.asString();
-        CachedString* slot = text && text->size() <= kMaxSharedStringLength ? cachedSlot(depth, i, false) : nullptr;
+        CachedString* slot =
+            text && text->size() <= kMaxSharedStringLength ? cachedSlot(depth, i, false) : nullptr;
         const int64_t child = slot ? putCachedString(*text, *slot) : put(value, depth + 1);
         if (child < 0) return -1;
         refStack_[first + n + i] = static_cast<uint32_t>(child);
