@@ -323,6 +323,7 @@ class Client {
     explicit Client(UniqueFd fd) : fd_(std::move(fd)) {}
     UniqueFd fd_;
     std::vector<uint8_t> buffer_;
+    std::vector<uint8_t> chunk_;  // what one read receives into
     std::vector<UniqueFd> pendingDescriptors_;
 };
 
