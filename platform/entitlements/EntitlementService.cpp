@@ -96,9 +96,9 @@ class RegistryCache {
 
   private:
     static constexpr size_t kMaxFolders = 16;
-    static constexpr uint32_t kWatchedEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
-                                               IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
-                                               IN_ONLYDIR;
+    static constexpr uint32_t kWatchedEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE |
+                                               IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
+                                               IN_MOVE_SELF | IN_ONLYDIR;
 
     // Timestamps only move on at the file system's clock tick, so a folder
     // changed twice within one tick keeps its stamp. A folder is trusted
@@ -139,7 +139,8 @@ class RegistryCache {
                     folder.watch.reset();  // the folder went: the next listing watches anew
                     return false;
                 }
-                if (event->len > 0) folder.files.erase(std::string(event->name, ::strnlen(event->name, event->len)));
+                if (event->len > 0)
+                    folder.files.erase(std::string(event->name, ::strnlen(event->name, event->len)));
                 at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
             }
         }
@@ -260,7 +261,8 @@ bool entryApplies(const plist::Dictionary& entry, const std::string& executable,
 
 }  // namespace
 
-std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token, const std::string& registryDirectory) {
+std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token,
+                                               const std::string& registryDirectory) {
     if (token.executablePath.empty() || !token.pidfd || !token.pidfd->valid()) return std::nullopt;
     std::optional<Registry> registry =
         RegistryCache::sharedInstance().loadWhileAlive(registryDirectory, token.pidfd->get());

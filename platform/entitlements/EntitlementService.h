@@ -32,8 +32,8 @@ class Task {
     // There is a task when the token's process still runs and its executable
     // path was read when the connection was accepted; otherwise nullopt. The
     // task holds the registry as it stood then.
-    static std::optional<Task> createWithAuditToken(const zrp::AuditToken& token,
-                                                    const std::string& registryDirectory = kDefaultRegistryDirectory);
+    static std::optional<Task> createWithAuditToken(
+        const zrp::AuditToken& token, const std::string& registryDirectory = kDefaultRegistryDirectory);
 
     // The value of entitlement `name`: taken from the first registry entry (in
     // file name order) whose "Executable" is this task's executable and whose
