@@ -190,6 +190,18 @@ class SystemLogSocket {
     size_t headerLength_ = 0;
 };
 
+// One line, in one write(2) (a buffered stream would add its own locking and
+// copy to each line and then flush it all the same). Only a short write, as
+// on a full disk, takes a second one for the rest.
+void writeLine(int fd, std::string_view line) {
+    while (!line.empty()) {
+        const ssize_t n = ::write(fd, line.data(), line.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return;  // the line is lost; the system log has its copy
+        line.remove_prefix(static_cast<size_t>(n));
+    }
+}
+
 void writeSystemLog(std::string_view message) {
     SystemLogSocket::sharedInstance().send(message);
 }
@@ -220,9 +232,7 @@ void QVLLogMessage(std::string_view message) {
 QVLLogModel::QVLLogModel(Services services)
     : services_(std::move(services)), observers_(std::make_shared<const ObserverList>()) {}
 
-QVLLogModel::~QVLLogModel() {
-    if (logFP_) fclose(logFP_);
-}
+QVLLogModel::~QVLLogModel() = default;
 
 QVLLogModel& QVLLogModel::sharedInstance() {
     static QVLLogModel* model = new QVLLogModel();  // lives until exit; never destroyed mid-log
@@ -270,10 +280,7 @@ void QVLLogModel::logMessage(std::string_view message) {
     line.append(cachedDateText(now())).append(1, ' ').append(message).append(1, '\n');
     {
         std::lock_guard<std::mutex> guard(lock_);
-        if (logFP_) {
-            fwrite(line.data(), 1, line.size(), logFP_);
-            fflush(logFP_);
-        }
+        if (logFd_) writeLine(logFd_.get(), line);
     }
     if (line.capacity() > kKeptLineCapacity) std::string().swap(line);  // a rare long line
     systemLog(message);
@@ -299,30 +306,21 @@ bool QVLLogModel::openLogFile(int folderFd, const std::string& name, const std::
     options.requireOwnedBySelf = options.requireSingleLink = true;
     UniqueFd file;
     if (int err = openRegularFileAt(folderFd, name, options, &file)) return fileLoggingOff(path, err);
-    FILE* fp = fdopen(file.get(), "a");
-    if (!fp) return fileLoggingOff(path, lastError());
-    file.release();
-    install(fp);
+    install(std::move(file));
     return true;
 }
 
 bool QVLLogModel::enableLogToStandardError() {
-    const int copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-    FILE* fp = copy >= 0 ? fdopen(copy, "a") : nullptr;
-    if (!fp) {
-        if (copy >= 0) close(copy);
-        return false;
-    }
-    install(fp);
+    UniqueFd copy(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0));
+    if (!copy) return false;
+    install(std::move(copy));
     return true;
 }
 
-void QVLLogModel::install(FILE* fp) {
+void QVLLogModel::install(UniqueFd fd) {
     std::lock_guard<std::mutex> guard(lock_);
-    // The earlier stream, if any, is closed: the helper opens one per
-    // process, and a replaced stream would otherwise leak its descriptor.
-    if (logFP_) fclose(logFP_);
-    logFP_ = fp;
+    // The earlier stream, if any, is closed: the helper opens one per process.
+    logFd_ = std::move(fd);
 }
 
 bool QVLLogModel::fileLoggingOff(const std::string& path, int err) {
@@ -333,7 +331,7 @@ bool QVLLogModel::fileLoggingOff(const std::string& path, int err) {
 
 bool QVLLogModel::logToFileEnabled() const {
     std::lock_guard<std::mutex> guard(lock_);
-    return logFP_ != nullptr;
+    return logFd_.valid();
 }
 
 std::string QVLLogModel::fileNameForTodayUnder(const std::string& folder, const std::string& prefix) {

@@ -1,8 +1,8 @@
 // QVLLogModel: where log lines go. Every message goes to the system log
-// (a datagram to /dev/log that never blocks the caller); once a log file is open, each message is also appended to it as
-// "<date> <message>\n" with the UTC date in "2026-11-22 21:04:05 +0000" form,
-// written and flushed under the model's lock so that lines of concurrent
-// writers never interleave. The file stays open for the life of the model
+// (a datagram to /dev/log that never blocks the caller); once a log file is
+// open, each message is also appended to it as "<date> <message>\n" with the
+// UTC date in "2026-11-22 21:04:05 +0000" form, written in one write(2) under
+// the model's lock so that lines of concurrent writers never interleave. The file stays open for the life of the model
 // (the shared one lives as long as the process).
 //
 // Observers see every message that goes to the system log (so every logged
@@ -19,13 +19,14 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "base/UniqueFd.h"
 
 namespace qvl {
 
@@ -91,7 +92,7 @@ class QVLLogModel {
     void removeExpiredEntries(int folderFd, const std::string& folder, long expireDays,
                               bool skipFinishDemoRestore);
     bool openLogFile(int folderFd, const std::string& name, const std::string& path);
-    void install(FILE* fp);
+    void install(UniqueFd fd);
     // Says once why file logging is off; always false.
     bool fileLoggingOff(const std::string& path, int err);
     double now() const;
@@ -103,7 +104,7 @@ class QVLLogModel {
     using ObserverList = std::vector<ObserverEntry>;
 
     const Services services_;
-    FILE* logFP_ = nullptr;
+    UniqueFd logFd_;           // the log file or standard error; invalid: none
     mutable std::mutex lock_;  // orders file writes; the model's lock
     std::mutex observerLock_;
     // Replaced whole on every change, so a message reads the list without

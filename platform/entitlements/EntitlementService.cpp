@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -46,7 +47,8 @@ struct CachedFile {
 // of a request's cost, so parsed files are kept. A lookup compares the
 // folder's stamp and asks the folder's change watch whether anything in it
 // was written, created, removed or renamed since the last listing: one stat
-// and one read, however many files there are. Only when something changed is
+// and one poll, however many files there are, and the poll also tells
+// whether the client still runs. Only when something changed is
 // the folder listed again (and a file named by the change parsed again), so
 // a changed, added or removed file still takes effect at the very next
 // lookup. Without a watch (none could be made), or for a folder holding
@@ -59,11 +61,29 @@ class RegistryCache {
         return cache;
     }
 
-    // The parsed registry files of `dir`, in name order.
-    std::vector<std::shared_ptr<const plist::Value>> load(const std::string& dir) {
+    using Roots = std::vector<std::shared_ptr<const plist::Value>>;
+
+    // The parsed registry files of `dir`, in name order, while the process
+    // pinned by `pidfd` still runs; nullopt once it has ended. For a settled
+    // folder with nothing new on its watch, one poll asks both questions.
+    std::optional<Roots> loadWhileAlive(const std::string& dir, int pidfd) {
         struct stat dirStat;
-        if (::stat(dir.c_str(), &dirStat) != 0 || !S_ISDIR(dirStat.st_mode)) return {};
-        const Stamp dirStamp = stampOf(dirStat);
+        const bool isFolder = ::stat(dir.c_str(), &dirStat) == 0 && S_ISDIR(dirStat.st_mode);
+        const Stamp dirStamp = isFolder ? stampOf(dirStat) : Stamp{};
+        if (isFolder) {
+            std::lock_guard lock(mu_);
+            auto it = folders_.find(dir);
+            if (it != folders_.end() && it->second.settled && it->second.stamp == dirStamp &&
+                it->second.watch && !it->second.hasLinks) {
+                pollfd ready[2] = {{pidfd, POLLIN, 0}, {it->second.watch.get(), POLLIN, 0}};
+                if (::poll(ready, 2, 0) >= 0) {
+                    if (ready[0].revents != 0) return std::nullopt;
+                    if (ready[1].revents == 0) return rootsOf(it->second.files);
+                }
+            }
+        }
+        if (exited(pidfd)) return std::nullopt;
+        if (!isFolder) return Roots{};
         {
             std::lock_guard lock(mu_);
             auto it = folders_.find(dir);
@@ -76,9 +96,9 @@ class RegistryCache {
 
   private:
     static constexpr size_t kMaxFolders = 16;
-    static constexpr uint32_t kWatchedEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE | IN_DELETE |
-                                               IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF |
-                                               IN_ONLYDIR;
+    static constexpr uint32_t kWatchedEvents = IN_MODIFY | IN_ATTRIB | IN_CLOSE_WRITE | IN_CREATE |
+                                               IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
+                                               IN_MOVE_SELF | IN_ONLYDIR;
 
     // Timestamps only move on at the file system's clock tick, so a folder
     // changed twice within one tick keeps its stamp. A folder is trusted
@@ -119,7 +139,8 @@ class RegistryCache {
                     folder.watch.reset();  // the folder went: the next listing watches anew
                     return false;
                 }
-                if (event->len > 0) folder.files.erase(std::string(event->name, ::strnlen(event->name, event->len)));
+                if (event->len > 0)
+                    folder.files.erase(std::string(event->name, ::strnlen(event->name, event->len)));
                 at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
             }
         }
@@ -137,9 +158,14 @@ class RegistryCache {
         return true;
     }
 
-    static std::vector<std::shared_ptr<const plist::Value>> rootsOf(
-        const std::map<std::string, CachedFile>& files) {
-        std::vector<std::shared_ptr<const plist::Value>> roots;
+    // Readable (or an error): the process is gone.
+    static bool exited(int pidfd) {
+        pollfd ready{pidfd, POLLIN, 0};
+        return ::poll(&ready, 1, 0) != 0;
+    }
+
+    static Roots rootsOf(const std::map<std::string, CachedFile>& files) {
+        Roots roots;
         roots.reserve(files.size());
         for (const auto& entry : files) roots.push_back(entry.second.root);
         return roots;
@@ -169,8 +195,8 @@ class RegistryCache {
             folder.watch = std::move(watch);
     }
 
-    std::vector<std::shared_ptr<const plist::Value>> relist(const std::string& dir, const Stamp& dirStamp) {
-        std::vector<std::shared_ptr<const plist::Value>> roots;
+    Roots relist(const std::string& dir, const Stamp& dirStamp) {
+        Roots roots;
         watchBeforeListing(dir);
         std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
         if (!d) return roots;
@@ -235,13 +261,17 @@ bool entryApplies(const plist::Dictionary& entry, const std::string& executable,
 
 }  // namespace
 
-std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token, std::string registryDirectory) {
-    if (token.executablePath.empty() || !token.processAlive()) return std::nullopt;
-    return Task(token.executablePath, token.uid, std::move(registryDirectory));
+std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token,
+                                               const std::string& registryDirectory) {
+    if (token.executablePath.empty() || !token.pidfd || !token.pidfd->valid()) return std::nullopt;
+    std::optional<Registry> registry =
+        RegistryCache::sharedInstance().loadWhileAlive(registryDirectory, token.pidfd->get());
+    if (!registry) return std::nullopt;
+    return Task(token.executablePath, token.uid, std::move(*registry));
 }
 
 std::optional<plist::Value> Task::valueForEntitlement(std::string_view name) const {
-    for (const auto& root : RegistryCache::sharedInstance().load(registryDirectory_)) {
+    for (const auto& root : registry_) {
         const plist::Dictionary* entry = root ? root->asDictionary() : nullptr;
         if (!entry || !entryApplies(*entry, executablePath_, uid_)) continue;
         // The first matching entry decides, even when it lacks the entitlement.

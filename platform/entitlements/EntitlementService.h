@@ -4,18 +4,20 @@
 // in /etc/ostrel/entitlements/*.plist. Each holds "Executable" (absolute path
 // of the program), optionally "UserID" (the only uid the entry applies to) and
 // "Entitlements" (name -> any property value). The files are read afresh, in
-// name order, for every lookup, so a change to the registry takes effect at
-// once (parsed files are kept while their size, times and inode stay the
-// same); a file that can't be parsed is skipped.
+// name order, whenever a task is made, so a change to the registry takes
+// effect at the next task (parsed files are kept while their size, times and
+// inode stay the same); a file that can't be parsed is skipped.
 //
 // Thread-safety: a Task is an immutable value; lookups may run on any thread.
 #pragma once
 
 #include <sys/types.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/zrp/ZRP.h"
 #include "plist/PlistValue.h"
@@ -28,9 +30,10 @@ inline constexpr const char* kDefaultRegistryDirectory = "/etc/ostrel/entitlemen
 class Task {
   public:
     // There is a task when the token's process still runs and its executable
-    // path was read when the connection was accepted; otherwise nullopt.
+    // path was read when the connection was accepted; otherwise nullopt. The
+    // task holds the registry as it stood then.
     static std::optional<Task> createWithAuditToken(
-        const zrp::AuditToken& token, std::string registryDirectory = kDefaultRegistryDirectory);
+        const zrp::AuditToken& token, const std::string& registryDirectory = kDefaultRegistryDirectory);
 
     // The value of entitlement `name`: taken from the first registry entry (in
     // file name order) whose "Executable" is this task's executable and whose
@@ -42,14 +45,14 @@ class Task {
     uid_t uid() const { return uid_; }
 
   private:
-    Task(std::string executablePath, uid_t uid, std::string registryDirectory)
-        : executablePath_(std::move(executablePath)),
-          uid_(uid),
-          registryDirectory_(std::move(registryDirectory)) {}
+    using Registry = std::vector<std::shared_ptr<const plist::Value>>;  // parsed files, in name order
+
+    Task(std::string executablePath, uid_t uid, Registry registry)
+        : executablePath_(std::move(executablePath)), uid_(uid), registry_(std::move(registry)) {}
 
     std::string executablePath_;
     uid_t uid_;
-    std::string registryDirectory_;
+    Registry registry_;
 };
 
 }  // namespace qvl::entitlements

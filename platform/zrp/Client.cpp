@@ -1,6 +1,8 @@
 // The blocking client side of the ZRP service.
-#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -33,9 +35,22 @@ bool Client::sendRaw(std::span<const uint8_t> bytes) {
     return sendFrame(fd_.get(), frame, kSendTimeout);
 }
 
+bool Client::setReceiveTimeout(std::chrono::milliseconds timeout) {
+    if (timeout == receiveTimeout_) return true;
+    // Never zero: to the socket that means for ever.
+    const auto wait = std::max(timeout, std::chrono::milliseconds(1));
+    const timeval tv{static_cast<time_t>(wait.count() / 1000),
+                     static_cast<suseconds_t>(wait.count() % 1000 * 1000)};
+    if (::setsockopt(fd_.get(), SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv) != 0) return false;
+    receiveTimeout_ = timeout;
+    return true;
+}
+
 Client::Received Client::receive(std::chrono::milliseconds timeout) {
     const auto deadline = std::chrono::steady_clock::now() + timeout;
-    std::vector<uint8_t> chunk(kReadChunkSize);
+    // Made once: clearing 64 KiB for every answer cost more than reading it.
+    if (chunk_.empty()) chunk_.resize(kReadChunkSize);
+    bool firstRead = true;
     for (;;) {
         if (buffer_.size() >= kFrameHeaderSize) {
             std::optional<uint32_t> length = decodeFrameHeader(std::span(buffer_).first(kFrameHeaderSize));
@@ -52,15 +67,15 @@ Client::Received Client::receive(std::chrono::milliseconds timeout) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
         if (left.count() <= 0) return {Status::Timeout, {}};
-        pollfd p{fd_.get(), POLLIN, 0};
-        const int ready = ::poll(&p, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready < 0) return {Status::Closed, {}};
-        if (ready == 0) return {Status::Timeout, {}};
-        const ssize_t n = receiveChunk(fd_.get(), chunk, pendingDescriptors_);
-        if (n == kReceiveWouldBlock) continue;
+        // One read that waits, instead of a poll and then a read. The first
+        // read of a call waits the caller's whole timeout, usually the same
+        // as last time, so the socket's timeout rarely needs setting.
+        if (!setReceiveTimeout(firstRead ? timeout : left)) return {Status::Closed, {}};
+        firstRead = false;
+        const ssize_t n = receiveChunk(fd_.get(), chunk_, pendingDescriptors_, true);
+        if (n == kReceiveWouldBlock) continue;  // the deadline decides
         if (n <= 0) return {Status::Closed, {}};
-        buffer_.insert(buffer_.end(), chunk.begin(), chunk.begin() + n);
+        buffer_.insert(buffer_.end(), chunk_.begin(), chunk_.begin() + n);
     }
 }
 

@@ -70,6 +70,10 @@ void ConnectionEndpoint::onReadable() {
         if (!fds.empty() && !attachDescriptors(std::move(fds), chunkStart, chunkStart + n))
             return invalidate();
         if (!deliverFrames()) return invalidate();
+        // A read that did not fill the buffer took all there was: asking
+        // again would only answer "nothing" on every request. The watch is
+        // level-triggered, so what comes meanwhile wakes the queue at once.
+        if (static_cast<size_t>(n) < scratch.size()) return;
     }
 }
 

@@ -138,7 +138,7 @@ UniqueFd connectToPath(const std::string& path, std::string* error) {
     return fd;
 }
 
-ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>& descriptors) {
+ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>& descriptors, bool wait) {
     iovec iov{buffer.data(), buffer.size()};
     alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int) * kMaxDescriptors)];
     msghdr msg{};
@@ -148,8 +148,9 @@ ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>
     msg.msg_controllen = sizeof control;
     ssize_t n;
     do {
-        n = ::recvmsg(fd, &msg, MSG_DONTWAIT | MSG_CMSG_CLOEXEC);
-    } while (n < 0 && errno == EINTR);
+        n = ::recvmsg(fd, &msg, (wait ? 0 : MSG_DONTWAIT) | MSG_CMSG_CLOEXEC);
+    } while (n < 0 && errno == EINTR && !wait);  // a wait cut short goes back to its caller's clock
+    if (n < 0 && errno == EINTR) return kReceiveWouldBlock;
     if (n < 0) return (errno == EAGAIN || errno == EWOULDBLOCK) ? kReceiveWouldBlock : -1;
     for (cmsghdr* c = CMSG_FIRSTHDR(&msg); c; c = CMSG_NXTHDR(&msg, c)) {
         if (c->cmsg_level != SOL_SOCKET || c->cmsg_type != SCM_RIGHTS) continue;

@@ -40,10 +40,13 @@ UniqueFd bindListener(const std::string& path, std::string* error);
 // Connects a blocking client socket.
 UniqueFd connectToPath(const std::string& path, std::string* error);
 
-// One recvmsg() into `buffer` (its whole size), non-blocking. Answers the
-// byte count, 0 at end of stream, -1 on an error or when the peer sent more
-// descriptors than one frame may carry, kReceiveWouldBlock when nothing is there.
-ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>& descriptors);
+// One recvmsg() into `buffer` (its whole size), non-blocking unless `wait`
+// (then for as long as the socket's receive timeout). Answers the byte count,
+// 0 at end of stream, -1 on an error or when the peer sent more descriptors
+// than one frame may carry, kReceiveWouldBlock when nothing is there (or came
+// in time).
+ssize_t receiveChunk(int fd, std::vector<uint8_t>& buffer, std::vector<UniqueFd>& descriptors,
+                     bool wait = false);
 
 // Writes the whole frame, its descriptors with the first byte. Waits at most
 // `timeout` for a peer that does not read. False when the peer is gone or the

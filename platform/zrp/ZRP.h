@@ -321,8 +321,13 @@ class Client {
 
   private:
     explicit Client(UniqueFd fd) : fd_(std::move(fd)) {}
+    // Sets how long a read waits, when it differs from the last one set.
+    bool setReceiveTimeout(std::chrono::milliseconds timeout);
+
     UniqueFd fd_;
+    std::chrono::milliseconds receiveTimeout_{0};  // 0: not set, reads wait for ever
     std::vector<uint8_t> buffer_;
+    std::vector<uint8_t> chunk_;  // what one read receives into
     std::vector<UniqueFd> pendingDescriptors_;
 };
 
