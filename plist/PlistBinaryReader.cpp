@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "base/DescriptorIO.h"
+#include "plist/PlistArena.h"
 #include "plist/PlistBinaryFormat.h"
 #include "plist/PlistCodec.h"
 
@@ -17,6 +18,9 @@ namespace {
 // kExpansion per byte of the file, and at least kExpansionFloor.
 constexpr uint64_t kExpansion = 32;
 constexpr uint64_t kExpansionFloor = 1 << 16;
+// Documents from this size on are decoded into an arena (PlistArena.h);
+// smaller ones, the requests and preferences, would not fill a chunk.
+constexpr size_t kArenaThreshold = size_t{1} << 20;
 
 uint64_t readBE(const uint8_t* p, unsigned width) {
     switch (width) {  // the common widths without a loop
@@ -46,7 +50,9 @@ std::string at(uint64_t ref, uint64_t offset) {
 
 class BinaryReader {
   public:
-    BinaryReader(std::span<const uint8_t> bytes, ReadError* error) : b_(bytes), error_(error) {}
+    BinaryReader(std::span<const uint8_t> bytes, ReadError* error) : b_(bytes), error_(error) {
+        if (bytes.size() >= kArenaThreshold) arena_.emplace();
+    }
     BinaryReader(const BinaryReader&) = delete;
     BinaryReader& operator=(const BinaryReader&) = delete;
     ~BinaryReader() {
@@ -278,8 +284,7 @@ class BinaryReader {
 
     bool decodeData(uint64_t ref, const Body& body, Value& out) {
         if (!fits(ref, body, 1) || !charge(1 + body.count)) return false;
-        const uint8_t* p = b_.data() + body.start;
-        out = Value(Data(p, p + body.count));
+        out = DictionaryAccess::dataValue(b_.subspan(body.start, body.count), arena());
         return true;
     }
 
@@ -319,7 +324,7 @@ class BinaryReader {
         std::string s;
         if (!decodeString(ref, body, s)) return false;
         if (textSlot_.empty()) reserveTextSlots();
-        texts_.push_back(makeText(std::move(s)));
+        texts_.push_back(makeText(std::move(s), arena()));
         textSlot_[ref] = static_cast<uint32_t>(texts_.size());
         out = texts_.back();
         return true;
@@ -395,7 +400,7 @@ class BinaryReader {
             return true;
         }
         const uint64_t budgetBefore = budget_;
-        KeyList* keys = DictionaryAccess::newKeys(static_cast<uint32_t>(body.count));
+        KeyList* keys = DictionaryAccess::newKeys(static_cast<uint32_t>(body.count), arena());
         for (uint64_t i = 0; i < body.count; ++i) {
             Text* text = nullptr;
             if (!decodeKey(refAt(body, i), text)) {
@@ -437,14 +442,14 @@ class BinaryReader {
         if (!keyListOf(body, keys)) return false;
         if (!keys) return decodeDictRepeatingKeys(body, depth, out);
         const auto n = static_cast<uint32_t>(body.count);
-        Dictionary dictionary = DictionaryAccess::make(keys, n);
+        Dictionary dictionary = DictionaryAccess::make(keys, n, arena());
         Value* values = DictionaryAccess::values(dictionary);
         for (uint32_t i = 0; i < n; ++i) {
             new (&values[i]) Value();
             DictionaryAccess::setSize(dictionary, i + 1);
             if (!decode(refAt(body, n + i), depth, values[i])) return false;
         }
-        out = Value(std::move(dictionary));
+        out = DictionaryAccess::dictionaryValue(std::move(dictionary));
         return true;
     }
 
@@ -460,8 +465,11 @@ class BinaryReader {
         return true;
     }
 
+    Arena* arena() { return arena_ ? &*arena_ : nullptr; }
+
     std::span<const uint8_t> b_;
     ReadError* error_;
+    std::optional<Arena> arena_;
     unsigned offsetSize_ = 0;
     unsigned refSize_ = 0;
     uint64_t numObjects_ = 0;

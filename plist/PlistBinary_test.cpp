@@ -148,6 +148,37 @@ TEST(PlistBinaryReader, SharedContainersCannotExpandWithoutBound) {
     EXPECT_EQ(v->asArray()->size(), 1000u);
 }
 
+// A document large enough to be decoded into an arena: its values outlive
+// the tree they came from and change like any other.
+TEST(PlistBinaryReader, ValuesOfALargeDocumentOutliveItsTree) {
+    auto path = [](int i) { return "/var/mobile/Documents/folder/file" + std::to_string(i); };
+    Dictionary files;
+    for (int i = 0; i < 20000; ++i) {
+        Dictionary record;
+        record.set("Hash", Value(Data(20, static_cast<uint8_t>(i))));
+        record.set("Name", Value("file" + std::to_string(i)));
+        record.set("Size", Value(i));
+        files.appendUnchecked(path(i), Value(std::move(record)));
+    }
+    const Value original(std::move(files));
+    const std::string bytes = writeBinary(original);
+    ASSERT_GE(bytes.size(), size_t{1} << 20);
+    Value kept, moved;
+    {
+        auto decoded = read(bytes);
+        ASSERT_TRUE(decoded);
+        EXPECT_EQ(*decoded, original);
+        kept = *decoded->asDictionary()->find(path(12345));
+        moved = std::move(*decoded->asDictionary()->find(path(0)));
+    }
+    Dictionary& record = *moved.asDictionary();
+    record.set("Extra", Value("added"));
+    EXPECT_TRUE(record.erase("Hash"));
+    EXPECT_EQ(*record.getString("Extra"), "added");
+    EXPECT_EQ(*kept.asDictionary()->getData("Hash"), Data(20, static_cast<uint8_t>(12345)));
+    EXPECT_EQ(*kept.asDictionary()->getString("Name"), "file12345");
+}
+
 std::string header(std::string_view file) {
     return std::string(file.substr(8, file.size() - 8 - 32));
 }

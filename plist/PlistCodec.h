@@ -18,6 +18,8 @@
 
 namespace qvl::plist::detail {
 
+class Arena;
+
 // Decoders for one encoding each; `bytes` is the whole document.
 std::optional<Value> readBinary(std::span<const uint8_t> bytes, ReadError* error);
 std::optional<Value> readXML(std::span<const uint8_t> bytes, ReadError* error);
@@ -35,14 +37,20 @@ Dictionary makeDictionary(std::vector<Dictionary::Entry>&& entries);
 // The inside of dictionaries and values, for the codecs: decoders build
 // dictionaries around shared key lists, encoders recognise shared texts.
 struct DictionaryAccess {
-    // A new key list with room for `capacity` keys; the caller owns one reference.
-    static KeyList* newKeys(uint32_t capacity);
+    // A new key list with room for `capacity` keys; the caller owns one
+    // reference. With an arena, the list (like the dictionaries, texts and
+    // data below) is taken from it when it has room.
+    static KeyList* newKeys(uint32_t capacity, Arena* arena = nullptr);
     static void retainKeys(KeyList* keys);
     static void releaseKeys(KeyList* keys);
     // An empty dictionary over `keys` (taking the caller's reference) with room
     // for `capacity` values. The caller constructs values in place and then
     // sets the size, which must end equal to the key list's.
-    static Dictionary make(KeyList* keys, uint32_t capacity);
+    static Dictionary make(KeyList* keys, uint32_t capacity, Arena* arena = nullptr);
+    // The dictionary as a value, its key list not offered to the thread's
+    // table of shared lists (a decoder shares its own).
+    static Value dictionaryValue(Dictionary&& d);
+    static Value dataValue(std::span<const uint8_t> bytes, Arena* arena);
     static Value* values(Dictionary& d);
     static void setSize(Dictionary& d, uint32_t size);
     static const KeyList* keysOf(const Dictionary& d) { return d.node_ ? d.node_->keys : nullptr; }
@@ -56,6 +64,10 @@ struct DictionaryAccess {
         return v;
     }
 };
+
+// A text for `s` taken from `arena`, outside the thread's table of shared
+// texts; the caller owns one reference.
+Text* makeText(std::string&& s, Arena* arena);
 
 // Text: the system's one UTF-8 validator and its UTF-16 conversions.
 using qvl::appendUTF16;

@@ -12,6 +12,7 @@
 #include <mutex>
 #include <new>
 
+#include "plist/PlistArena.h"
 #include "plist/PlistCodec.h"
 #include "plist/PlistValue.h"
 
@@ -42,6 +43,21 @@ void* allocate(size_t bytes) {
     void* p = std::malloc(bytes);
     if (!p) throw std::bad_alloc();
     return p;
+}
+
+// A block from `arena` when there is one and it has room, else from malloc;
+// `inArena` tells which, for freeBlock.
+void* allocate(size_t bytes, Arena* arena, bool& inArena) {
+    void* p = arena ? arena->allocate(bytes) : nullptr;
+    inArena = p != nullptr;
+    return p ? p : allocate(bytes);
+}
+
+void freeBlock(void* p, bool inArena) {
+    if (inArena)
+        Arena::free(p);
+    else
+        std::free(p);
 }
 
 uint32_t textHash(const Text* t) {
@@ -83,8 +99,16 @@ RecentTables& recentTables() {
 
 // ---- key lists
 
-KeyList* newKeyList(uint32_t capacity) {
-    return new (allocate(sizeof(KeyList) + capacity * sizeof(Text*))) KeyList{.capacity = capacity};
+KeyList* newKeyList(uint32_t capacity, Arena* arena = nullptr) {
+    bool inArena = false;
+    void* room = allocate(sizeof(KeyList) + capacity * sizeof(Text*), arena, inArena);
+    return new (room) KeyList{.capacity = capacity, .inArena = inArena};
+}
+
+void freeKeyList(KeyList* k) {
+    const bool inArena = k->inArena;
+    k->~KeyList();
+    freeBlock(k, inArena);
 }
 
 void dropIndex(KeyList* k) {
@@ -95,8 +119,7 @@ void releaseKeyList(KeyList* k) {
     if (k->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
     for (uint32_t i = k->size; i-- > 0;) release(k->keys()[i]);
     dropIndex(k);
-    k->~KeyList();
-    std::free(k);
+    freeKeyList(k);
 }
 
 // A list of our own with the same keys and room for `capacity`.
@@ -113,8 +136,7 @@ KeyList* growKeyList(KeyList* k, uint32_t capacity) {
     std::memcpy(grown->keys(), k->keys(), k->size * sizeof(Text*));
     grown->size = k->size;
     grown->index.store(k->index.exchange(nullptr, std::memory_order_relaxed), std::memory_order_relaxed);
-    k->~KeyList();
-    std::free(k);
+    freeKeyList(k);
     return grown;
 }
 
@@ -187,11 +209,14 @@ bool sameKeys(const KeyList* a, const KeyList* b) {
 
 // ---- nodes
 
-DictionaryNode* newNode(uint32_t capacity, KeyList* keys) {
-    auto* node = static_cast<DictionaryNode*>(allocate(sizeof(DictionaryNode) + capacity * sizeof(Value)));
+DictionaryNode* newNode(uint32_t capacity, KeyList* keys, Arena* arena = nullptr) {
+    bool inArena = false;
+    auto* node =
+        static_cast<DictionaryNode*>(allocate(sizeof(DictionaryNode) + capacity * sizeof(Value), arena, inArena));
     node->keys = keys;
     node->size = 0;
     node->capacity = capacity;
+    node->inArena = inArena;
     return node;
 }
 
@@ -224,7 +249,7 @@ uint32_t hashText(std::string_view s) {
 
 Text* makeText(std::string_view s) {
     if (s.size() > kSharedTextLength) {
-        auto* t = new Text();
+        auto* t = new (allocate(sizeof(Text))) Text();
         t->text.assign(s);
         return t;
     }
@@ -238,7 +263,7 @@ Text* makeText(std::string_view s) {
             retain(set[way]);
             return set[way];
         }
-    auto* t = new Text();
+    auto* t = new (allocate(sizeof(Text))) Text();
     t->text.assign(s);
     t->hash.store(h, std::memory_order_relaxed);
     if (set[1]) release(set[1]);
@@ -250,21 +275,68 @@ Text* makeText(std::string_view s) {
 
 Text* makeText(std::string&& s) {
     if (s.size() <= kSharedTextLength) return makeText(std::string_view(s));
-    auto* t = new Text();
+    auto* t = new (allocate(sizeof(Text))) Text();
     t->text = std::move(s);
     return t;
 }
 
+Bytes* makeBytes(Data&& d) {
+    auto* b = new (allocate(sizeof(Bytes))) Bytes();
+    b->data = std::move(d);
+    return b;
+}
+
+Text* makeText(std::string&& s, Arena* arena) {
+    if (!arena) return makeText(std::move(s));
+    bool inArena = false;
+    auto* t = new (allocate(sizeof(Text), arena, inArena)) Text();
+    t->text = std::move(s);
+    t->inArena = inArena;
+    return t;
+}
+
 void release(Text* t) {
-    if (t->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete t;
+    if (t->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    const bool inArena = t->inArena;
+    t->~Text();
+    freeBlock(t, inArena);
 }
 
 void release(Bytes* b) {
-    if (b->references.fetch_sub(1, std::memory_order_acq_rel) == 1) delete b;
+    if (b->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+    const bool inArena = b->inArena;
+    b->~Bytes();
+    freeBlock(b, inArena);
 }
 
-Dictionary DictionaryAccess::make(KeyList* keys, uint32_t capacity) {
-    return Dictionary(newNode(capacity, keys));
+Dictionary DictionaryAccess::make(KeyList* keys, uint32_t capacity, Arena* arena) {
+    return Dictionary(newNode(capacity, keys, arena));
+}
+
+Value DictionaryAccess::dictionaryValue(Dictionary&& d) {
+    Value v;
+    new (v.raw_) Dictionary(std::move(d));
+    v.raw_[Value::kKindByte] = static_cast<unsigned char>(Kind::Dictionary);
+    return v;
+}
+
+Value DictionaryAccess::dataValue(std::span<const uint8_t> bytes, Arena* arena) {
+    Value v;
+    if (bytes.empty()) {
+        v.setPointer(Kind::Data, nullptr);
+        return v;
+    }
+    bool inArena = false;
+    auto* b = new (allocate(sizeof(Bytes), arena, inArena)) Bytes();
+    b->inArena = inArena;
+    try {
+        b->data.assign(bytes.begin(), bytes.end());
+    } catch (...) {
+        release(b);
+        throw;
+    }
+    v.setPointer(Kind::Data, b);
+    return v;
 }
 
 Value* DictionaryAccess::values(Dictionary& d) {
@@ -275,8 +347,8 @@ void DictionaryAccess::setSize(Dictionary& d, uint32_t size) {
     d.node_->size = size;
 }
 
-KeyList* DictionaryAccess::newKeys(uint32_t capacity) {
-    return newKeyList(capacity);
+KeyList* DictionaryAccess::newKeys(uint32_t capacity, Arena* arena) {
+    return newKeyList(capacity, arena);
 }
 
 void DictionaryAccess::releaseKeys(KeyList* keys) {
@@ -335,7 +407,7 @@ Dictionary::~Dictionary() {
     // glibc's allocator frees such blocks more cheaply in the reverse order.
     for (uint32_t i = node_->size; i-- > 0;) node_->values()[i].~Value();
     detail::releaseKeyList(node_->keys);
-    std::free(node_);
+    detail::freeBlock(node_, node_->inArena);
 }
 
 void Dictionary::reserve(size_t n) {
@@ -347,10 +419,18 @@ void Dictionary::reserve(size_t n) {
     }
     if (capacity > node_->capacity) {
         // Values hold no pointer into themselves: they move with their bytes.
-        void* grown = std::realloc(node_, sizeof(DictionaryNode) + capacity * sizeof(Value));
-        if (!grown) throw std::bad_alloc();
+        const size_t bytes = sizeof(DictionaryNode) + capacity * sizeof(Value);
+        void* grown = nullptr;
+        if (node_->inArena) {
+            grown = detail::allocate(bytes);
+            std::memcpy(grown, node_, sizeof(DictionaryNode) + node_->size * sizeof(Value));
+            detail::Arena::free(node_);
+        } else if (!(grown = std::realloc(node_, bytes))) {
+            throw std::bad_alloc();
+        }
         node_ = static_cast<DictionaryNode*>(grown);
         node_->capacity = capacity;
+        node_->inArena = false;
     }
     KeyList* keys = node_->keys;
     if (keys->references.load(std::memory_order_acquire) == 1 && keys->capacity < capacity)

@@ -32,12 +32,7 @@ Value::Value(Array a) {
 }
 
 Value::Value(Data d) {
-    detail::Bytes* bytes = nullptr;
-    if (!d.empty()) {
-        bytes = new detail::Bytes();
-        bytes->data = std::move(d);
-    }
-    setPointer(Kind::Data, bytes);
+    setPointer(Kind::Data, d.empty() ? nullptr : detail::makeBytes(std::move(d)));
 }
 
 Value::Value(const Value& other) {

@@ -76,11 +76,13 @@ struct Text {
     std::atomic<uint32_t> references{1};
     mutable std::atomic<uint32_t> hash{0};  // of the text, never 0 once computed
     std::string text;
+    bool inArena = false;  // a decoder's block (PlistArena.h), not malloc's
 };
 
 // Shared, immutable bytes of a data value.
 struct Bytes {
     std::atomic<uint32_t> references{1};
+    bool inArena = false;
     Data data;
 };
 
@@ -92,7 +94,8 @@ struct KeyIndex;
 struct KeyList {
     std::atomic<uint32_t> references{1};
     uint32_t size = 0;
-    uint32_t capacity = 0;
+    uint32_t capacity : 31 = 0;
+    uint32_t inArena : 1 = 0;
     uint32_t shapeHash = 0;  // of the texts' addresses, 0 until computed
     // Key -> position, built on the first lookup once the list is long.
     std::atomic<KeyIndex*> index{nullptr};
@@ -105,7 +108,8 @@ struct KeyList {
 struct DictionaryNode {
     KeyList* keys;
     uint32_t size;
-    uint32_t capacity;
+    uint32_t capacity : 31;
+    uint32_t inArena : 1;
     Value* values() { return reinterpret_cast<Value*>(this + 1); }
     const Value* values() const { return reinterpret_cast<const Value*>(this + 1); }
 };
@@ -115,6 +119,8 @@ uint32_t hashText(std::string_view text);
 // owns one reference.
 Text* makeText(std::string_view s);
 Text* makeText(std::string&& s);
+// Bytes holding `d`; the caller owns one reference.
+Bytes* makeBytes(Data&& d);
 inline void retain(Text* t) {
     t->references.fetch_add(1, std::memory_order_relaxed);
 }
