@@ -286,22 +286,60 @@ class Digester {
         static const QVLDigest kDictionaryDigest = stringDigestUncached("dictionary");
         QVLDigest accumulator = kDictionaryDigest;
         for (const auto& [key, item] : dictionary) {
-            const QVLDigest k = sharedStringDigest(key);
-            const auto w = digest(item);
-            SHA_CTX pair;
-            SHA1_Init(&pair);
-            SHA1_Update(&pair, k.data(), k.size());
-            if (w) SHA1_Update(&pair, w->data(), w->size());
-            QVLDigest p;
-            SHA1_Final(p.data(), &pair);
-            xorInto(accumulator, p);
+            const std::optional<uint64_t> identity = recurringIdentity(item);
+            if (!identity) {
+                xorInto(accumulator, pairDigest(key, item));
+                continue;
+            }
+            const auto kind = item.kind();
+            PairSlot& slot = pairs_[mix(reinterpret_cast<uintptr_t>(&key) ^ mix(*identity + static_cast<uint64_t>(kind))) %
+                                    pairs_.size()];
+            if (slot.key != &key || slot.value != *identity || slot.kind != kind)
+                slot = {&key, *identity, kind, pairDigest(key, item)};
+            xorInto(accumulator, slot.digest);
         }
         return accumulator;
+    }
+
+    QVLDigest pairDigest(const std::string& key, const Value& item) {
+        const QVLDigest k = sharedStringDigest(key);
+        const auto w = digest(item);
+        SHA_CTX pair;
+        SHA1_Init(&pair);
+        SHA1_Update(&pair, k.data(), k.size());
+        if (w) SHA1_Update(&pair, w->data(), w->size());
+        QVLDigest p;
+        SHA1_Final(p.data(), &pair);
+        return p;
+    }
+
+    // Most entries of a file record recur from record to record with the
+    // same value (type, owner, group, mode): such a pair's digest is kept,
+    // found again by the key's address and the value's identity. A shared
+    // string is identified by its address, as in sharedStringDigest, an
+    // integer or boolean by its value; other kinds are digested each time.
+    static std::optional<uint64_t> recurringIdentity(const Value& value) {
+        switch (value.kind()) {
+            case Kind::String:
+                return reinterpret_cast<uintptr_t>(value.asString());
+            case Kind::Integer:
+                return value.asInteger()->bits;
+            case Kind::Boolean:
+                return *value.asBoolean() ? 1 : 0;
+            default:
+                return std::nullopt;
+        }
     }
 
     struct NumberSlot {
         bool used = false;
         int64_t value = 0;
+        QVLDigest digest{};
+    };
+    struct PairSlot {
+        const std::string* key = nullptr;
+        uint64_t value = 0;
+        Kind kind = Kind::Dictionary;
         QVLDigest digest{};
     };
     struct SharedSlot {
@@ -311,6 +349,7 @@ class Digester {
     std::unordered_map<std::string, QVLDigest, StringHash, std::equal_to<>> strings_;
     std::array<SharedSlot, 256> shared_{};
     std::array<NumberSlot, 256> numbers_{};
+    std::array<PairSlot, 256> pairs_{};
 };
 
 }  // namespace
