@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <bit>
+#include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "base/DescriptorIO.h"
 #include "plist/PlistArena.h"
@@ -317,13 +319,13 @@ class BinaryReader {
     // writers store each text once: a string object is decoded once and its
     // text shared by every value and key that refers to it.
     Text* cachedText(uint64_t ref) const {
-        return ref < textSlot_.size() && textSlot_[ref] != 0 ? texts_[textSlot_[ref] - 1] : nullptr;
+        return ref < textSlots_ && textSlot_[ref] != 0 ? texts_[textSlot_[ref] - 1] : nullptr;
     }
 
     bool decodeText(uint64_t ref, const Body& body, Text*& out) {
         std::string s;
         if (!decodeString(ref, body, s)) return false;
-        if (textSlot_.empty()) reserveTextSlots();
+        if (!textSlot_) reserveTextSlots();
         texts_.push_back(makeText(std::move(s), arena()));
         textSlot_[ref] = static_cast<uint32_t>(texts_.size());
         out = texts_.back();
@@ -335,9 +337,12 @@ class BinaryReader {
     void reserveTextSlots() {
         texts_.reserve(numObjects_);
         adviseHugePages(texts_.data(), texts_.capacity() * sizeof(Text*));
-        textSlot_.reserve(numObjects_);
-        adviseHugePages(textSlot_.data(), textSlot_.capacity() * sizeof(uint32_t));
-        textSlot_.resize(numObjects_);
+        // Zeroed by calloc, which for a large table means pages fresh from
+        // the system: no pass over them before they are used.
+        textSlot_.reset(static_cast<uint32_t*>(std::calloc(numObjects_, sizeof(uint32_t))));
+        if (!textSlot_) throw std::bad_alloc();
+        adviseHugePages(textSlot_.get(), numObjects_ * sizeof(uint32_t));
+        textSlots_ = numObjects_;
     }
 
     bool decodeKey(uint64_t ref, Text*& out) {
@@ -423,10 +428,18 @@ class BinaryReader {
         return true;
     }
 
+    // The keys are sorted by hash first: the paths of a file manifest share
+    // long beginnings, and comparing them as texts would read those again and
+    // again. The hashes stay with the texts for later lookups.
     static bool repeatsAKey(const KeyList* keys) {
-        std::vector<std::string_view> sorted;
+        std::vector<std::pair<uint32_t, std::string_view>> sorted;
         sorted.reserve(keys->size);
-        for (uint32_t i = 0; i < keys->size; ++i) sorted.emplace_back(keys->keys()[i]->text);
+        for (uint32_t i = 0; i < keys->size; ++i) {
+            const Text* t = keys->keys()[i];
+            uint32_t h = t->hash.load(std::memory_order_relaxed);
+            if (h == 0) t->hash.store(h = hashText(t->text), std::memory_order_relaxed);
+            sorted.emplace_back(h, t->text);
+        }
         std::sort(sorted.begin(), sorted.end());
         return std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end();
     }
@@ -477,7 +490,11 @@ class BinaryReader {
     uint64_t offsetTable_ = 0;
     uint64_t budget_ = 0;
     std::vector<uint64_t> ancestors_;  // containers being decoded, to refuse cycles
-    std::vector<uint32_t> textSlot_;  // object -> 1 + its slot in texts_, or 0
+    struct FreeTable {
+        void operator()(uint32_t* table) const { std::free(table); }
+    };
+    std::unique_ptr<uint32_t[], FreeTable> textSlot_;  // object -> 1 + its slot in texts_, or 0
+    uint64_t textSlots_ = 0;
     std::vector<Text*> texts_;         // one reference each
     RecentKeys recentKeys_[kRecentKeySlots];
 };
