@@ -472,7 +472,8 @@ void Dictionary::appendKey(Text* key, Value&& value) {
 void Dictionary::shareKeys() {
     if (!node_) return;
     KeyList* keys = node_->keys;
-    if (keys->size == 0 || keys->size > detail::kSharedKeyListLength ||
+    // A decoder's list stays out of the table, which would keep its chunk.
+    if (keys->size == 0 || keys->size > detail::kSharedKeyListLength || keys->inArena ||
         keys->references.load(std::memory_order_acquire) != 1)
         return;
     const uint32_t h = detail::shapeHashOf(keys);
