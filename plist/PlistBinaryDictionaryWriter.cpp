@@ -54,19 +54,20 @@ bool BinaryDictionaryWriter::failWith(int error) {
 }
 
 bool BinaryDictionaryWriter::add(std::string_view key, const Value& value) {
-    if (error_ != 0 || finished_) return false;
-    const int64_t keyIndex = putString(key, false);
-    const int64_t valueIndex = keyIndex < 0 ? -1 : put(value, 1);
-    if (valueIndex < 0) return failWith(kNotEncodable);
-    keyRefs_.push_back(static_cast<uint32_t>(keyIndex));
-    valueRefs_.push_back(static_cast<uint32_t>(valueIndex));
-    return flushIfFull();
+    return addEntry(key, [&] { return put(value, 1); });
 }
 
 bool BinaryDictionaryWriter::add(std::string_view key, const Dictionary& value) {
+    return addEntry(key, [&] { return putDictionary(value, 1); });
+}
+
+// One entry of the top dictionary: its key, then its value. A value that
+// cannot be encoded stops the writer, so no half-written document is finished.
+template <typename PutValue>
+bool BinaryDictionaryWriter::addEntry(std::string_view key, PutValue putValue) {
     if (error_ != 0 || finished_) return false;
     const int64_t keyIndex = putString(key, false);
-    const int64_t valueIndex = keyIndex < 0 ? -1 : putDictionary(value, 1);
+    const int64_t valueIndex = keyIndex < 0 ? -1 : putValue();
     if (valueIndex < 0) return failWith(kNotEncodable);
     keyRefs_.push_back(static_cast<uint32_t>(keyIndex));
     valueRefs_.push_back(static_cast<uint32_t>(valueIndex));

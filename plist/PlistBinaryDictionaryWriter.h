@@ -77,6 +77,8 @@ class BinaryDictionaryWriter {
     // Looks `tag` + `bytes` up among the shared objects.
     int64_t shared(char tag, std::string_view bytes);
     void share(int64_t index);
+    template <typename PutValue>
+    bool addEntry(std::string_view key, PutValue putValue);
     bool flushIfFull();
 
     // The last strings shared, by where their text lies: the same keys (and
