@@ -2,8 +2,8 @@
 // (a datagram to /dev/log that never blocks the caller); once a log file is
 // open, each message is also appended to it as "<date> <message>\n" with the
 // UTC date in "2026-11-22 21:04:05 +0000" form, written in one write(2) under
-// the model's lock so that lines of concurrent writers never interleave. The file stays open for the life of the model
-// (the shared one lives as long as the process).
+// the model's lock so that lines of concurrent writers never interleave. The file stays open for the life of
+// the model (the shared one lives as long as the process).
 //
 // Observers see every message that goes to the system log (so every logged
 // message, without the date), in order, on the thread that logged it and

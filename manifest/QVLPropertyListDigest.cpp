@@ -292,8 +292,9 @@ class Digester {
                 continue;
             }
             const auto kind = item.kind();
-            PairSlot& slot = pairs_[mix(reinterpret_cast<uintptr_t>(&key) ^ mix(*identity + static_cast<uint64_t>(kind))) %
-                                    pairs_.size()];
+            PairSlot& slot =
+                pairs_[mix(reinterpret_cast<uintptr_t>(&key) ^ mix(*identity + static_cast<uint64_t>(kind))) %
+                       pairs_.size()];
             if (slot.key != &key || slot.value != *identity || slot.kind != kind)
                 slot = {&key, *identity, kind, pairDigest(key, item)};
             xorInto(accumulator, slot.digest);

@@ -495,7 +495,7 @@ class BinaryReader {
     };
     std::unique_ptr<uint32_t[], FreeTable> textSlot_;  // object -> 1 + its slot in texts_, or 0
     uint64_t textSlots_ = 0;
-    std::vector<Text*> texts_;         // one reference each
+    std::vector<Text*> texts_;  // one reference each
     RecentKeys recentKeys_[kRecentKeySlots];
 };
 

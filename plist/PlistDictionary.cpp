@@ -211,8 +211,8 @@ bool sameKeys(const KeyList* a, const KeyList* b) {
 
 DictionaryNode* newNode(uint32_t capacity, KeyList* keys, Arena* arena = nullptr) {
     bool inArena = false;
-    auto* node =
-        static_cast<DictionaryNode*>(allocate(sizeof(DictionaryNode) + capacity * sizeof(Value), arena, inArena));
+    auto* node = static_cast<DictionaryNode*>(
+        allocate(sizeof(DictionaryNode) + capacity * sizeof(Value), arena, inArena));
     node->keys = keys;
     node->size = 0;
     node->capacity = capacity;

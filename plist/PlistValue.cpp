@@ -4,8 +4,8 @@
 
 #include <cmath>
 #include <cstdio>
-#include <ctime>
 #include <cstring>
+#include <ctime>
 
 namespace qvl::plist {
 

@@ -267,7 +267,8 @@ class Value {
     Value(Date d) noexcept { emplace(Kind::Date, d); }
     // Integers: signed types give a signed integer, unsigned types an unsigned one.
     template <class T>
-    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Value(T n) noexcept
+    requires(std::is_integral_v<T> && !std::is_same_v<T, bool>) Value(T n)
+    noexcept
         : Value(std::is_signed_v<T> ? Integer::fromSigned(static_cast<int64_t>(n))
                                     : Integer::fromUnsigned(static_cast<uint64_t>(n))) {}
 
