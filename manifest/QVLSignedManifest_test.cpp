@@ -78,7 +78,6 @@ TEST(QVLSignedManifestTest, EachSignerKindOnProductionAndDevelopmentHardware) {
         {"manual-signer", std::nullopt, true, "Skip", skipping},
         {"manual-signer", "Production", false, "Skip", skipping},
         {"auto-signer", std::nullopt, std::nullopt, "Default", "Verifying strong signing"},
-        {"uat-signer", "UAT", true, "", prodFused},
         {"uat-signer", "UAT", std::nullopt, "", prodFused},
         {"uat-signer", "UAT", false, "Skip", "Verifying development signing"},
         {"vantor-signer", std::nullopt, true, "AppLayout", verdict5},
@@ -268,7 +267,6 @@ TEST(QVLSignedManifestTest, TrustServiceFailuresRefuseTheSigner) {
         {"manual-signer", 3, kCreateKey + ": certificate trust evaluation failed: 6"},
         {"manual-signer", 4, ""},
         {"manual-signer", 5, kCreateKey + ": Cannot extract public key."},
-        {"manual-signer", 6, ""},  // only the Vantor key sets anchors
         {"vantor-signer", 6, kCreateKey + ": Cannot set anchor certificates: 9"},
     };
     for (const auto& f : faults) {
