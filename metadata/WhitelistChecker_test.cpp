@@ -128,7 +128,6 @@ TEST_F(WhitelistCheckerTest, HandMadeDomainsAndWholeManifests) {
               (std::vector<std::string>{"/var/mobile/Library/Preferences", "/var/mobile/Documents"}));
     EXPECT_EQ(WhitelistChecker::createFullPathList(Array{Value("# none")}, "/var/x", true),
               (std::vector<std::string>{"/var/x"}));
-    EXPECT_TRUE(WhitelistChecker::createFullPathList(Array{Value("# none")}, "/var/x", false).empty());
     const std::vector<std::string> list{"/var/db/platform"};
     for (const char* path : {"/var/db/platform", "/var/db/platform/nvram/x"}) {
         EXPECT_TRUE(WhitelistChecker::fileBlacklisted(path, list));
@@ -154,7 +153,6 @@ TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
     // Deeper paths, annotated tops and paths outside the prefixes are not looked up.
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top + "/Library/x.plist", record()));
     EXPECT_TRUE(checker_.handleSystemContainerFiles(top, annotated("NotBackedUp")));
-    EXPECT_TRUE(checker_.handleSystemContainerFiles("/var/mobile/Library/Preferences/x", record()));
     const std::string group = "/var/mobile/Library/Backup/SystemContainers/Shared/group.example";
     EXPECT_FALSE(checker_.handleSystemContainerFiles(group, record()));
     EXPECT_EQ(containers_.asked, (std::vector<std::string>{"com.example.settings@12", "group.example@13"}));
