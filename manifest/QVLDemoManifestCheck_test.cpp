@@ -154,7 +154,6 @@ TEST_F(QVLDemoManifestCheckTest, ComponentsAreVisitedUntilTheFirstFailure) {
             kRun + ": Security checks failed\n",
             "-[QVLDemoManifestCheck secureManifestCheckForSegmentedManifest:]: Security checks failed\n",
         }));
-    EXPECT_EQ(checker_->segmentedManifestWithRigorousFlag()->size(), 2u);  // kept whatever the verdict
     EXPECT_EQ(center_.observerCount(), 0u);
 
     capture.clear();
@@ -338,7 +337,6 @@ TEST_F(EntitlementTest, DataContainersDecideByTheirCheckType) {
     EXPECT_FALSE(check("/bin"));
     announce("AppData", "com.example.trusted");
     EXPECT_TRUE(check("/bin"));
-    EXPECT_EQ(platform_.validated.size(), 1u);
     announce("AppData", "com.example.missing");
     EXPECT_FALSE(check("/bin"));
     EXPECT_TRUE(capture.contains(kEntitlements + " Could not find a data container for:com.example.missing"));

@@ -154,11 +154,9 @@ TEST_F(ResizeDriver, PartitionNamesOutliveTheRequest) {
                   lines_.end());
         EXPECT_EQ(host_.count(), count);
     }
-    EXPECT_EQ(host_.events, (Lines{"write blocks at 1", "sync", "write blocks at 1", "sync"}));
 
     setPartitions({{"System", 2048}, {"Update", 2048}, {"Data", 2048}});
     ASSERT_EQ(run(shrink_data_partition), 0);
-    EXPECT_EQ(partition_names[1].index, 2);
     setPartitions({{"System", 2048}});
     EXPECT_EQ(run(shrink_data_partition), -1);
     EXPECT_EQ(Lines(lines_.end() - 2, lines_.end()),
