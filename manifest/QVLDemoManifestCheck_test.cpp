@@ -92,6 +92,8 @@ TEST_F(QVLDemoManifestCheckTest, GeneralFileChecks) {
         {"GroupData", "/x", withAttribute(record(), "NSFilePosixPermissions", std::nullopt), ""},
         {"ExtensionData", "/s", record("NSFileTypeSocket"),
          "Not a valid fileType(NSFileTypeSocket) for file:{}"},
+        {"Backup", "/var/mobile/Media/d", record("NSFileTypeCharacterSpecial"),
+         "Not a valid fileType(NSFileTypeCharacterSpecial) for file:{}"},
         {"AppData", "/t", withAttribute(record(), "NSFileType", std::nullopt),
          "Not a valid fileType((null)) for file:{}"},
         {"AppData", "/bare", noAttributes, "File attributes are nil for {}"},

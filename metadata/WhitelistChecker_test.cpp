@@ -136,6 +136,7 @@ TEST_F(WhitelistCheckerTest, HandMadeDomainsAndWholeManifests) {
     EXPECT_FALSE(WhitelistChecker::fileBlacklisted("/var/db/platformx", list));
     EXPECT_FALSE(WhitelistChecker::fileWhitelisted("/var/db/platformx", list));
     EXPECT_TRUE(WhitelistChecker::fileLeadsToWhitelisted("/var/db", list));
+    EXPECT_FALSE(WhitelistChecker::fileLeadsToWhitelisted("/var/d", list));
 }
 
 TEST_F(WhitelistCheckerTest, SystemContainerTopFolders) {
