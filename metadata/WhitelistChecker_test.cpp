@@ -62,7 +62,6 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
         std::string logLine;  // "": nothing logged
     } cases[] = {
         {"/var/mobile/Media/DCIM/100DEMO/IMG_0001.JPG", record(), true, ""},
-        {"/var/wireless/Library/Preferences/com.ostrel.kromd.plist", record(), true, ""},
         {"/var/mobile/MediaEvil/x", record(), false, ""},
         // Folders on the way to an allowed place.
         {"/var/mobile", folder, true, ""},
@@ -82,7 +81,6 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
         {"/var/mobile/Library/Preferences/com.example.demo.plist", record(), true, ""},
         {"/var/Keychains/ItemStore.db-wal", record(), true, ""},  // only-encrypted
         {"/var/db/demo/seed/first.plist", record(), true, ""},    // restore-only
-        {"/var/mobile/Library/SMS/sms.db", record(), false, ""},
         {"/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist", record(), true,
          "/var/mobile/Library/Preferences/com.ostrel.Quorvale.plist is black listed in area.mobile-home"},
         {"/var/QVLDemoContent/Videos/loop.mov", record(), true, ""},  // a comment-only domain: its whole root
