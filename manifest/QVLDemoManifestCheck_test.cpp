@@ -106,6 +106,8 @@ TEST_F(QVLDemoManifestCheckTest, GeneralFileChecks) {
         {"Backup", zone, noTarget, badLink},
         {"Backup", book, link("../../../Media/OPS/images/c.jpg"), badLink},
         {"Backup", book, link("/var/db/timezone/zoneinfo/UTC"), badLink},  // another row's target
+        {"Backup", "/var/mobile/Library/Preferences/com.ostrel.carrier.plist",
+         link("/var/mobile/Library/Carrier Bundles/Overlay/x.plist"), ""},
         {"AppData", "/Library/anything", link("/etc/shadow"), ""},  // any link in data sections
         // Domains and system containers, for backups only.
         {"Backup", "/etc/passwd", record(), "Whitelist checker failed\n"},

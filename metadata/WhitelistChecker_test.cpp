@@ -62,6 +62,8 @@ TEST_F(WhitelistCheckerTest, PathsByPlaceDomainAndAnnotation) {
         std::string logLine;  // "": nothing logged
     } cases[] = {
         {"/var/mobile/Media/DCIM/100DEMO/IMG_0001.JPG", record(), true, ""},
+        {"/var/mobile/Media", record(), true, ""},
+        {"/var/wireless/Library/Preferences/com.ostrel.kromd.plist", record(), true, ""},
         {"/var/mobile/MediaEvil/x", record(), false, ""},
         // Folders on the way to an allowed place.
         {"/var/mobile", folder, true, ""},
