@@ -139,22 +139,32 @@ class SystemLogSocket {
     }
 
     void send(std::string_view message) {
+        // Without a daemon every line would take the lock only to learn that
+        // the next try is not due yet; it learns that from two atomics.
+        if (!connected_.load(std::memory_order_relaxed) && coarseSeconds() < nextAttempt_.load()) return;
         std::lock_guard<std::mutex> guard(lock_);
         if (!fd_ && !connectAtMostOnceASecond()) return;
         line_.assign(header());
         line_.append(message);
         if (::send(fd_.get(), line_.data(), line_.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
-            errno != EAGAIN && errno != ENOBUFS && errno != EMSGSIZE)
+            errno != EAGAIN && errno != ENOBUFS && errno != EMSGSIZE) {
             fd_.reset();  // the daemon went: connect again later
+            connected_ = false;
+        }
         if (line_.capacity() > kKeptLineCapacity) std::string().swap(line_);
     }
 
   private:
-    bool connectAtMostOnceASecond() {
+    static int64_t coarseSeconds() {
         timespec ts{};
         clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-        if (ts.tv_sec < nextAttempt_) return false;
-        nextAttempt_ = ts.tv_sec + 1;
+        return ts.tv_sec;
+    }
+
+    bool connectAtMostOnceASecond() {
+        const int64_t now = coarseSeconds();
+        if (now < nextAttempt_) return false;
+        nextAttempt_ = now + 1;
         UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -162,6 +172,7 @@ class SystemLogSocket {
         if (!fd || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             return false;
         fd_ = std::move(fd);
+        connected_ = true;
         return true;
     }
 
@@ -183,7 +194,8 @@ class SystemLogSocket {
 
     std::mutex lock_;
     UniqueFd fd_;
-    int64_t nextAttempt_ = 0;
+    std::atomic<bool> connected_{false};   // fd_ is set; written under the lock
+    std::atomic<int64_t> nextAttempt_{0};  // when to try connecting again; written under the lock
     std::string line_;
     time_t headerSecond_ = 0;
     char header_[128] = {};
