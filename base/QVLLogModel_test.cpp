@@ -162,7 +162,8 @@ TEST_F(LogModelTest, ADescriptionThatLogsGetsALineOfItsOwn) {
     model.logFormatted("outer %@ %d", &arg, 1);
     EXPECT_EQ(capture.lines(), (Lines{"inner", "outer described (null)"}));
     const std::string text = testing::readText(dir_ + "/nested.log");
-    EXPECT_TRUE(std::regex_match(text, std::regex(kDate + "inner\n" + kDate + "outer described \\(null\\)\n")))
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(kDate + "inner\n" + kDate + "outer described \\(null\\)\n")))
         << text;
 }
 

@@ -213,9 +213,10 @@ class Decoder {
         for (uint32_t i = 0; i < count; ++i) {
             std::string_view key;
             if (!readBytes(key, false)) return false;
-            const bool repeated = small ? std::any_of(d.entries_.begin(), d.entries_.end(),
-                                                      [key](const Dictionary::Entry& e) { return e.key == key; })
-                                        : !seen.insert(key).second;
+            const bool repeated =
+                small ? std::any_of(d.entries_.begin(), d.entries_.end(),
+                                    [key](const Dictionary::Entry& e) { return e.key == key; })
+                      : !seen.insert(key).second;
             if (repeated) return failed("duplicate key");
             Value value;
             if (!decodeValue(value, depth)) return false;
