@@ -8,12 +8,12 @@ namespace qvl {
 namespace {
 
 // One parsed conversion: "%-08.3llx" gives flags "-0", width "8", precision
-// ".3", length "ll" and conversion 'x'.
+// ".3", length "ll" and conversion 'x'. The parts are views of the format.
 struct Conversion {
-    std::string flags;
-    std::string width;
-    std::string precision;
-    std::string length;
+    std::string_view flags;
+    std::string_view width;
+    std::string_view precision;
+    std::string_view length;
     char conversion = 0;
 };
 
@@ -31,50 +31,66 @@ bool isConversion(char c) {
 // incomplete or unknown conversion, which is then printed as it stands.
 bool parseConversion(std::string_view format, size_t& pos, Conversion& out) {
     size_t i = pos;
-    while (i < format.size() && isFlag(format[i])) out.flags += format[i++];
-    while (i < format.size() && (isdigit(static_cast<unsigned char>(format[i])) || format[i] == '*'))
-        out.width += format[i++];
+    // The characters from `i` on that `accepted` takes, as a view.
+    const auto take = [&](auto accepted, size_t most = std::string_view::npos) {
+        const size_t start = i;
+        while (i < format.size() && i - start < most && accepted(format[i])) ++i;
+        return format.substr(start, i - start);
+    };
+    out.flags = take(isFlag);
+    out.width = take([](char c) { return isdigit(static_cast<unsigned char>(c)) || c == '*'; });
     if (i < format.size() && format[i] == '.') {
-        out.precision += format[i++];
-        while (i < format.size() && isdigit(static_cast<unsigned char>(format[i])))
-            out.precision += format[i++];
+        const size_t start = i++;
+        take([](char c) { return isdigit(static_cast<unsigned char>(c)) != 0; });
+        out.precision = format.substr(start, i - start);
     }
-    while (i < format.size() && isLength(format[i]) && out.length.size() < 2) out.length += format[i++];
+    out.length = take(isLength, 2);
     if (i >= format.size() || !isConversion(format[i])) return false;
     // A '*' width would take an argument of its own; we keep argument
     // consumption simple and predictable by ignoring it.
-    if (out.width.find('*') != std::string::npos) out.width.clear();
-    if (out.width.size() > 4) out.width.resize(4);  // bounded field width
-    if (out.precision.size() > 5) out.precision.resize(5);
+    if (out.width.find('*') != std::string_view::npos) out.width = {};
+    out.width = out.width.substr(0, 4);  // bounded field width
+    out.precision = out.precision.substr(0, 5);
     out.conversion = format[i];
     pos = i + 1;
     return true;
 }
 
-std::string describeValue(const QVLLogArg& arg) {
+void appendDescription(std::string& out, const QVLLogArg& arg) {
     switch (arg.kind()) {
         case QVLLogArg::Kind::Null:
-            return "(null)";
+            out += "(null)";
+            return;
         case QVLLogArg::Kind::String:
-            return std::string(arg.stringValue());
+            out += arg.stringValue();
+            return;
         case QVLLogArg::Kind::Signed:
-            return std::to_string(arg.signedValue());
+            out += std::to_string(arg.signedValue());
+            return;
         case QVLLogArg::Kind::Unsigned:
-            return std::to_string(arg.unsignedValue());
+            out += std::to_string(arg.unsignedValue());
+            return;
         case QVLLogArg::Kind::Real: {
             char buf[64];
             snprintf(buf, sizeof buf, "%g", arg.realValue());
-            return buf;
+            out += buf;
+            return;
         }
         case QVLLogArg::Kind::Object:
-            return arg.description();
+            out += arg.description();
+            return;
     }
-    return "(null)";
+}
+
+std::string describeValue(const QVLLogArg& arg) {
+    std::string out;
+    appendDescription(out, arg);
+    return out;
 }
 
 // The argument as the integer a C vararg of the conversion's length would
 // have carried: no length modifier means a 32-bit int, as on the device.
-uint64_t integerBits(const QVLLogArg& arg, const std::string& length) {
+uint64_t integerBits(const QVLLogArg& arg, std::string_view length) {
     uint64_t bits = 0;
     switch (arg.kind()) {
         case QVLLogArg::Kind::Signed:
@@ -112,13 +128,20 @@ std::string printed(const std::string& pattern, T value) {
     return out;
 }
 
+// "%", the flags, the width and the precision of a conversion.
+std::string patternStart(const Conversion& c) {
+    std::string pattern = "%";
+    pattern.append(c.flags).append(c.width).append(c.precision);
+    return pattern;
+}
+
 bool signedConversion(char c) {
     return c == 'd' || c == 'i';
 }
 
 std::string formatInteger(const Conversion& c, const QVLLogArg& arg) {
     const uint64_t bits = integerBits(arg, c.length);
-    std::string pattern = "%" + c.flags + c.width + c.precision;
+    std::string pattern = patternStart(c);
     if (signedConversion(c.conversion)) {
         int64_t value;
         if (c.length.empty())
@@ -158,30 +181,40 @@ std::string formatReal(const Conversion& c, const QVLLogArg& arg) {
         default:
             break;
     }
-    return printed("%" + c.flags + c.width + c.precision + c.conversion, d);
+    return printed(patternStart(c) + c.conversion, d);
 }
 
+// A string in a field of the conversion's width or precision.
 std::string formatString(const Conversion& c, const std::string& text) {
-    if (c.width.empty() && c.precision.empty()) return text;
-    return printed("%" + c.flags + c.width + c.precision + "s", text.c_str());
+    return printed(patternStart(c) + "s", text.c_str());
 }
 
-std::string formatOne(const Conversion& c, const QVLLogArg* arg) {
-    if (!arg) return "(null)";
+void appendOne(std::string& out, const Conversion& c, const QVLLogArg* arg) {
+    if (!arg) {
+        out += "(null)";
+        return;
+    }
     switch (c.conversion) {
         case '@':
-            return describeValue(*arg);
+            return appendDescription(out, *arg);
         case 's':
-            return formatString(c, describeValue(*arg));
+            if (c.width.empty() && c.precision.empty()) return appendDescription(out, *arg);
+            out += formatString(c, describeValue(*arg));
+            return;
         case 'c': {
-            if (arg->kind() == QVLLogArg::Kind::String) return std::string(arg->stringValue().substr(0, 1));
+            if (arg->kind() == QVLLogArg::Kind::String) {
+                out += arg->stringValue().substr(0, 1);
+                return;
+            }
             const char ch = static_cast<char>(integerBits(*arg, "hh"));
-            return ch ? std::string(1, ch) : std::string();
+            if (ch) out += ch;
+            return;
         }
         case 'p': {
             char buf[32];
             snprintf(buf, sizeof buf, "0x%llx", static_cast<unsigned long long>(integerBits(*arg, "ll")));
-            return buf;
+            out += buf;
+            return;
         }
         case 'f':
         case 'F':
@@ -191,22 +224,21 @@ std::string formatOne(const Conversion& c, const QVLLogArg* arg) {
         case 'G':
         case 'a':
         case 'A':
-            return formatReal(c, *arg);
+            out += formatReal(c, *arg);
+            return;
         default:
             // A string or a value that is not a number, given to an integer
             // conversion, is printed as text rather than as a made-up number.
             if (arg->kind() == QVLLogArg::Kind::String || arg->kind() == QVLLogArg::Kind::Null ||
                 (arg->kind() == QVLLogArg::Kind::Object && !arg->objectInteger()))
-                return describeValue(*arg);
-            return formatInteger(c, *arg);
+                return appendDescription(out, *arg);
+            out += formatInteger(c, *arg);
     }
 }
 
 }  // namespace
 
-std::string QVLFormat(std::string_view format, const QVLLogArg* args, size_t count) {
-    std::string out;
-    out.reserve(format.size() + 32);
+void QVLFormatAppend(std::string& out, std::string_view format, const QVLLogArg* args, size_t count) {
     size_t next = 0;
     size_t pos = 0;
     while (pos < format.size()) {
@@ -229,10 +261,15 @@ std::string QVLFormat(std::string_view format, const QVLLogArg* args, size_t cou
             continue;
         }
         pos = after;
-        const QVLLogArg* arg = next < count ? &args[next] : nullptr;
+        appendOne(out, c, next < count ? &args[next] : nullptr);
         ++next;
-        out += formatOne(c, arg);
     }
+}
+
+std::string QVLFormat(std::string_view format, const QVLLogArg* args, size_t count) {
+    std::string out;
+    out.reserve(format.size() + 32);
+    QVLFormatAppend(out, format, args, count);
     return out;
 }
 

@@ -108,6 +108,8 @@ class QVLLogArg {
 
 // Formats `format` with `args`.
 std::string QVLFormat(std::string_view format, const QVLLogArg* args, size_t count);
+// The same, appended to `out`.
+void QVLFormatAppend(std::string& out, std::string_view format, const QVLLogArg* args, size_t count);
 
 template <class... Args>
 std::string QVLStringWithFormat(std::string_view format, const Args&... args) {

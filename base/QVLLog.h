@@ -13,10 +13,17 @@ namespace qvl {
 
 // Logs one already formatted message through the shared QVLLogModel.
 void QVLLogMessage(std::string_view message);
+// Formats and logs one message through the shared QVLLogModel.
+void QVLLogFormatted(std::string_view format, const QVLLogArg* args, size_t count);
 
 template <class... Args>
 void QVLLog(std::string_view format, const Args&... args) {
-    QVLLogMessage(QVLStringWithFormat(format, args...));
+    if constexpr (sizeof...(Args) == 0) {
+        QVLLogFormatted(format, nullptr, 0);
+    } else {
+        const std::array<QVLLogArg, sizeof...(Args)> list{QVLLogArg(args)...};
+        QVLLogFormatted(format, list.data(), list.size());
+    }
 }
 
 }  // namespace qvl

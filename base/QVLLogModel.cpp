@@ -139,22 +139,32 @@ class SystemLogSocket {
     }
 
     void send(std::string_view message) {
+        // Without a daemon every line would take the lock only to learn that
+        // the next try is not due yet; it learns that from two atomics.
+        if (!connected_.load(std::memory_order_relaxed) && coarseSeconds() < nextAttempt_.load()) return;
         std::lock_guard<std::mutex> guard(lock_);
         if (!fd_ && !connectAtMostOnceASecond()) return;
         line_.assign(header());
         line_.append(message);
         if (::send(fd_.get(), line_.data(), line_.size(), MSG_DONTWAIT | MSG_NOSIGNAL) < 0 &&
-            errno != EAGAIN && errno != ENOBUFS && errno != EMSGSIZE)
+            errno != EAGAIN && errno != ENOBUFS && errno != EMSGSIZE) {
             fd_.reset();  // the daemon went: connect again later
+            connected_ = false;
+        }
         if (line_.capacity() > kKeptLineCapacity) std::string().swap(line_);
     }
 
   private:
-    bool connectAtMostOnceASecond() {
+    static int64_t coarseSeconds() {
         timespec ts{};
         clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
-        if (ts.tv_sec < nextAttempt_) return false;
-        nextAttempt_ = ts.tv_sec + 1;
+        return ts.tv_sec;
+    }
+
+    bool connectAtMostOnceASecond() {
+        const int64_t now = coarseSeconds();
+        if (now < nextAttempt_) return false;
+        nextAttempt_ = now + 1;
         UniqueFd fd(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
         sockaddr_un address{};
         address.sun_family = AF_UNIX;
@@ -162,6 +172,7 @@ class SystemLogSocket {
         if (!fd || ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
             return false;
         fd_ = std::move(fd);
+        connected_ = true;
         return true;
     }
 
@@ -183,12 +194,43 @@ class SystemLogSocket {
 
     std::mutex lock_;
     UniqueFd fd_;
-    int64_t nextAttempt_ = 0;
+    std::atomic<bool> connected_{false};   // fd_ is set; written under the lock
+    std::atomic<int64_t> nextAttempt_{0};  // when to try connecting again; written under the lock
     std::string line_;
     time_t headerSecond_ = 0;
     char header_[128] = {};
     size_t headerLength_ = 0;
 };
+
+// Every request logs a few lines: each is built in a buffer kept per thread,
+// so a line costs no allocation. A line logged while the thread's buffer is in
+// use (by a description that logs) gets a buffer of its own.
+class LineBuffer {
+  public:
+    LineBuffer() : nested_(inUse_), text_(nested_ ? own_ : kept_) {
+        inUse_ = true;
+        text_.clear();
+    }
+    ~LineBuffer() {
+        if (nested_) return;
+        inUse_ = false;
+        if (kept_.capacity() > kKeptLineCapacity) std::string().swap(kept_);  // a rare long line
+    }
+    LineBuffer(const LineBuffer&) = delete;
+    LineBuffer& operator=(const LineBuffer&) = delete;
+
+    std::string& text() { return text_; }
+
+  private:
+    static thread_local std::string kept_;
+    static thread_local bool inUse_;
+    const bool nested_;
+    std::string own_;
+    std::string& text_;
+};
+
+thread_local std::string LineBuffer::kept_;
+thread_local bool LineBuffer::inUse_ = false;
 
 // One line, in one write(2) (a buffered stream would add its own locking and
 // copy to each line and then flush it all the same). Only a short write, as
@@ -229,6 +271,10 @@ void QVLLogMessage(std::string_view message) {
     QVLLogModel::sharedInstance().logMessage(message);
 }
 
+void QVLLogFormatted(std::string_view format, const QVLLogArg* args, size_t count) {
+    QVLLogModel::sharedInstance().logFormatted(format, args, count);
+}
+
 QVLLogModel::QVLLogModel(Services services)
     : services_(std::move(services)), observers_(std::make_shared<const ObserverList>()) {}
 
@@ -248,6 +294,7 @@ void QVLLogModel::systemLog(std::string_view message) {
         services_.systemLog(message);
     else
         writeSystemLog(message);
+    if (observerCount_.load(std::memory_order_acquire) == 0) return;
     std::shared_ptr<const ObserverList> observers;
     {
         std::lock_guard<std::mutex> guard(observerLock_);
@@ -261,6 +308,7 @@ uint64_t QVLLogModel::addObserver(Observer observer) {
     auto list = std::make_shared<ObserverList>(*observers_);
     const uint64_t token = nextToken_++;
     list->push_back({token, std::move(observer)});
+    observerCount_.store(list->size(), std::memory_order_release);
     observers_ = std::move(list);
     return token;
 }
@@ -269,21 +317,38 @@ void QVLLogModel::removeObserver(uint64_t token) {
     std::lock_guard<std::mutex> guard(observerLock_);
     auto list = std::make_shared<ObserverList>(*observers_);
     std::erase_if(*list, [token](const ObserverEntry& entry) { return entry.token == token; });
+    observerCount_.store(list->size(), std::memory_order_release);
     observers_ = std::move(list);
 }
 
 void QVLLogModel::logMessage(std::string_view message) {
-    // Every request logs a few lines: the line is built in a buffer kept per
-    // thread, so a line costs no allocation.
-    thread_local std::string line;
-    line.clear();
-    line.append(cachedDateText(now())).append(1, ' ').append(message).append(1, '\n');
+    LineBuffer buffer;
+    std::string& line = buffer.text();
+    const size_t messageStart = startLine(line);
+    line.append(message);
+    emitLine(line, messageStart);
+}
+
+void QVLLogModel::logFormatted(std::string_view format, const QVLLogArg* args, size_t count) {
+    LineBuffer buffer;
+    std::string& line = buffer.text();
+    const size_t messageStart = startLine(line);
+    QVLFormatAppend(line, format, args, count);
+    emitLine(line, messageStart);
+}
+
+size_t QVLLogModel::startLine(std::string& line) const {
+    line.append(cachedDateText(now())).append(1, ' ');
+    return line.size();
+}
+
+void QVLLogModel::emitLine(std::string& line, size_t messageStart) {
+    line.append(1, '\n');
     {
         std::lock_guard<std::mutex> guard(lock_);
         if (logFd_) writeLine(logFd_.get(), line);
     }
-    if (line.capacity() > kKeptLineCapacity) std::string().swap(line);  // a rare long line
-    systemLog(message);
+    systemLog(std::string_view(line).substr(messageStart, line.size() - 1 - messageStart));
 }
 
 bool QVLLogModel::enableLogToFile(const std::string& requestedPath) {

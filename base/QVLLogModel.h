@@ -18,6 +18,7 @@
 // is set at start, before other threads log.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,6 +27,7 @@
 #include <string_view>
 #include <vector>
 
+#include "base/QVLFormat.h"
 #include "base/UniqueFd.h"
 
 namespace qvl {
@@ -50,6 +52,8 @@ class QVLLogModel {
 
     // Writes one line (the variadic, formatting form is QVLLog).
     void logMessage(std::string_view message);
+    // Formats the message straight into the line and writes it.
+    void logFormatted(std::string_view format, const QVLLogArg* args, size_t count);
 
     // Opens `path` for appending (creating its parent folders), replacing any
     // earlier stream. Returns whether a stream was opened. The folder may be
@@ -95,6 +99,11 @@ class QVLLogModel {
     void install(UniqueFd fd);
     // Says once why file logging is off; always false.
     bool fileLoggingOff(const std::string& path, int err);
+    // Ends `line` (date, space, message from `messageStart`), writes it to
+    // the file and copies the message to the system log.
+    void emitLine(std::string& line, size_t messageStart);
+    // Starts a line with the date and a space; answers where the message goes.
+    size_t startLine(std::string& line) const;
     double now() const;
 
     struct ObserverEntry {
@@ -110,6 +119,9 @@ class QVLLogModel {
     // Replaced whole on every change, so a message reads the list without
     // holding the lock while observers run.
     std::shared_ptr<const ObserverList> observers_;
+    // How many observers there are, read without the lock: a line logged
+    // while there are none (the helper's case) skips the list altogether.
+    std::atomic<size_t> observerCount_{0};
     uint64_t nextToken_ = 1;
 };
 

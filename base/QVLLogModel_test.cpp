@@ -143,6 +143,30 @@ TEST_F(LogModelTest, NothingPlantedInTheFolderIsWrittenThroughOrWaitedOn) {
                                      ": it belongs to another user; logging to the system log only."});
 }
 
+// An argument whose description logs: its line is written whole, before the
+// line that was being built when it logged, which is whole too.
+struct Chatty {
+    QVLLogModel* model;
+};
+std::string qvlDescription(const Chatty& chatty) {
+    chatty.model->logMessage("inner");
+    return "described";
+}
+
+TEST_F(LogModelTest, ADescriptionThatLogsGetsALineOfItsOwn) {
+    QVLLogModel model({{}, [](std::string_view) {}});
+    ASSERT_TRUE(model.enableLogToFile(dir_ + "/nested.log"));
+    QVLLogCapture capture(model);
+    const Chatty chatty{&model};
+    const QVLLogArg arg(chatty);
+    model.logFormatted("outer %@ %d", &arg, 1);
+    EXPECT_EQ(capture.lines(), (Lines{"inner", "outer described (null)"}));
+    const std::string text = testing::readText(dir_ + "/nested.log");
+    EXPECT_TRUE(
+        std::regex_match(text, std::regex(kDate + "inner\n" + kDate + "outer described \\(null\\)\n")))
+        << text;
+}
+
 TEST_F(LogModelTest, ConcurrentWritersNeverInterleaveWithinALine) {
     QVLLogModel model({{}, [](std::string_view) {}});
     ASSERT_TRUE(model.enableLogToFile(dir_ + "/concurrent.log"));

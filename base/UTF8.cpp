@@ -1,5 +1,8 @@
 #include "base/UTF8.h"
 
+#include <cstdint>
+#include <cstring>
+
 namespace qvl {
 
 namespace {
@@ -55,6 +58,16 @@ void appendUTF8(uint32_t cp, std::string& out) {
 bool isValidUTF8(std::string_view s) {
     uint32_t cp;
     for (size_t i = 0; i < s.size();) {
+        // Keys, paths and names are mostly ASCII: eight bytes at a time while
+        // no byte has its high bit set.
+        uint64_t word;
+        if (s.size() - i >= sizeof word) {
+            std::memcpy(&word, s.data() + i, sizeof word);
+            if ((word & 0x8080808080808080ULL) == 0) {
+                i += sizeof word;
+                continue;
+            }
+        }
         const size_t len = decodeUTF8(s, i, cp);
         if (len == 0) return false;
         i += len;

@@ -17,8 +17,9 @@ constexpr const char* kHasEntitlementName = "-[QVLHMessageResponder hasEntitleme
 
 QVLHMessageResponder::EntitlementAnswer readFromRegistry(const zrp::AuditToken& token,
                                                          std::string_view entitlement) {
+    static const std::string kRegistry = entitlements::kDefaultRegistryDirectory;
     QVLHMessageResponder::EntitlementAnswer answer;
-    auto task = entitlements::Task::createWithAuditToken(token);
+    auto task = entitlements::Task::createWithAuditToken(token, kRegistry);
     if (!task) return answer;
     answer.taskFound = true;
     answer.value = task->valueForEntitlement(entitlement);
@@ -69,8 +70,9 @@ void QVLHMessageResponder::setConnection(const std::shared_ptr<zrp::Connection>&
 bool QVLHMessageResponder::hasEntitlementQuorvaled() {
     // A request whose client is already gone has no connection: its empty
     // token makes no task, and the request is refused like any other.
+    static const zrp::AuditToken kNoClient;
     const auto current = connection();
-    const zrp::AuditToken token = current ? current->auditToken() : zrp::AuditToken{};
+    const zrp::AuditToken& token = current ? current->auditToken() : kNoClient;
     const EntitlementAnswer answer = entitlementReader_(token, kEntitlementQuorvaled);
     if (!answer.taskFound) {
         QVLLog("%s: Cannot create Pelkor from audit token", kHasEntitlementName);

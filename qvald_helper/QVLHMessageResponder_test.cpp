@@ -19,10 +19,8 @@ class RecordingConnection : public zrp::Connection {
     void resume() override {}
     void cancel() override {}
     void send(const zrp::Dictionary& message) override { sent.push_back(message); }
-    zrp::AuditToken auditToken() const override {
-        zrp::AuditToken token;
-        token.pid = 42;
-        token.uid = 501;
+    const zrp::AuditToken& auditToken() const override {
+        static const zrp::AuditToken token{42, 501, static_cast<gid_t>(-1), {}, {}};
         return token;
     }
     bool isListener() const override { return false; }

@@ -58,20 +58,17 @@ std::optional<plist::Value> convertValue(const std::string& key, const zrp::Valu
 plist::Dictionary convertDictionary(const zrp::Dictionary& zrpDictionary) {
     plist::Dictionary result;
     result.reserve(zrpDictionary.size());
-    zrpDictionary.forEach([&](std::string_view key, const zrp::Value& value) {
+    for (size_t i = 0; i < zrpDictionary.size(); ++i) {
+        const auto& [key, value] = zrpDictionary.entry(i);
         // A key that is not UTF-8 can't become a property-list key; dropping
         // its entry keeps the rest of the request usable.
         if (!isValidUTF8(key)) {
             QVLLog("A key that is not valid UTF-8 (%@) was dropped with its value", escapedBytes(key));
-            return true;
+            continue;
         }
-        std::string keyString(key);
-        if (auto converted = convertValue(keyString, value)) {
-            // Keys of a ZRP dictionary are unique, so no lookup is needed.
-            result.appendUnchecked(std::move(keyString), std::move(*converted));
-        }
-        return true;
-    });
+        // Keys of a ZRP dictionary are unique, so no lookup is needed.
+        if (auto converted = convertValue(key, value)) result.appendUnchecked(key, std::move(*converted));
+    }
     return result;
 }
 

@@ -62,11 +62,12 @@ class RegistryCache {
     }
 
     using Roots = std::vector<std::shared_ptr<const plist::Value>>;
+    using Snapshot = std::shared_ptr<const Roots>;
 
     // The parsed registry files of `dir`, in name order, while the process
     // pinned by `pidfd` still runs; nullopt once it has ended. For a settled
     // folder with nothing new on its watch, one poll asks both questions.
-    std::optional<Roots> loadWhileAlive(const std::string& dir, int pidfd) {
+    std::optional<Snapshot> loadWhileAlive(const std::string& dir, int pidfd) {
         struct stat dirStat;
         const bool isFolder = ::stat(dir.c_str(), &dirStat) == 0 && S_ISDIR(dirStat.st_mode);
         const Stamp dirStamp = isFolder ? stampOf(dirStat) : Stamp{};
@@ -78,18 +79,18 @@ class RegistryCache {
                 pollfd ready[2] = {{pidfd, POLLIN, 0}, {it->second.watch.get(), POLLIN, 0}};
                 if (::poll(ready, 2, 0) >= 0) {
                     if (ready[0].revents != 0) return std::nullopt;
-                    if (ready[1].revents == 0) return rootsOf(it->second.files);
+                    if (ready[1].revents == 0) return it->second.roots;
                 }
             }
         }
         if (exited(pidfd)) return std::nullopt;
-        if (!isFolder) return Roots{};
+        if (!isFolder) return std::make_shared<const Roots>();
         {
             std::lock_guard lock(mu_);
             auto it = folders_.find(dir);
             if (it != folders_.end() && it->second.settled && it->second.stamp == dirStamp &&
                 unchanged(dir, it->second))
-                return rootsOf(it->second.files);
+                return it->second.roots;
         }
         return relist(dir, dirStamp);
     }
@@ -115,6 +116,7 @@ class RegistryCache {
         bool hasLinks = false;  // an entry that may be a link: its stamps are compared
         UniqueFd watch;         // inotify on the folder; invalid: none could be made
         std::map<std::string, CachedFile> files;
+        Snapshot roots;  // the files' roots in name order, as last listed
     };
 
     static bool unchanged(const std::string& dir, Folder& folder) {
@@ -164,13 +166,6 @@ class RegistryCache {
         return ::poll(&ready, 1, 0) != 0;
     }
 
-    static Roots rootsOf(const std::map<std::string, CachedFile>& files) {
-        Roots roots;
-        roots.reserve(files.size());
-        for (const auto& entry : files) roots.push_back(entry.second.root);
-        return roots;
-    }
-
     static bool settledAt(const Stamp& stamp) {
         timespec ts{};
         clock_gettime(CLOCK_REALTIME, &ts);
@@ -195,8 +190,8 @@ class RegistryCache {
             folder.watch = std::move(watch);
     }
 
-    Roots relist(const std::string& dir, const Stamp& dirStamp) {
-        Roots roots;
+    Snapshot relist(const std::string& dir, const Stamp& dirStamp) {
+        auto roots = std::make_shared<Roots>();
         watchBeforeListing(dir);
         std::unique_ptr<DIR, int (*)(DIR*)> d(::opendir(dir.c_str()), ::closedir);
         if (!d) return roots;
@@ -223,9 +218,10 @@ class RegistryCache {
                 current[name] = CachedFile{stamp, parse(dir + "/" + name)};
             else
                 current[name] = std::move(it->second);
-            roots.push_back(current[name].root);
+            roots->push_back(current[name].root);
         }
         folder.files = std::move(current);  // forgets removed files
+        folder.roots = roots;
         folder.stamp = dirStamp;
         folder.hasLinks = hasLinks;
         // A folder past its limit was only partly listed: keep listing it.
@@ -271,7 +267,7 @@ std::optional<Task> Task::createWithAuditToken(const zrp::AuditToken& token,
 }
 
 std::optional<plist::Value> Task::valueForEntitlement(std::string_view name) const {
-    for (const auto& root : registry_) {
+    for (const auto& root : *registry_) {
         const plist::Dictionary* entry = root ? root->asDictionary() : nullptr;
         if (!entry || !entryApplies(*entry, executablePath_, uid_)) continue;
         // The first matching entry decides, even when it lacks the entitlement.

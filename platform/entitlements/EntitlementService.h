@@ -45,7 +45,9 @@ class Task {
     uid_t uid() const { return uid_; }
 
   private:
-    using Registry = std::vector<std::shared_ptr<const plist::Value>>;  // parsed files, in name order
+    // The parsed files, in name order, as one snapshot shared with the
+    // registry's cache until the registry changes.
+    using Registry = std::shared_ptr<const std::vector<std::shared_ptr<const plist::Value>>>;
 
     Task(std::string executablePath, uid_t uid, Registry registry)
         : executablePath_(std::move(executablePath)), uid_(uid), registry_(std::move(registry)) {}

@@ -24,7 +24,7 @@ class ConnectionEndpoint final : public Endpoint {
     ~ConnectionEndpoint() override;
 
     void send(const Dictionary& message) override;
-    AuditToken auditToken() const override { return token_; }
+    const AuditToken& auditToken() const override { return token_; }
     bool isListener() const override { return false; }
 
     // Reads what the peer sent and delivers the complete frames.

@@ -2,6 +2,7 @@
 // one encoded value, which must be a dictionary. The decoder treats every body
 // as hostile: each length and count is checked against the bytes that are
 // left before anything is allocated for it.
+#include <algorithm>
 #include <cstring>
 #include <unordered_set>
 
@@ -19,9 +20,14 @@ void putU64(std::vector<uint8_t>& out, uint64_t v) {
     for (int i = 0; i < 8; ++i) out.push_back(static_cast<uint8_t>(v >> (8 * i)));
 }
 
+// Most messages are a few short entries: the frame's first buffer holds them
+// whole, so encoding one costs one allocation rather than a doubling series.
+constexpr size_t kTypicalFrameSize = 256;
+
 class Encoder {
   public:
     bool encodeMessage(const Dictionary& message) {
+        out_.reserve(kTypicalFrameSize);
         out_.insert(out_.end(), std::begin(kFrameMagic), std::end(kFrameMagic));
         putU32(out_, 0);  // patched below
         if (!encodeDictionary(message, 1)) return false;
@@ -134,8 +140,9 @@ class Encoder {
 }  // namespace
 
 // Decoder is a friend of Dictionary so that it can append entries whose keys
-// it has already checked for duplicates (with a hash set, so that a hostile
-// dictionary of a million keys costs linear time).
+// it has already checked for duplicates (by comparing with the keys before
+// them in a small dictionary, with a hash set in a large one, so that a
+// hostile dictionary of a million keys costs linear time).
 class Decoder {
   public:
     Decoder(std::span<const uint8_t> body, std::vector<UniqueFd>& descriptors)
@@ -200,12 +207,17 @@ class Decoder {
         // key length (4) + value tag (1)
         if (!readCount(count, 5)) return false;
         d.entries_.reserve(count);
+        const bool small = count <= kLinearKeyCheck;
         std::unordered_set<std::string_view> seen;
-        seen.reserve(count);
+        if (!small) seen.reserve(count);
         for (uint32_t i = 0; i < count; ++i) {
             std::string_view key;
             if (!readBytes(key, false)) return false;
-            if (!seen.insert(key).second) return failed("duplicate key");
+            const bool repeated =
+                small ? std::any_of(d.entries_.begin(), d.entries_.end(),
+                                    [key](const Dictionary::Entry& e) { return e.key == key; })
+                      : !seen.insert(key).second;
+            if (repeated) return failed("duplicate key");
             Value value;
             if (!decodeValue(value, depth)) return false;
             d.entries_.push_back(Dictionary::Entry{std::string(key), std::move(value)});
@@ -309,6 +321,9 @@ class Decoder {
     // the number of values is bounded too: a 16 MiB body of nulls must not
     // become 700 MB. No real message comes near a million values.
     static constexpr size_t kMaxValues = 1u << 20;
+    // Up to this many keys, comparing each with those before it is cheaper
+    // than building a hash set.
+    static constexpr uint32_t kLinearKeyCheck = 16;
 
     size_t values_ = 0;
     const uint8_t* p_;

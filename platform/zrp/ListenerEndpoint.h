@@ -21,7 +21,10 @@ class ListenerEndpoint final : public Endpoint {
     ListenerEndpoint(DeliveryQueue& queue, uint64_t id, UniqueFd fd, std::string path);
 
     void send(const Dictionary&) override {}
-    AuditToken auditToken() const override { return {}; }
+    const AuditToken& auditToken() const override {
+        static const AuditToken kNone;
+        return kNone;
+    }
     bool isListener() const override { return true; }
     void onReadable() override;
 

@@ -267,7 +267,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     // connection that is gone, is dropped quietly.
     virtual void send(const Dictionary& message) = 0;
     // The peer of an accepted connection; an empty token for a listener.
-    virtual AuditToken auditToken() const = 0;
+    // Taken once at accept, it stays the same for the connection's life.
+    virtual const AuditToken& auditToken() const = 0;
     virtual bool isListener() const = 0;
 };
 
