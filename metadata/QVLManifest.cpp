@@ -74,12 +74,16 @@ std::optional<ItemType> itemType(platform::FileSystem& files, const std::string&
 // faster. Only the first piece of each is asked for, so the window stays small.
 constexpr size_t kPrefetchWindow = 32;
 
-// Fetching ahead costs a call per file, which a walk of files already in
-// memory does not need: a walk fetches ahead once kDiskReadsToFetch files had
-// their content waited for with fewer than kQuietItems files between any two
-// of them, and stops after kQuietItems files without one. A few files the
-// kernel dropped from a warm tree don't start it.
+// Fetching ahead costs the walking thread an open and a call per file, which
+// a walk of files already in memory does not need: a walk fetches ahead once
+// kDiskReadsToFetch files had their content waited for with fewer than
+// kCloseItems files between any two of them, and stops after kQuietItems
+// files without one. A cold tree waits for nearly every file. A warm one
+// still has a read that would wait now and then (a page being read ahead, a
+// few files the kernel dropped), tens in 50,000 files: spread out like that
+// they don't start it.
 constexpr size_t kDiskReadsToFetch = 8;
+constexpr size_t kCloseItems = 64;
 constexpr size_t kQuietItems = 4096;
 
 // Folders held open on the way down. Items are looked at relative to their
@@ -399,7 +403,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     auto fetchingAhead = [&] {
         const uint64_t seen = diskReads.load(std::memory_order_relaxed);
-        if (quietItems >= kQuietItems) diskReadsInRun = 0;
+        const bool fetching = diskReadsInRun >= kDiskReadsToFetch;
+        if (quietItems >= (fetching ? kQuietItems : kCloseItems)) diskReadsInRun = 0;
         if (seen != diskReadsSeen) {
             diskReadsInRun += seen - diskReadsSeen;
             diskReadsSeen = seen;
