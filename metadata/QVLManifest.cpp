@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "base/QVLLog.h"
+#include "metadata/FolderSizesReadAhead.h"
 #include "metadata/OrderedWorkPool.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
@@ -102,8 +103,6 @@ constexpr size_t kCollectDepth = 64;
 // fetched ahead through a folder held open stays open until the walk reaches
 // it, which spares opening it twice.
 constexpr size_t kMaxOpenedAhead = 2 * kPrefetchWindow;
-
-using SharedFolder = std::shared_ptr<const UniqueFd>;
 
 // One item met by a walk: its path, its name in the open folder `folderFd`
 // (-1 when the folder is not held open; `folder` then is null), its type
@@ -223,109 +222,6 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
     }
     return true;
 }
-
-// The sizes of the files in the folders a walk goes through, read by
-// collectors ahead of the walking thread, which then only lists folders and
-// adds: a statx per file is most of the work of a pass over sizes. They are
-// read in pieces of kSizeChunk entries of a folder, up to kSizesAhead entries
-// ahead of the item asked for. A size read ahead is as good as one read when
-// the item is reached: the tree may change under a walk either way.
-//
-// Thread-safety: sizeOf is for the walking thread; the collectors share only
-// `files` and the folders' descriptors.
-class SizesReadAhead {
-  public:
-    SizesReadAhead(platform::FileSystem& files, unsigned collectors)
-        : files_(files), pool_(collectors, kSizesAhead / kSizeChunk + 1) {}
-
-    // Reads the size of `item`, a regular file in an open folder, like
-    // FileSystem::typeAndSizeAt: 0, or -1 with errno set.
-    int sizeOf(const WalkItem& item, uint64_t* bytes) {
-        if (folders_.size() <= item.depth) folders_.resize(item.depth + 1);
-        Folder& folder = folders_[item.depth];
-        if (folder.serial != item.serial) {
-            folder.serial = item.serial;
-            folder.submitted = 0;
-            folder.sizes.assign(item.entries->size(), std::nullopt);
-        }
-        while (!folder.sizes[item.index]) {
-            submitAhead(folder, item);
-            if (pool_.pending() == 0) {  // not expected: read it here
-                ItemType type;
-                return files_.typeAndSizeAt(item.folderFd, item.name, &type, bytes);
-            }
-            take();
-        }
-        const Size& size = *folder.sizes[item.index];
-        if (size.error != 0) {
-            errno = size.error;
-            return -1;
-        }
-        *bytes = size.bytes;
-        return 0;
-    }
-
-  private:
-    static constexpr size_t kSizeChunk = 16;
-    static constexpr size_t kSizesAhead = 128;
-
-    struct Size {
-        int error = 0;
-        uint64_t bytes = 0;
-    };
-    struct Chunk {
-        size_t depth;
-        uint64_t serial;
-        std::vector<std::pair<size_t, Size>> sizes;  // by entry index
-    };
-    struct Folder {
-        uint64_t serial = 0;
-        size_t submitted = 0;
-        std::vector<std::optional<Size>> sizes;
-    };
-
-    void submitAhead(Folder& folder, const WalkItem& item) {
-        const std::vector<DirectoryEntry>& entries = *item.entries;
-        const size_t end = std::min(entries.size(), item.index + kSizesAhead);
-        while (folder.submitted < end && !pool_.full()) {
-            const size_t first = folder.submitted;
-            const size_t last = std::min(entries.size(), first + kSizeChunk);
-            std::vector<std::pair<size_t, std::string>> names;
-            for (size_t i = first; i < last; ++i) {
-                // An entry of unknown type may turn out to be a file.
-                const ItemType type = entries[i].type;
-                if (type == ItemType::kRegular || type == ItemType::kUnknown) names.emplace_back(i, entries[i].name);
-            }
-            // The job holds the folder open: the walk may leave it first.
-            pool_.submit([this, shared = *item.folder, depth = item.depth, serial = item.serial,
-                          names = std::move(names)] {
-                Chunk chunk{depth, serial, {}};
-                chunk.sizes.reserve(names.size());
-                for (const auto& [index, name] : names) {
-                    Size size;
-                    ItemType type;
-                    if (files_.typeAndSizeAt(shared->get(), name, &type, &size.bytes) != 0) size.error = errno;
-                    chunk.sizes.emplace_back(index, size);
-                }
-                return chunk;
-            });
-            folder.submitted = last;
-        }
-    }
-
-    // Files the oldest piece read under its folder, unless the walk has
-    // left that folder.
-    void take() {
-        Chunk chunk = pool_.takeOldest();
-        if (chunk.depth >= folders_.size() || folders_[chunk.depth].serial != chunk.serial) return;
-        Folder& folder = folders_[chunk.depth];
-        for (const auto& [index, size] : chunk.sizes) folder.sizes[index] = size;
-    }
-
-    platform::FileSystem& files_;
-    std::vector<Folder> folders_;  // by depth
-    OrderedWorkPool<Chunk> pool_;
-};
 
 bool isRecordedKind(ItemType type) {
     return type == ItemType::kRegular || type == ItemType::kDirectory || type == ItemType::kSymbolicLink;
@@ -558,7 +454,7 @@ bool QVLManifest::addRecordsTo(plist::BinaryDictionaryWriter& out, const std::st
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
                                             const std::vector<std::string>* skipPaths) const {
     int64_t total = 0;
-    std::optional<SizesReadAhead> sizes;
+    std::optional<FolderSizesReadAhead> sizes;
     if (options_.collectors > 0) sizes.emplace(files_, options_.collectors);
     const bool complete = enumerateTree(
         files_, standardizedPath(path), skipPaths, kTotalSignature,
@@ -572,8 +468,9 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
             uint64_t bytes = 0;
             ItemStat st;
             const int rc = item.folderFd < 0 ? files_.statItem(item.path, &st)
-                           : sizes       ? sizes->sizeOf(item, &bytes)
-                                         : files_.typeAndSizeAt(item.folderFd, item.name, &type, &bytes);
+                           : sizes ? sizes->sizeOf(*item.folder, item.depth, item.serial, *item.entries,
+                                                   item.index, &bytes)
+                                   : files_.typeAndSizeAt(item.folderFd, item.name, &type, &bytes);
             if (rc != 0) {
                 QVLLog("Cound not get attribute for item %@", item.path);
                 return false;
