@@ -92,7 +92,8 @@ class FolderSizesReadAhead {
             const size_t last = std::min(entries.size(), first + kSizeChunk);
             std::vector<std::pair<size_t, std::string>> names;
             for (size_t i = first; i < last; ++i) {
-                // An entry of unknown type may turn out to be a file.
+                // An entry of unknown type may turn out to be a file. A file
+                // the walk skips may be looked at too: that does no harm.
                 const platform::ItemType type = entries[i].type;
                 if (type == platform::ItemType::kRegular || type == platform::ItemType::kUnknown)
                     names.emplace_back(i, entries[i].name);
