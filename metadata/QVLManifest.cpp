@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "base/QVLLog.h"
+#include "metadata/FolderSizesReadAhead.h"
 #include "metadata/OrderedWorkPool.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
@@ -74,12 +75,16 @@ std::optional<ItemType> itemType(platform::FileSystem& files, const std::string&
 // faster. Only the first piece of each is asked for, so the window stays small.
 constexpr size_t kPrefetchWindow = 32;
 
-// Fetching ahead costs a call per file, which a walk of files already in
-// memory does not need: a walk fetches ahead once kDiskReadsToFetch files had
-// their content waited for with fewer than kQuietItems files between any two
-// of them, and stops after kQuietItems files without one. A few files the
-// kernel dropped from a warm tree don't start it.
+// Fetching ahead costs the walking thread an open and a call per file, which
+// a walk of files already in memory does not need: a walk fetches ahead once
+// kDiskReadsToFetch files had their content waited for with fewer than
+// kCloseItems files between any two of them, and stops after kQuietItems
+// files without one. A cold tree waits for nearly every file. A warm one
+// still has a read that would wait now and then (a page being read ahead, a
+// few files the kernel dropped), tens in 50,000 files: spread out like that
+// they don't start it.
 constexpr size_t kDiskReadsToFetch = 8;
+constexpr size_t kCloseItems = 64;
 constexpr size_t kQuietItems = 4096;
 
 // Folders held open on the way down. Items are looked at relative to their
@@ -99,12 +104,12 @@ constexpr size_t kCollectDepth = 64;
 // it, which spares opening it twice.
 constexpr size_t kMaxOpenedAhead = 2 * kPrefetchWindow;
 
-using SharedFolder = std::shared_ptr<const UniqueFd>;
-
 // One item met by a walk: its path, its name in the open folder `folderFd`
 // (-1 when the folder is not held open; `folder` then is null), its type
 // (nullopt when it can't be read) and, for a file fetched ahead, the
-// descriptor that fetch opened.
+// descriptor that fetch opened. An item listed in a folder also has its place
+// there: the folder's depth, a number that no other folder of the walk has,
+// its entries and its index among them.
 struct WalkItem {
     int folderFd;
     const SharedFolder* folder;
@@ -112,6 +117,10 @@ struct WalkItem {
     const std::string& path;
     std::optional<ItemType> type;
     UniqueFd* opened = nullptr;
+    size_t depth = 0;
+    uint64_t serial = 0;
+    const std::vector<DirectoryEntry>* entries = nullptr;
+    size_t index = 0;
 };
 
 std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const std::string& name,
@@ -139,6 +148,7 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         Level(Level&&) = default;  // never copied: it owns the descriptors opened ahead
         Level& operator=(Level&&) = default;
         std::string path;
+        uint64_t serial = 0;
         SharedFolder folder;
         std::vector<DirectoryEntry> entries;
         size_t next = 0;
@@ -147,10 +157,12 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
     };
     std::vector<Level> stack;
     size_t openedAhead = 0;
+    uint64_t folders = 0;
     auto descend = [&](int parentFd, const std::string& name, const std::string& folder) {
         if (QVLManifest::folderContains(skip, folder)) return;
         Level level;
         level.path = folder;
+        level.serial = ++folders;
         int listed = -1;
         if (stack.size() >= kMaxOpenFolders) {
             listed = files.listDirectory(folder, &level.entries);
@@ -203,7 +215,9 @@ bool enumerateTree(platform::FileSystem& files, const std::string& top, const st
         if (QVLManifest::folderContains(skip, item)) continue;
         const std::optional<ItemType> type =
             entry.type != ItemType::kUnknown ? entry.type : typeAt(files, folderFd, entry.name, item);
-        if (!visit(WalkItem{folderFd, &level.folder, entry.name, item, type, &opened})) return false;
+        if (!visit(WalkItem{folderFd, &level.folder, entry.name, item, type, &opened, stack.size() - 1,
+                            level.serial, &level.entries, index}))
+            return false;
         if (type == ItemType::kDirectory) descend(folderFd, entry.name, item);
     }
     return true;
@@ -399,7 +413,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     };
     auto fetchingAhead = [&] {
         const uint64_t seen = diskReads.load(std::memory_order_relaxed);
-        if (quietItems >= kQuietItems) diskReadsInRun = 0;
+        const bool fetching = diskReadsInRun >= kDiskReadsToFetch;
+        if (quietItems >= (fetching ? kQuietItems : kCloseItems)) diskReadsInRun = 0;
         if (seen != diskReadsSeen) {
             diskReadsInRun += seen - diskReadsSeen;
             diskReadsSeen = seen;
@@ -439,6 +454,8 @@ bool QVLManifest::addRecordsTo(plist::BinaryDictionaryWriter& out, const std::st
 int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
                                             const std::vector<std::string>* skipPaths) const {
     int64_t total = 0;
+    std::optional<FolderSizesReadAhead> sizes;
+    if (options_.collectors > 0) sizes.emplace(files_, options_.collectors);
     const bool complete = enumerateTree(
         files_, standardizedPath(path), skipPaths, kTotalSignature,
         [&](const WalkItem& item) {
@@ -450,8 +467,10 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
             ItemType type;
             uint64_t bytes = 0;
             ItemStat st;
-            const int rc = item.folderFd >= 0 ? files_.typeAndSizeAt(item.folderFd, item.name, &type, &bytes)
-                                              : files_.statItem(item.path, &st);
+            const int rc = item.folderFd < 0 ? files_.statItem(item.path, &st)
+                           : sizes ? sizes->sizeOf(*item.folder, item.depth, item.serial, *item.entries,
+                                                   item.index, &bytes)
+                                   : files_.typeAndSizeAt(item.folderFd, item.name, &type, &bytes);
             if (rc != 0) {
                 QVLLog("Cound not get attribute for item %@", item.path);
                 return false;

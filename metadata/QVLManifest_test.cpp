@@ -141,7 +141,7 @@ TEST(QVLManifestWalk, EnumerationErrorsAreLoggedAndRecordFailuresEndTheWalk) {
     files.failListDirectory = nullptr;
     files.failStat = [&](const std::string& p, bool) { return p == other; };
     QVLLogCapture capture;
-    QVLManifest manifest(files);
+    QVLManifest manifest(files, QVLManifest::WalkOptions{1});  // failures met by a collector
     EXPECT_FALSE(manifest.addFilesFromPath(tree.root(), tree.root(), nullptr));
     EXPECT_TRUE(capture.contains("Couldn't get meta data for " + other));
     EXPECT_EQ(manifest.calculateTotalFileSize(tree.root(), nullptr), 0);
