@@ -33,7 +33,6 @@ TEST(QVLFormat, PrintfConversionsAndLengthModifiersAsOnTheDevice) {
               "-7 123456789012 -5 18446744073709551615");
     EXPECT_EQ(QVLStringWithFormat("%x %lx %08x %02x %%", 255, 0xabcdef012L, 0x1234, 5),
               "ff abcdef012 00001234 05 %");
-    EXPECT_EQ(QVLStringWithFormat("range [%d..%d)", 3, 5), "range [3..5)");
     // An error code of -1 printed with "0x%x" shows 32 bits, with %lx 64.
     EXPECT_EQ(QVLStringWithFormat("(0x%x)", -1), "(0xffffffff)");
     EXPECT_EQ(QVLStringWithFormat("%lx", -1L), "ffffffffffffffff");

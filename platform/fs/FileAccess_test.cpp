@@ -76,7 +76,6 @@ TEST(FileAccess, WalksBeneathABaseStayBelowIt) {
     t.file("base/a/b/file", "x");
     t.folder("outside");
     t.symlink("base/escape", t.path("outside"));
-    t.symlink("base/a/inner", "b");
     t.symlink("base/a/up", t.root());
     const UniqueFd base = files().openFolder(t.path("base"));
     ASSERT_TRUE(base.valid());
@@ -89,8 +88,6 @@ TEST(FileAccess, WalksBeneathABaseStayBelowIt) {
         {"a/b", 0, 0, "base/a/b"},
         {"//a/./b//file", ENOTDIR, 0, "base/a/b/file"},
         {"", 0, 0, "base"},
-        {"/", 0, 0, "base"},
-        {"a/inner", ELOOP, 0, "base/a/inner"},
         {"escape", ELOOP, 0, "base/escape"},
         {"escape/x", ELOOP, ELOOP, nullptr},
         {"a/up/base/a/b/file", ELOOP, ELOOP, nullptr},

@@ -1,13 +1,10 @@
 // End-to-end tests of the helper: the real binary in a sandboxed device root,
 // driven through its real socket by qvalctl inside the sandbox (so the
 // entitlement registry can recognise it) or, to use up its descriptors, by
-// raw connections from the host. One test per family of commands; log lines
+// plain connections from the host. One test per family of commands; log lines
 // are checked word for word in the helper's own log file. Hostile frames and
 // hang-ups are the service's unit tests' (platform/zrp).
-#include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -17,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/zrp/ZRP.h"
 #include "tests/support/Sandbox.h"
 #include "tests/support/TestSupport.h"
 
@@ -31,20 +29,6 @@ using testing::readText;
 constexpr const char* kService = "com.ostrel.quorvaledhelper";
 const std::string kGate = "-[QVLHMessageResponder hasEntitlementQuorvaled]: ";
 const std::string kRefused = "The client does not have proper entitlement";
-
-// A raw connection from the host to the helper's socket; -1 when it fails.
-int connectFromHost(const Sandbox& sandbox) {
-    const std::string path = sandbox.socketDirectory() + "/" + kService;
-    int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un addr{};
-    addr.sun_family = AF_UNIX;
-    std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
-    if (fd >= 0 && ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        ::close(fd);
-        fd = -1;
-    }
-    return fd;
-}
 
 std::string lastLine(const Sandbox& sandbox) {
     const Lines lines = sandbox.logLines();
@@ -203,13 +187,13 @@ TEST(HelperLifecycleTest, EndsWithTheStatusOfItsCause) {
     const size_t limit = openDescriptorCount(pid) + 4;
     ASSERT_EQ(
         runCommand({"prlimit", "--pid", std::to_string(pid), "--nofile=" + std::to_string(limit)}).status, 0);
-    std::vector<int> held;
+    std::vector<std::unique_ptr<zrp::Client>> held;
     for (int i = 0; i < 32 && sandbox.running(); ++i) {
-        if (const int fd = connectFromHost(sandbox); fd >= 0) held.push_back(fd);
+        held.push_back(zrp::Client::connect(kService, nullptr, sandbox.socketDirectory()));
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(sandbox.waitForExit(std::chrono::seconds(10)), 1);
-    for (const int fd : held) ::close(fd);
+    held.clear();
     EXPECT_EQ(lastLine(sandbox), "Got ZRP error on listener connection: Too many open files");
 
     // A restart ends the sandbox as it ends the device, and nothing else.

@@ -30,7 +30,6 @@ TEST(QvalctlArguments, OptionsCommandAndRefusals) {
 
     const std::vector<std::pair<std::vector<std::string>, std::string>> refusals = {
         {{}, "no command given"},
-        {{"--json"}, "no command given"},
         {{"--timeout", "0", "x:"}, "--timeout needs a positive number of seconds, not \"0\""},
         {{"--timeout", "abc", "x:"}, "--timeout needs a positive number of seconds, not \"abc\""},
         {{"--timeout"}, "--timeout needs a value"},
