@@ -16,6 +16,8 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
+#include <new>
 
 namespace qvl::plist::detail {
 
@@ -46,5 +48,27 @@ class Arena {
     char* end_ = nullptr;
     size_t handedOut_ = 0;  // blocks of the current chunk, counted there on leaving
 };
+
+// A block of `bytes` from malloc; std::bad_alloc when there is none.
+inline void* allocateBlock(size_t bytes) {
+    void* p = std::malloc(bytes);
+    if (!p) throw std::bad_alloc();
+    return p;
+}
+
+// A block from `arena` when there is one and it has room, else from malloc;
+// `inArena` tells which, for freeBlock.
+inline void* allocateBlock(size_t bytes, Arena* arena, bool& inArena) {
+    void* p = arena ? arena->allocate(bytes) : nullptr;
+    inArena = p != nullptr;
+    return p ? p : allocateBlock(bytes);
+}
+
+inline void freeBlock(void* p, bool inArena) {
+    if (inArena)
+        Arena::free(p);
+    else
+        std::free(p);
+}
 
 }  // namespace qvl::plist::detail
