@@ -14,19 +14,8 @@ namespace {
 constexpr uint32_t kSharedKeyListLength = 64;
 constexpr size_t kKeyListSlots = 256;
 
-// The thread's recently made key lists. The table is a plain array (never
-// destroyed); the release object gives its references back when the thread
-// ends.
 KeyList** recentKeyLists() {
-    thread_local KeyList* keyLists[kKeyListSlots]{};
-    thread_local struct Release {
-        ~Release() {
-            for (KeyList*& k : keyLists)
-                if (k) releaseKeyList(std::exchange(k, nullptr));
-        }
-    } releaseAtThreadEnd;
-    (void)releaseAtThreadEnd;
-    return keyLists;
+    return recentOnThisThread<KeyList, kKeyListSlots, releaseKeyList>();
 }
 
 KeyIndex* buildIndex(const KeyList* k) {

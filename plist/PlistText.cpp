@@ -18,19 +18,8 @@ namespace {
 constexpr size_t kSharedTextLength = 40;
 constexpr size_t kTextSlots = 1024;
 
-// The thread's recently made short texts. The table is a plain array (never
-// destroyed); the release object gives its references back when the thread
-// ends.
 Text** recentTexts() {
-    thread_local Text* texts[kTextSlots]{};
-    thread_local struct Release {
-        ~Release() {
-            for (Text*& t : texts)
-                if (t) release(std::exchange(t, nullptr));
-        }
-    } releaseAtThreadEnd;
-    (void)releaseAtThreadEnd;
-    return texts;
+    return recentOnThisThread<Text, kTextSlots, release>();
 }
 
 Text* newText() {

@@ -11,9 +11,11 @@
 // thread; makeText touches only the calling thread's table.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "plist/PlistValue.h"
 
@@ -31,6 +33,23 @@ inline uint32_t textHash(const Text* t) {
 
 inline bool textEquals(const Text* t, std::string_view s) {
     return t->text.size() == s.size() && std::memcmp(t->text.data(), s.data(), s.size()) == 0;
+}
+
+// The calling thread's table of `N` recently made shared parts (texts, key
+// lists), each slot holding one reference or null. The table is a plain
+// array, never destroyed; `Release` gives its references back when the
+// thread ends.
+template <class T, size_t N, void (*Release)(T*)>
+T** recentOnThisThread() {
+    thread_local T* slots[N]{};
+    thread_local struct ReleaseAtThreadEnd {
+        ~ReleaseAtThreadEnd() {
+            for (T*& p : slots)
+                if (p) Release(std::exchange(p, nullptr));
+        }
+    } releaser;
+    (void)releaser;
+    return slots;
 }
 
 }  // namespace qvl::plist::detail
