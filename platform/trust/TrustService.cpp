@@ -18,6 +18,9 @@
 #include <openssl/x509_vfy.h>
 #include <openssl/x509v3.h>
 
+#include "base/DescriptorIO.h"
+#include "base/UniqueFd.h"
+
 namespace qvl::platform {
 
 namespace {
@@ -28,7 +31,7 @@ constexpr int kStatusNoMemory = -2;
 constexpr int kStatusInvalidSignature = -3;
 
 // Bounds on what an anchor folder can make us read.
-constexpr off_t kMaxAnchorFileSize = 1 << 20;
+constexpr uint64_t kMaxAnchorFileSize = 1 << 20;
 constexpr size_t kMaxAnchors = 256;
 
 struct X509Free {
@@ -86,22 +89,15 @@ class Trust {
 
 namespace {
 
-std::optional<std::string> readSmallFile(const std::string& path) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (fd < 0) return std::nullopt;
+// An anchor file: a regular file, reached without following a link at its
+// name, of at most kMaxAnchorFileSize bytes.
+std::optional<std::vector<uint8_t>> readAnchorFile(const std::string& path) {
+    UniqueFd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat st;
-    std::optional<std::string> bytes;
-    if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size <= kMaxAnchorFileSize) {
-        std::string buffer(static_cast<size_t>(st.st_size), '\0');
-        size_t done = 0;
-        while (done < buffer.size()) {
-            const ssize_t n = read(fd, buffer.data() + done, buffer.size() - done);
-            if (n <= 0) break;
-            done += static_cast<size_t>(n);
-        }
-        if (done == buffer.size()) bytes = std::move(buffer);
-    }
-    close(fd);
+    std::vector<uint8_t> bytes;
+    if (!fd.valid() || ::fstat(fd.get(), &st) != 0 || !S_ISREG(st.st_mode) ||
+        readAll(fd.get(), kMaxAnchorFileSize, &bytes) != 0)
+        return std::nullopt;
     return bytes;
 }
 
@@ -269,7 +265,7 @@ std::vector<CertificateRef> TrustService::loadAnchors(const std::string& folder)
     std::sort(names.begin(), names.end());
 
     for (const auto& name : names) {
-        const auto text = readSmallFile(folder + "/" + name);
+        const auto text = readAnchorFile(folder + "/" + name);
         if (!text) continue;
         std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(text->data(), static_cast<int>(text->size())));
         if (!bio) continue;
