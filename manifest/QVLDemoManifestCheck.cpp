@@ -168,13 +168,7 @@ bool QVLDemoManifestCheck::secureManifestCheckForSegmentedManifest(
         QVLLog("%s: Passed a null manifest for security checks", kSignature);
         return false;
     }
-    setSegmentedManifestWithRigorousFlag(std::move(manifest));
-    if (runSecurityCheck()) {
-        registerEntitlementNotificationHandler();
-        return true;
-    }
-    QVLLog("%s: Security checks failed\n", kSignature);
-    return false;
+    return keepAndCheck(kSignature, std::move(manifest));
 }
 
 bool QVLDemoManifestCheck::secureManifestCheckForSegmentedManifest(const Dictionary* manifest) {
@@ -195,12 +189,16 @@ bool QVLDemoManifestCheck::secureManifestCheckForUnsegmentedManifest(const Dicti
         QVLLog("%s: Not able to convert old manifest file\n", kSignature);
         return false;
     }
-    setSegmentedManifestWithRigorousFlag(std::move(copy));
+    return keepAndCheck(kSignature, std::move(copy));
+}
+
+bool QVLDemoManifestCheck::keepAndCheck(const char* signature, std::shared_ptr<const Dictionary> manifest) {
+    setSegmentedManifestWithRigorousFlag(std::move(manifest));
     if (runSecurityCheck()) {
         registerEntitlementNotificationHandler();
         return true;
     }
-    QVLLog("%s: Security checks failed\n", kSignature);
+    QVLLog("%s: Security checks failed\n", signature);
     return false;
 }
 

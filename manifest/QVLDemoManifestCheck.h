@@ -125,6 +125,10 @@ class QVLDemoManifestCheck {
   private:
     explicit QVLDemoManifestCheck(Services services);
     bool init();
+    // Keeps `manifest` as segmentedManifestWithRigorousFlag and checks it; on
+    // success starts listening for the items being installed. `signature`
+    // names the caller in the failure's log line.
+    bool keepAndCheck(const char* signature, std::shared_ptr<const plist::Dictionary> manifest);
 
     bool checkComponent(const plist::Value& component, const std::string& componentName,
                         const std::string& section);
