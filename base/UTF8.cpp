@@ -97,14 +97,17 @@ bool appendUTF16(std::string_view s, std::vector<uint16_t>& out) {
 }
 
 bool appendUTF8FromUTF16(const uint16_t* units, size_t count, std::string& out) {
-    out.reserve(out.size() + count);
+    const size_t before = out.size();
+    out.reserve(before + count);
     for (size_t i = 0; i < count; ++i) {
         uint32_t cp = units[i];
-        if (cp >= 0xDC00 && cp <= 0xDFFF) return false;
-        if (cp >= 0xD800 && cp <= 0xDBFF) {
-            if (i + 1 == count || units[i + 1] < 0xDC00 || units[i + 1] > 0xDFFF) return false;
-            cp = 0x10000 + ((cp - 0xD800) << 10) + (units[++i] - 0xDC00);
+        const bool low = cp >= 0xDC00 && cp <= 0xDFFF;
+        const bool high = cp >= 0xD800 && cp <= 0xDBFF;
+        if (low || (high && (i + 1 == count || units[i + 1] < 0xDC00 || units[i + 1] > 0xDFFF))) {
+            out.resize(before);
+            return false;
         }
+        if (high) cp = 0x10000 + ((cp - 0xD800) << 10) + (units[++i] - 0xDC00);
         appendUTF8(cp, out);
     }
     return true;

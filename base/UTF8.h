@@ -19,8 +19,8 @@ bool isValidUTF8(std::string_view s);
 // leaves `out` as it was) when `s` is not valid UTF-8.
 bool appendUTF16(std::string_view s, std::vector<uint16_t>& out);
 
-// Appends the UTF-8 form of UTF-16 code units; returns false on an unpaired
-// surrogate.
+// Appends the UTF-8 form of UTF-16 code units; returns false (and leaves
+// `out` as it was) on an unpaired surrogate.
 bool appendUTF8FromUTF16(const uint16_t* units, size_t count, std::string& out);
 
 }  // namespace qvl
