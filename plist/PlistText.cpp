@@ -22,8 +22,12 @@ Text** recentTexts() {
     return recentOnThisThread<Text, kTextSlots, release>();
 }
 
-Text* newText() {
-    return new (allocateBlock(sizeof(Text))) Text();
+Text* newText(std::string_view s) {
+    return new (allocateBlock(sizeof(Text))) Text{.text = std::string(s)};
+}
+
+Text* newText(std::string&& s) {
+    return new (allocateBlock(sizeof(Text))) Text{.text = std::move(s)};
 }
 
 }  // namespace
@@ -50,11 +54,7 @@ uint32_t hashText(std::string_view s) {
 }
 
 Text* makeText(std::string_view s) {
-    if (s.size() > kSharedTextLength) {
-        Text* t = newText();
-        t->text.assign(s);
-        return t;
-    }
+    if (s.size() > kSharedTextLength) return newText(s);
     // Two ways per set, so that two recurring texts of one set do not push
     // each other out: a new text takes the first way, the first moves on to
     // the second.
@@ -65,8 +65,7 @@ Text* makeText(std::string_view s) {
             retain(set[way]);
             return set[way];
         }
-    Text* t = newText();
-    t->text.assign(s);
+    Text* t = newText(s);
     t->hash.store(h, std::memory_order_relaxed);
     if (set[1]) release(set[1]);
     set[1] = set[0];
@@ -77,9 +76,7 @@ Text* makeText(std::string_view s) {
 
 Text* makeText(std::string&& s) {
     if (s.size() <= kSharedTextLength) return makeText(std::string_view(s));
-    Text* t = newText();
-    t->text = std::move(s);
-    return t;
+    return newText(std::move(s));
 }
 
 Text* makeText(std::string&& s, Arena* arena) {
