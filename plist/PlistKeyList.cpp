@@ -14,10 +14,6 @@ namespace {
 constexpr uint32_t kSharedKeyListLength = 64;
 constexpr size_t kKeyListSlots = 256;
 
-KeyList** recentKeyLists() {
-    return recentOnThisThread<KeyList, kKeyListSlots, releaseKeyList>();
-}
-
 KeyIndex* buildIndex(const KeyList* k) {
     uint32_t slots = 32;
     while (slots < 2 * (k->size + 1)) slots *= 2;
@@ -89,7 +85,8 @@ KeyList* shareKeyList(KeyList* k) {
     if (k->size == 0 || k->size > kSharedKeyListLength || k->inArena ||
         k->references.load(std::memory_order_acquire) != 1)
         return k;
-    KeyList*& slot = recentKeyLists()[shapeHashOf(k) & (kKeyListSlots - 1)];
+    KeyList*& slot =
+        recentOnThisThread<KeyList, kKeyListSlots, releaseKeyList>()[shapeHashOf(k) & (kKeyListSlots - 1)];
     if (slot && sameKeys(slot, k)) {
         retainKeyList(slot);
         releaseKeyList(k);

@@ -18,10 +18,6 @@ namespace {
 constexpr size_t kSharedTextLength = 40;
 constexpr size_t kTextSlots = 1024;
 
-Text** recentTexts() {
-    return recentOnThisThread<Text, kTextSlots, release>();
-}
-
 Text* newText(std::string_view s) {
     return new (allocateBlock(sizeof(Text))) Text{.text = std::string(s)};
 }
@@ -59,7 +55,7 @@ Text* makeText(std::string_view s) {
     // each other out: a new text takes the first way, the first moves on to
     // the second.
     const uint32_t h = hashText(s);
-    Text** set = &recentTexts()[h & (kTextSlots - 2)];
+    Text** set = &recentOnThisThread<Text, kTextSlots, release>()[h & (kTextSlots - 2)];
     for (int way = 0; way < 2; ++way)
         if (set[way] && textEquals(set[way], s)) {
             retain(set[way]);
