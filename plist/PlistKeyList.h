@@ -8,9 +8,9 @@
 // Internal to plist/. The lookups and the allocation sit here, inline: they
 // are on the path of every dictionary made and every key looked up.
 //
-// Thread-safety: a list shared by const dictionaries may be read (and its
-// index built) from any number of threads; a list is changed only by the one
-// dictionary that holds it alone.
+// Thread-safety: any number of threads may look up keys in a list shared by
+// const dictionaries (and so build its index); a list is changed only by the
+// one dictionary that holds it alone.
 #pragma once
 
 #include <cstdint>
