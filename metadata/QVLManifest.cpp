@@ -236,7 +236,9 @@ int64_t recordedSize(const QVLFileMetadata& metadata) {
 }  // namespace
 
 unsigned QVLManifest::WalkOptions::machineCollectors() {
-    return std::clamp(std::thread::hardware_concurrency(), 1u, 4u);
+    // The walking thread runs collecting jobs itself whenever it would wait
+    // for one: it takes the last processor.
+    return std::clamp(std::thread::hardware_concurrency(), 2u, 5u) - 1;
 }
 
 QVLManifest::QVLManifest(platform::FileSystem& files, const plist::Dictionary* dict) : files_(files) {

@@ -56,7 +56,7 @@ class QVLManifest {
         // it does all the work itself). Records keep the walk's order either
         // way; the FileSystem must then take calls from several threads.
         unsigned collectors = 0;
-        // One per processor of this machine, at most 4.
+        // One per processor of this machine but one (at least one), at most 4.
         static unsigned machineCollectors();
     };
 
