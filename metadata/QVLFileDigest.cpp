@@ -55,7 +55,7 @@ std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::
                                               platform::FileSystem& files, bool* fromDisk) {
     // Read-ahead advice only matters for a file of more than one piece; most
     // files of a device tree are smaller, and the call is not free.
-    if (size > kQVLFileHashPieceSize) files.adviseSequential(fd);
+    if (size > kQVLFileHashPieceSize) files.adviseReadOnce(fd);
     // One piece buffer and one digest context per thread, kept between files:
     // for a small file, allocating them costs as much as hashing it.
     thread_local std::unique_ptr<uint8_t[]> piece(new (std::nothrow) uint8_t[kQVLFileHashPieceSize]);
@@ -81,10 +81,8 @@ std::optional<plist::Data> fileHashOfOpenFile(int fd, uint64_t size, const std::
         EVP_DigestUpdate(ctx.get(), piece.get(), static_cast<size_t>(n));
         // A file that fits one piece and gave all the bytes it had when
         // opened is done: asking again for the end would cost a second read
-        // for every small file. One that grew meanwhile is read on. Its pages
-        // are left to the kernel: dropping them costs more than the read.
+        // for every small file. One that grew meanwhile is read on.
         if (offset == 0 && static_cast<uint64_t>(n) == size && size < kQVLFileHashPieceSize) break;
-        files.adviseDone(fd, offset, n);
         offset += n;
     }
     std::optional<plist::Data> digest = finishSHA1(ctx.get());

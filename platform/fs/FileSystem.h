@@ -213,10 +213,10 @@ class FileSystem {
     // to come from the disk (or where the file system can't tell): a walk
     // learns so whether fetching ahead pays.
     virtual ssize_t readWithoutWaiting(int fd, void* buffer, size_t size) = 0;
-    // Advice that the file is read once from start to end, and that the
-    // pages of [offset, offset + length) are no longer needed.
-    virtual void adviseSequential(int fd) = 0;
-    virtual void adviseDone(int fd, off_t offset, off_t length) = 0;
+    // Advice that the file is read once from start to end: read far ahead,
+    // and let the pages read from the disk go before the ones in use. Pages
+    // already in memory stay: a walk must not evict what others keep there.
+    virtual void adviseReadOnce(int fd) = 0;
     // Asks the kernel to start reading the first `length` bytes of a regular
     // file that will be read soon, without waiting for them.
     virtual void prefetch(const std::string& path, off_t length) = 0;

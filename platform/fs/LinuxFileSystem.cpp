@@ -361,12 +361,11 @@ ssize_t LinuxFileSystem::readWithoutWaiting(int fd, void* buffer, size_t size) {
     }
 }
 
-void LinuxFileSystem::adviseSequential(int fd) {
+void LinuxFileSystem::adviseReadOnce(int fd) {
     ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-}
-
-void LinuxFileSystem::adviseDone(int fd, off_t offset, off_t length) {
-    ::posix_fadvise(fd, offset, length, POSIX_FADV_DONTNEED);
+    // Pages read through the descriptor are not marked as used again, so
+    // they are the first to go; a kernel before 6.3 ignores the advice.
+    ::posix_fadvise(fd, 0, 0, POSIX_FADV_NOREUSE);
 }
 
 void LinuxFileSystem::prefetch(const std::string& path, off_t length) {

@@ -57,8 +57,7 @@ class LinuxFileSystem : public FileSystem {
     UniqueFd openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
     ssize_t readWithoutWaiting(int fd, void* buffer, size_t size) override;
-    void adviseSequential(int fd) override;
-    void adviseDone(int fd, off_t offset, off_t length) override;
+    void adviseReadOnce(int fd) override;
     void prefetch(const std::string& path, off_t length) override;
 
     int typeAndSizeAt(int folderFd, const std::string& name, ItemType* type, uint64_t* size) override;

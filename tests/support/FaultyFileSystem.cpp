@@ -70,11 +70,6 @@ ssize_t FaultyFileSystem::read(int fd, void* buffer, size_t size) {
     return -1;
 }
 
-void FaultyFileSystem::adviseDone(int fd, off_t offset, off_t length) {
-    doneAdvice.emplace_back(offset, length);
-    LinuxFileSystem::adviseDone(fd, offset, length);
-}
-
 int FaultyFileSystem::writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                                           std::optional<uint32_t> mode) {
     if (writeError == 0) return LinuxFileSystem::writeFileAtomically(path, bytes, mode);

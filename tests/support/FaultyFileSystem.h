@@ -20,7 +20,6 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     int failReadNumber = 0;  // fails the n-th read (counting from 1) when set
     int writeError = 0;      // when set, writeFileAtomically(From) fails with it and writes nothing
     int reads = 0;
-    std::vector<std::pair<off_t, off_t>> doneAdvice;
 
     // Calls on an open folder or item are hooked by the path they reach.
     int statItem(const std::string& path, platform::ItemStat* out) override;
@@ -35,7 +34,6 @@ class FaultyFileSystem : public platform::LinuxFileSystem {
     int listDirectory(const std::string& path, std::vector<platform::DirectoryEntry>* out) override;
     UniqueFd openForReading(const std::string& path, uint64_t* size) override;
     ssize_t read(int fd, void* buffer, size_t size) override;
-    void adviseDone(int fd, off_t offset, off_t length) override;
     int writeFileAtomically(const std::string& path, std::span<const uint8_t> bytes,
                             std::optional<uint32_t> mode) override;
     // With writeError set, the content is still made (and dropped).
