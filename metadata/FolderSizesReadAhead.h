@@ -14,12 +14,10 @@
 
 #include "base/UniqueFd.h"
 #include "metadata/OrderedWorkPool.h"
+#include "metadata/TreeEnumerator.h"
 #include "platform/fs/FileSystem.h"
 
 namespace qvl {
-
-// A folder the walk holds open, shared with the jobs that read in it.
-using SharedFolder = std::shared_ptr<const UniqueFd>;
 
 // The sizes of the files in the folders a walk goes through, read by
 // collectors ahead of the walking thread, which then only lists folders and

@@ -104,7 +104,8 @@ class OrderedWorkPool {
     bool claim(size_t* index) {
         size_t started = started_.load(std::memory_order_relaxed);
         for (;;) {
-            if (stopping_.load(std::memory_order_relaxed) || started >= given_.load(std::memory_order_acquire))
+            if (stopping_.load(std::memory_order_relaxed) ||
+                started >= given_.load(std::memory_order_acquire))
                 return false;
             if (started_.compare_exchange_weak(started, started + 1, std::memory_order_acq_rel)) {
                 *index = started;

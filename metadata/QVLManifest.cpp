@@ -13,13 +13,13 @@
 #include "metadata/OrderedWorkPool.h"
 #include "metadata/QVLAttributeDictionary.h"
 #include "metadata/QVLFileDigest.h"
+#include "metadata/TreeEnumerator.h"
 #include "platform/fs/FileSystem.h"
 #include "plist/PlistBinaryDictionaryWriter.h"
 
 namespace qvl {
 namespace {
 
-using platform::DirectoryEntry;
 using platform::ItemStat;
 using platform::ItemType;
 
@@ -49,10 +49,6 @@ std::string appendingPathComponent(std::string_view folder, std::string_view com
     return standardizedPath(joined);
 }
 
-std::string childPath(const std::string& parent, const std::string& name) {
-    return parent == "/" ? "/" + name : parent + "/" + name;
-}
-
 std::string removingOccurrences(std::string_view text, std::string_view pattern) {
     std::string result;
     size_t pos = 0;
@@ -62,18 +58,6 @@ std::string removingOccurrences(std::string_view text, std::string_view pattern)
     result.append(text.substr(pos));
     return result;
 }
-
-std::optional<ItemType> itemType(platform::FileSystem& files, const std::string& path) {
-    ItemStat st;
-    if (files.statItem(path, &st) != 0) return std::nullopt;
-    return st.type;
-}
-
-// How many files ahead of the one being read the walk asks the kernel to
-// fetch. Reading small files one at a time waits for the disk once per file;
-// with requests in flight for the next ones, a cold walk is several times
-// faster. Only the first piece of each is asked for, so the window stays small.
-constexpr size_t kPrefetchWindow = 32;
 
 // Fetching ahead costs the walking thread an open and a call per file, which
 // a walk of files already in memory does not need: a walk fetches ahead once
@@ -87,141 +71,11 @@ constexpr size_t kDiskReadsToFetch = 8;
 constexpr size_t kCloseItems = 64;
 constexpr size_t kQuietItems = 4096;
 
-// Folders held open on the way down. Items are looked at relative to their
-// open folder, which spares resolving each one's whole path; below this depth
-// folders are listed, and their items looked at, by path, so that a deep tree
-// can't run the process out of descriptors.
-constexpr size_t kMaxOpenFolders = 64;
-
 // Items whose records collectors may be reading ahead of the walk. Each may
 // keep its folder open after the walk has left it, so that the collectors
 // need not be waited for at the end of every folder: at most this many
 // folders more are open.
 constexpr size_t kCollectDepth = 64;
-
-// Files opened ahead, at most, over all the folders of a walk: a file
-// fetched ahead through a folder held open stays open until the walk reaches
-// it, which spares opening it twice.
-constexpr size_t kMaxOpenedAhead = 2 * kPrefetchWindow;
-
-// One item met by a walk: its path, its name in the open folder `folderFd`
-// (-1 when the folder is not held open; `folder` then is null), its type
-// (nullopt when it can't be read) and, for a file fetched ahead, the
-// descriptor that fetch opened. An item listed in a folder also has its place
-// there: the folder's depth, a number that no other folder of the walk has,
-// its entries and its index among them.
-struct WalkItem {
-    int folderFd;
-    const SharedFolder* folder;
-    const std::string& name;
-    const std::string& path;
-    std::optional<ItemType> type;
-    UniqueFd* opened = nullptr;
-    size_t depth = 0;
-    uint64_t serial = 0;
-    const std::vector<DirectoryEntry>* entries = nullptr;
-    size_t index = 0;
-};
-
-std::optional<ItemType> typeAt(platform::FileSystem& files, int folderFd, const std::string& name,
-                               const std::string& path) {
-    if (folderFd < 0) return itemType(files, path);
-    ItemType type;
-    uint64_t size;
-    if (files.typeAndSizeAt(folderFd, name, &type, &size) != 0) return std::nullopt;
-    return type;
-}
-
-// Visits every item below `top`, depth first, a folder before its contents,
-// without following links. Folders inside a skip folder are not opened: all
-// they hold would be skipped. `visit(item)` gets nullopt as the type when it
-// cannot be read, and stops the enumeration by answering false.
-// `prefetch(folderFd, folderPath, name, mayKeepOpen)` is told of each regular
-// file some items before it is visited; it may answer the file opened, which
-// the visit then gets. Memory: the listings of the folders from `top` down
-// to the current item, and at most kMaxOpenedAhead descriptors.
-template <class Visit, class Prefetch>
-bool enumerateTree(platform::FileSystem& files, const std::string& top, const std::vector<std::string>* skip,
-                   const char* signature, Visit visit, Prefetch prefetch) {
-    struct Level {
-        Level() = default;
-        Level(Level&&) = default;  // never copied: it owns the descriptors opened ahead
-        Level& operator=(Level&&) = default;
-        std::string path;
-        uint64_t serial = 0;
-        SharedFolder folder;
-        std::vector<DirectoryEntry> entries;
-        size_t next = 0;
-        size_t prefetched = 0;
-        std::deque<std::pair<size_t, UniqueFd>> opened;  // by entry index, in order
-    };
-    std::vector<Level> stack;
-    size_t openedAhead = 0;
-    uint64_t folders = 0;
-    auto descend = [&](int parentFd, const std::string& name, const std::string& folder) {
-        if (QVLManifest::folderContains(skip, folder)) return;
-        Level level;
-        level.path = folder;
-        level.serial = ++folders;
-        int listed = -1;
-        if (stack.size() >= kMaxOpenFolders) {
-            listed = files.listDirectory(folder, &level.entries);
-        } else {
-            UniqueFd fd = parentFd >= 0 ? files.openItemAt(parentFd, name, ItemType::kDirectory)
-                                        : files.openFolder(folder);
-            if (fd.valid()) {
-                listed = files.listFolder(fd.get(), &level.entries);
-                level.folder = std::make_shared<const UniqueFd>(std::move(fd));
-            }
-        }
-        if (listed != 0) {
-            QVLLog("%s: Could not enumerate %@, url=%@, error=%@", signature, folder,
-                   "file://" + folder + "/", QVLAttributeDictionary::errorText(errno));
-            return;
-        }
-        stack.push_back(std::move(level));
-    };
-    if (itemType(files, top) == ItemType::kDirectory) descend(-1, top, top);
-    while (!stack.empty()) {
-        Level& level = stack.back();
-        if (level.next == level.entries.size()) {
-            openedAhead -= level.opened.size();
-            stack.pop_back();
-            continue;
-        }
-        const int folderFd = level.folder ? level.folder->get() : -1;
-        for (const size_t end = std::min(level.entries.size(), level.next + kPrefetchWindow);
-             level.prefetched < end; ++level.prefetched) {
-            const DirectoryEntry& ahead = level.entries[level.prefetched];
-            if (ahead.type != ItemType::kRegular) continue;
-            UniqueFd fd =
-                prefetch(folderFd, level.path, ahead.name, folderFd >= 0 && openedAhead < kMaxOpenedAhead);
-            if (fd.valid()) {
-                level.opened.emplace_back(level.prefetched, std::move(fd));
-                ++openedAhead;
-            }
-        }
-        // Entries stay where they are while deeper levels are pushed: the
-        // vector holding them moves with its level.
-        const size_t index = level.next++;
-        const DirectoryEntry& entry = level.entries[index];
-        UniqueFd opened;
-        if (!level.opened.empty() && level.opened.front().first == index) {
-            opened = std::move(level.opened.front().second);
-            level.opened.pop_front();
-            --openedAhead;
-        }
-        const std::string item = childPath(level.path, entry.name);
-        if (QVLManifest::folderContains(skip, item)) continue;
-        const std::optional<ItemType> type =
-            entry.type != ItemType::kUnknown ? entry.type : typeAt(files, folderFd, entry.name, item);
-        if (!visit(WalkItem{folderFd, &level.folder, entry.name, item, type, &opened, stack.size() - 1,
-                            level.serial, &level.entries, index}))
-            return false;
-        if (type == ItemType::kDirectory) descend(folderFd, entry.name, item);
-    }
-    return true;
-}
 
 bool isRecordedKind(ItemType type) {
     return type == ItemType::kRegular || type == ItemType::kDirectory || type == ItemType::kSymbolicLink;
@@ -335,7 +189,7 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
             // An item removed while the walk runs is no longer part of the
             // tree: go on without it. Any other failure would leave a hole in
             // a manifest reported as complete, so the walk ends with false.
-            return !itemType(files_, item) && errno == ENOENT;
+            return !TreeEnumerator::itemType(files_, item) && errno == ENOENT;
         }
         const int64_t size = updater ? recordedSize(*metadata) : 0;
         if (!handler(*metadata, key)) {
@@ -429,7 +283,7 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
     // most of a tree out, and fetching those would flood the cache.
     auto prefetch = [&](int folderFd, const std::string& folder, const std::string& name, bool mayKeepOpen) {
         if (!fetchingAhead()) return UniqueFd();
-        const std::string path = childPath(folder, name);
+        const std::string path = TreeEnumerator::childPath(folder, name);
         if (folderContains(skip, path) || (superSet && !pathInSuperSet(path, superSet))) return UniqueFd();
         constexpr auto kLength = static_cast<off_t>(kQVLFileHashPieceSize);
         if (mayKeepOpen) return files_.openAndPrefetchAt(folderFd, name, kLength);
@@ -440,8 +294,8 @@ bool QVLManifest::enumerateAndCollectMetaData(const std::string& path, const std
         }
         return UniqueFd();
     };
-    if (!enumerateTree(files_, top, skip, kWalkSignature, walk, prefetch)) return false;
-    return walk(WalkItem{-1, nullptr, top, top, itemType(files_, top)}) && drain();
+    if (!TreeEnumerator::enumerate(files_, top, skip, kWalkSignature, walk, prefetch)) return false;
+    return walk(WalkItem{-1, nullptr, top, top, TreeEnumerator::itemType(files_, top)}) && drain();
 }
 
 bool QVLManifest::addRecordsTo(plist::BinaryDictionaryWriter& out, const std::string& path,
@@ -458,7 +312,7 @@ int64_t QVLManifest::calculateTotalFileSize(const std::string& path,
     int64_t total = 0;
     std::optional<FolderSizesReadAhead> sizes;
     if (options_.collectors > 0) sizes.emplace(files_, options_.collectors);
-    const bool complete = enumerateTree(
+    const bool complete = TreeEnumerator::enumerate(
         files_, standardizedPath(path), skipPaths, kTotalSignature,
         [&](const WalkItem& item) {
             if (!item.type) {
