@@ -9,7 +9,7 @@
 //
 // A job is small (a file of a few KiB), and waking a thread, or waiting for
 // a lock another thread holds, costs about as much as one. So the owner
-// hands jobs over an eighth of the depth at a time, workers claim them and
+// hands jobs over half the depth at a time, workers claim them and
 // hand results back through atomics, without a lock, and the owner, rather
 // than sleep when the oldest result is not there yet, runs the jobs no
 // worker has started itself. A thread sleeps only when there is nothing left
